@@ -1,0 +1,73 @@
+// The file layer: opens under advisory locks, atomic temporary files, sync
+// and swap. Call sites use the FileIO_* functions below, which dispatch to
+// the selected host's FileSystem.
+#pragma once
+
+#include <string>
+
+enum FileIOResult {
+  FILEIO_SUCCESS = 0,
+  FILEIO_ERROR,               // any other failure; errno tells which
+  FILEIO_LOCK_FAILED,         // the lock is held by another open file
+  FILEIO_FILE_NOT_FOUND,
+  FILEIO_NO_PERMISSION,
+  FILEIO_WRITE_ERROR_NOSPC,
+};
+
+// Access word bits. 0x21 opens for reading under a shared lock, 0x2003 for
+// reading and writing under an exclusive lock.
+constexpr int FILEIO_OPEN_ACCESS_READ = 0x0001;
+constexpr int FILEIO_OPEN_ACCESS_WRITE = 0x0002;
+constexpr int FILEIO_OPEN_LOCKED = 0x0020;
+constexpr int FILEIO_OPEN_EXCLUSIVE_LOCK = 0x2000;
+
+struct FileIODescriptor {
+  int fd = -1;
+  std::string path;
+};
+
+namespace zel {
+namespace platform {
+
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+
+  // Opens an existing file. With a lock bit the lock is tried once, without
+  // waiting: a lock held through another open file gives FILEIO_LOCK_FAILED.
+  // A locked open always refers to the file currently at `path`, never to
+  // one that a concurrent swap has just replaced. Sets errno on failure.
+  virtual FileIOResult Open(FileIODescriptor* file, const std::string& path, int access) = 0;
+
+  // Closes and releases the lock. The descriptor becomes invalid either way.
+  virtual FileIOResult Close(FileIODescriptor* file) = 0;
+
+  // Creates an empty, writable temporary file in the directory of `path`,
+  // with the permission bits of `path` when it exists.
+  virtual FileIOResult AtomicTempFile(const std::string& path, FileIODescriptor* temp) = 0;
+
+  virtual FileIOResult Sync(const FileIODescriptor& file) = 0;
+
+  // Renames `temp` over `path` and syncs the directory, so that after
+  // success either the old or the new file is found there after a crash,
+  // never a partial one. On success `temp` is closed and invalidated; on
+  // failure it is left open for the caller to remove.
+  virtual FileIOResult AtomicUpdate(FileIODescriptor* temp, const std::string& path) = 0;
+
+  // Closes and removes the file.
+  virtual FileIOResult CloseAndUnlink(FileIODescriptor* file) = 0;
+};
+
+}  // namespace platform
+}  // namespace zel
+
+void FileIO_Invalidate(FileIODescriptor* file);
+bool FileIO_IsValid(const FileIODescriptor& file);
+const char* FileIO_MsgError(FileIOResult result);
+
+FileIOResult FileIO_Open(FileIODescriptor* file, const char* path, int access);
+FileIOResult FileIO_Close(FileIODescriptor* file);
+FileIOResult FileIO_AtomicTempFile(const char* path, FileIODescriptor* temp);
+FileIOResult FileIO_Sync(const FileIODescriptor& file);
+FileIOResult FileIO_AtomicUpdate(FileIODescriptor* temp, const char* path);
+FileIOResult FileIO_CloseAndUnlink(FileIODescriptor* file);
