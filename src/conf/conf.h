@@ -172,6 +172,7 @@ struct isns {
   TAILQ_ENTRY(isns) i_next;
   struct conf *i_conf;
   char *i_addr;
+  struct portal *i_portal;  // ownerless portal with the server's host and port
   struct addrinfo *i_ai;
 };
 
@@ -231,6 +232,8 @@ void conf_delete(struct conf *conf);
 int conf_verify(struct conf *conf);
 
 // --- auth groups ----------------------------------------------------------
+// An unnamed group is a target's private one: its messages name the target,
+// so the caller sets ag_target before adding types or credentials.
 struct auth_group *auth_group_new(struct conf *conf, const char *name);
 struct auth_group *auth_group_find(const struct conf *conf, const char *name);
 void auth_group_delete(struct auth_group *ag);
@@ -289,8 +292,9 @@ int isns_new(struct conf *conf, const char *addr);
 void isns_delete(struct isns *is);
 
 // Splits "host", "host:port", "[v6]" or "[v6]:port"; a bare IPv6 address
-// (two or more ':') is all host. Returns 0, or 1 for a malformed bracket.
-// The outputs are heap copies owned by the caller.
+// (two or more ':') is all host. A missing or empty port is `def_port`.
+// Returns 0, or 1 for a malformed bracket (outputs untouched). The outputs
+// are heap copies owned by the caller.
 int parse_addr_port(const char *arg, const char *def_port, char **host, char **port);
 
 // --- pports and ports -------------------------------------------------------
@@ -326,6 +330,7 @@ struct lun *lun_find(const struct conf *conf, const char *name);
 void lun_delete(struct lun *lun);
 struct lun *lun_find_by_ctl_id(const struct conf *conf, uint32_t id);
 struct target *lun_target_find(const struct conf *conf, const struct lun *lun);
+// The string setters keep a private copy; null clears the field.
 void lun_set_backend(struct lun *lun, const char *value);
 void lun_set_blocksize(struct lun *lun, size_t value);
 void lun_set_device_type(struct lun *lun, uint8_t value);
@@ -358,8 +363,10 @@ char *checked_strdup(const char *s);
 
 // --- logging -------------------------------------------------------------------------
 // One process-wide level: a message is emitted when its level is not above
-// it. Warnings are 2, info 3, debug 4 and 5. log_err and log_errx throw
-// OrvaCtlException with the formatted text and never return.
+// it. Warnings are 2, info 3, debug 4 and 5. The level is 0 until log_init,
+// so a process that wants the layer's messages must call it. Lines are cut
+// to 255 characters. log_err and log_errx throw OrvaCtlException with the
+// formatted text and never return.
 void log_init(int level);
 void log_warn(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void log_warnx(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -7,9 +7,14 @@
 #include <memory>
 
 #include "platform/Clock.h"
+#include "platform/ClusterFacts.h"
+#include "platform/ConfigStore.h"
+#include "platform/Directory.h"
+#include "platform/DiskLibrary.h"
 #include "platform/FileIO.h"
 #include "platform/HostConfig.h"
 #include "platform/Log.h"
+#include "platform/PolicyService.h"
 
 namespace zel {
 namespace platform {
@@ -25,16 +30,41 @@ class Host {
   LogSink& GetLog() { return *log_; }
   FileSystem& Files() { return *files_; }
 
+  // Services a process may do without (a tool that only reads files);
+  // reaching one that was never set throws OrvaCtlException.
+  Directory& GetDirectory();
+  ClusterFacts& Cluster();
+  ConfigStore& Store();
+  PolicyService& Policies();
+  DiskLibrary& Disks();
+
+  void SetDirectory(std::unique_ptr<Directory> directory);
+  void SetCluster(std::unique_ptr<ClusterFacts> cluster);
+  void SetStore(std::unique_ptr<ConfigStore> store);
+  void SetPolicies(std::unique_ptr<PolicyService> policies);
+  void SetDisks(std::unique_ptr<DiskLibrary> disks);
+
  private:
   HostConfig config_;
   std::unique_ptr<Clock> clock_;
   std::unique_ptr<LogSink> log_;
   std::unique_ptr<FileSystem> files_;
+  // Declared before the services that use it, so it outlives them.
+  std::unique_ptr<Directory> directory_;
+  std::unique_ptr<ClusterFacts> cluster_;
+  std::unique_ptr<ConfigStore> store_;
+  std::unique_ptr<PolicyService> policies_;
+  std::unique_ptr<DiskLibrary> disks_;
 };
 
-// The local Linux backends under `config`, logging to standard error up to
-// `maxLevel`.
+// The local clock, file layer and a standard-error log up to `maxLevel`:
+// enough for tools that only read and write configuration files.
 std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel);
+
+// NewLocalHost plus the local backends of every other service under
+// `config`: the SQLite directory, cluster facts, configuration store,
+// policies and disks.
+std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel);
 
 // The selected host. Before any selection it is the local host of the
 // embedded profile under ResolveHome(""), logging warnings and errors.

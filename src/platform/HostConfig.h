@@ -1,8 +1,10 @@
-// Where this host keeps its state. Everything the service touches on a host
-// lives under the home (--home / ZEL_HOME) in the embedded profile; the
-// real-host profile keeps the service's fixed system paths.
+// Where this host keeps its state and who it is. Everything the service
+// touches on a host lives under the home (--home / ZEL_HOME) in the embedded
+// profile; the real-host profile keeps the service's fixed system paths.
+// The host configuration file is "host.json" in the home.
 #pragma once
 
+#include <map>
 #include <string>
 
 namespace zel {
@@ -12,16 +14,32 @@ enum class Profile { Embedded, RealHost };
 
 struct HostConfig {
   Profile profile = Profile::Embedded;
-  std::string home;           // state root of this host
-  std::string datastoreRoot;  // the shared datastore as mounted on this host
-  std::string backupConfPath; // the local backup copy of zel.conf
+  std::string home;             // state root of this host
+  std::string hostUuid;         // created once on first use and kept
+  std::string hostName;
+  std::string faultDomain;      // this host's site; empty outside stretched clusters
+  bool clusterMember = true;    // a one-host cluster by default
+  std::string datastoreRoot;    // the shared datastore as mounted on this host
+  std::string backupConfPath;   // the local backup copy of zel.conf
+  std::string directoryBackend; // "sqlite"
+  std::string directoryPath;    // the embedded directory database
+  std::string configStorePath;  // the host configuration store (JSON)
+  std::map<std::string, int> options;         // kernel options, "GROUP.name" -> value
+  std::map<std::string, std::string> commands; // command overrides by name
 };
 
 // The home named by `explicitHome`, else ZEL_HOME, else "/var/lib/zel".
 std::string ResolveHome(const std::string& explicitHome);
 
-// The embedded profile's layout under `home`.
+// The embedded profile's layout under `home`, without reading or writing
+// anything (the identity is left empty).
 HostConfig EmbeddedHostConfig(const std::string& home);
+
+// Reads `home`/host.json over the embedded defaults, creating the home and
+// the file with a fresh host identity on first use (safe against other
+// processes doing the same). Throws OrvaCtlException with a readable message
+// when the file cannot be read, parsed or created.
+HostConfig LoadHostConfig(const std::string& home);
 
 }  // namespace platform
 }  // namespace zel

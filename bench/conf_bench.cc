@@ -1,0 +1,102 @@
+// Reading and saving the largest admitted zel.conf, next to the raw floor of
+// a durable save of the same bytes measured in the same run. The file comes
+// from gen_max_conf.py through ZEL_BENCH_CONF (bench/run.sh sets it).
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "conf/ConfHandle.h"
+#include "edit/Parser.h"
+#include "platform/Host.h"
+#include "storage/DatastoreLayout.h"
+
+namespace {
+
+using NokCtl::Orva::IscsiTarget::ConfHandle;
+
+std::string MaxConfText() {
+  const char* path = std::getenv("ZEL_BENCH_CONF");
+  if (path == nullptr) throw std::runtime_error("set ZEL_BENCH_CONF (see bench/run.sh)");
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A home of its own holding the maximum configuration as zel.conf.
+class BenchHome {
+ public:
+  BenchHome() {
+    char pattern[] = "/tmp/zel-bench-XXXXXX";
+    home_ = mkdtemp(pattern);
+    zel::platform::SelectHost(zel::platform::NewLocalHost(
+        zel::platform::EmbeddedHostConfig(home_), zel::platform::LogLevel::Error));
+    NokCtl::Orva::IscsiTarget::Parser::InitZelParserLib();
+    log_init(0);  // the benchmark measures work, not logging
+    text_ = MaxConfText();
+    const std::string conf = NokCtl::Orva::IscsiTarget::Util::GetConfFilePath();
+    std::filesystem::create_directories(std::filesystem::path(conf).parent_path());
+    std::ofstream(conf) << text_;
+  }
+  ~BenchHome() { std::filesystem::remove_all(home_); }
+  const std::string& Text() const { return text_; }
+  std::string Dir() const { return NokCtl::Orva::IscsiTarget::Util::GetConfDirPath(); }
+
+ private:
+  std::string home_;
+  std::string text_;
+};
+
+BenchHome& Home() {
+  static BenchHome home;
+  return home;
+}
+
+void BM_ReadAndVerifyMaxConf(benchmark::State& state) {
+  Home();
+  for (auto _ : state) {
+    ConfHandle handle(ConfHandle::kShareMode);
+    benchmark::DoNotOptimize(handle.conf);
+  }
+}
+BENCHMARK(BM_ReadAndVerifyMaxConf)->Unit(benchmark::kMillisecond);
+
+void BM_SaveMaxConf(benchmark::State& state) {
+  Home();
+  ConfHandle handle(ConfHandle::kExclusiveMode);
+  for (auto _ : state) benchmark::DoNotOptimize(handle.WriteConfFile());
+}
+BENCHMARK(BM_SaveMaxConf)->Unit(benchmark::kMillisecond);
+
+// The least a durable atomic save of these bytes can cost: write a temporary
+// file, fsync it, rename it into place, fsync the directory.
+void BM_RawSaveFloor(benchmark::State& state) {
+  const std::string dir = Home().Dir();
+  const std::string& text = Home().Text();
+  const std::string temp = dir + "floor.tmp";
+  const std::string target = dir + "floor.conf";
+  for (auto _ : state) {
+    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      state.SkipWithError("write failed");
+    }
+    fsync(fd);
+    close(fd);
+    rename(temp.c_str(), target.c_str());
+    const int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+    fsync(dirFd);
+    close(dirFd);
+  }
+}
+BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,51 @@
+#!/usr/bin/env python3
+"""Writes the largest configuration the service admits, in the writer's shape:
+128 targets with CHAP, 1024 LUNs, 256 initiator groups and 8192 initiators
+(24 in each group, 16 named directly on each target)."""
+import base64
+import sys
+import uuid
+
+TARGETS, LUNS_PER_TARGET, GROUPS = 128, 8, 256
+MEMBERS_PER_GROUP, DIRECT_PER_TARGET = 24, 16
+
+
+def ident(kind, n):
+    return str(uuid.uuid5(uuid.NAMESPACE_OID, f"zel-bench-{kind}-{n}"))
+
+
+def main(path):
+    out = ["generation 1"]
+    for g in range(GROUPS):
+        out.append(f"initiator-group group-{g:03d} {{")
+        for m in range(MEMBERS_PER_GROUP):
+            out.append(f"\t initiator iqn.2024-01.org.example:g{g:03d}-h{m:02d} ")
+        out.append("}")
+    out += ["auth-group default {", "\t auth-type none", "}"]
+    for t in range(TARGETS):
+        secret = base64.b64encode(f"Secret#{t:05d}ab".encode()).decode()
+        out.append(f"auth-group {ident('target', t)} {{")
+        out.append(f'\t chap "user{t:03d}" "{secret}" ')
+        for g in (2 * t, 2 * t + 1):
+            out.append(f"\t initiator-group group-{g:03d}")
+        for d in range(DIRECT_PER_TARGET):
+            out.append(f"\t initiator-name iqn.2024-01.org.example:t{t:03d}-d{d:02d}")
+        out.append("}")
+    out += ["portal-group default {", "\t discovery-auth-group default",
+            "\t listen nok0:3260", "}"]
+    for t in range(TARGETS):
+        u = ident("target", t)
+        out += [f"target iqn.2026-11.local.zel:target-{t:03d} {{",
+                f'\talias "target-{t:03d}"', "\tportal-group default",
+                f"\tauth-group {u}", f"\toption uuid {u}"]
+        for n in range(LUNS_PER_TARGET):
+            out += [f"\tlun {n} {{", "\t\tbackend block",
+                    f"\t\tpath {u}/{ident('lun', t * LUNS_PER_TARGET + n)}.qdsk",
+                    "\t\tsize 2097152", f'\t\toption lun-alias "lun-{n}"', "\t}"]
+        out.append("}")
+    with open(path, "w") as f:
+        f.write("\n".join(out) + "\n")
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])

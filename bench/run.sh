@@ -1,0 +1,22 @@
+#!/bin/sh
+# Builds and runs the benchmarks, then prints each figure next to its goal:
+# read+verify of the largest configuration under 20 ms, and a save within
+# 1.5x the raw durable-save floor measured in the same run.
+set -eu
+cd "$(dirname "$0")/.."
+sh scripts/build.sh
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+python3 bench/gen_max_conf.py "$work/max.conf"
+ZEL_BENCH_CONF="$work/max.conf" ./build/bench/zel_conf_bench \
+  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$work/result.json" --benchmark_out_format=json
+python3 - "$work/result.json" <<'PY'
+import json, sys
+runs = {b["run_name"]: b["real_time"] for b in json.load(open(sys.argv[1]))["benchmarks"]
+        if b.get("aggregate_name") == "median"}
+read = runs["BM_ReadAndVerifyMaxConf"]
+save, floor = runs["BM_SaveMaxConf"], runs["BM_RawSaveFloor"]
+print(f"read+verify of the maximum configuration: {read:.2f} ms (goal < 20 ms)")
+print(f"save: {save:.3f} ms, raw floor: {floor:.3f} ms, ratio {save / floor:.2f} (goal <= 1.5)")
+PY

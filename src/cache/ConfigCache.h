@@ -1,0 +1,94 @@
+// The process-wide cache of the parsed zel.conf. It is trusted only while
+// this process is subscribed to the directory's configuration generation
+// entry and no change notice has arrived since the last re-read; otherwise
+// every query reads the file afresh (and refills the cache).
+//
+// Lock order: the cache lock is never held while zel.conf is open. A query
+// reads the file with no cache lock held and takes the lock only to swap the
+// fresh graph in.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include "conf/conf.h"
+#include "platform/Directory.h"
+#include "zel/DefaultInfo.h"
+#include "zel/InitiatorgroupInfo.h"
+#include "zel/TargetInfo.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+
+class ConfigCache {
+ public:
+  using SubscriptionHandle = zel::platform::Directory::SubscriptionHandle;
+
+  // REQUIRES: the cache lock is held (shared or exclusive).
+  static bool IsZelConfCacheAvailable();
+  static bool IsZelConfDirty();
+  static void SetZelConfDirty(bool dirty);
+  static bool IsBrixSubscribed();
+
+  // The cached conf's generation, or all ones when nothing is cached.
+  static uint64_t GetCachedConfGenNumber();
+
+  // Subscribes to the generation entry once; throws when it cannot.
+  static void SubscribeBrix();
+  // Ends the subscription and drops the cached conf.
+  static void UnsubscribeBrix();
+  // The same, for callers that hold the cache lock or run at unload.
+  static void UnsubscribeBrixNoLock();
+
+  // Re-reads the file into the cache without touching the dirty flag.
+  // Never throws: a failure is logged and empties the cache.
+  static void UpdateZelConfigCache(SubscriptionHandle subscribeInstance);
+
+  // Drops the cached conf and keeps the subscription.
+  static void CleanupCachedConfig();
+
+  // The directory's notice about the generation entry (see
+  // UpdateZelConfigCacheAPI).
+  static void OnConfigEntryNotice(uint32_t status);
+
+  static void SetZelConfBrixEntryExists(bool value, bool lock);
+  static bool GetZelConfBrixEntryExists(bool lock);
+
+  // The queries: from the cache when it can be trusted, else from the file.
+  static HostCtl::Orva::IscsiTarget::DefaultInfo GetConfigInfo(bool withSecrets);
+  static std::vector<HostCtl::Orva::IscsiTarget::TargetInfo> GetTargetsInfos();
+  static std::vector<HostCtl::Orva::IscsiTarget::InitiatorgroupInfo> GetInitiatorGroupInfos();
+  // The network interfaces the configuration listens on, each once.
+  static std::vector<std::string> GetAllIscsiNoknics();
+
+  // Reads zel.conf under a shared file lock and hands over its graph.
+  static struct conf* _CreateZelConf();
+  static void _UpdateZelConf(struct conf* fresh, struct conf*& cached);
+  static void _UpdateZelConfWithLock(struct conf* fresh, struct conf*& cached);
+
+ private:
+  // One shape for the four queries: convert the trusted cache, or read the
+  // file (no lock held), convert, and swap the fresh graph in.
+  template <typename Result, typename Convert>
+  static Result Query(const char* name, Convert convert);
+
+  static boost::shared_mutex cacheLock;
+  static struct conf* gZelConfig;
+  static bool gZelConfDirty;
+  static bool gIsBrixSubscribed;
+  static SubscriptionHandle gBrixSubscribeInstance;
+  static bool gZelConfBrixEntryExists;
+};
+
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl
+
+// The directory's change notice for the configuration generation entry,
+// exported under this plain name. `entry` is the directory's notice data;
+// status NOK_NOT_FOUND says the entry is absent.
+extern "C" void UpdateZelConfigCacheAPI(const void* entry, uint32_t status);

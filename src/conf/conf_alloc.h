@@ -1,0 +1,22 @@
+// Allocation helpers shared by the configuration layer's files. Each one
+// either succeeds or throws through log_err, so no caller ever has to deal
+// with a null result for want of memory.
+#pragma once
+
+#include <stdlib.h>
+
+#include "conf/conf.h"
+
+// A zeroed object of type T: null pointers, zero counters and flags. Lists
+// still need TAILQ_INIT.
+template <typename T>
+T *checked_calloc() {
+  T *p = static_cast<T *>(calloc(1, sizeof(T)));
+  if (p == NULL)
+    log_err(1, "calloc");
+  return p;
+}
+
+// Replaces *field with a private copy of `value` (null clears it). The copy
+// is made before the old string is freed, so `value` may be *field itself.
+void conf_replace_string(char **field, const char *value);

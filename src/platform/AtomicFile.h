@@ -1,0 +1,55 @@
+// This host's small state files (host.json, the configuration store): whole
+// JSON documents that are only ever replaced atomically, so a reader always
+// sees one complete version without taking a lock, and a writer that must
+// read, modify and write serialises with other processes through a sidecar
+// lock file.
+//
+// These functions reach the real file system directly rather than through
+// the host's FileSystem: host.json is read before any host exists.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace zel {
+namespace platform {
+
+// Replaces `path` with `contents`, permission bits `mode`: a temporary file
+// beside it is written, fsynced, renamed over `path`, and the directory is
+// fsynced. After a crash `path` holds the old or the new contents, never a
+// mix. On failure the previous file is left as it was and the temporary file
+// is removed. Throws OrvaCtlException naming the path and the error.
+void WriteFileAtomically(const std::string& path, const std::string& contents, mode_t mode);
+
+// Reads and parses the JSON document at `path`, which must be an object.
+// False, leaving `*document` unchanged, when there is no file. Throws
+// OrvaCtlException naming `what` ("Host configuration", ...) and the path
+// when the file cannot be read or is not a JSON object; the message gives
+// the position of a syntax error but never the text around it, which may be
+// a secret.
+bool ReadJsonFile(const std::string& path, const std::string& what, nlohmann::json* document);
+
+// WriteFileAtomically of `document`, indented for people who read it.
+void WriteJsonFileAtomically(const std::string& path, const nlohmann::json& document, mode_t mode);
+
+// An exclusive flock(2) on `lockPath` (created when absent and never
+// removed: removing it would let two writers lock different files), held for
+// the object's life. Blocks until granted. flock locks belong to the open
+// file, so two threads of one process exclude each other as two processes
+// do. Throws OrvaCtlException when the lock file cannot be opened or locked.
+class FileLock {
+ public:
+  explicit FileLock(const std::string& lockPath);
+  ~FileLock();
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+ private:
+  int fd_;
+};
+
+}  // namespace platform
+}  // namespace zel

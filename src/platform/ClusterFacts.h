@@ -1,0 +1,38 @@
+// Facts about the cluster this host belongs to: who this host is, which
+// hosts are members. Call sites use OrvaUtil::GetNodeUuid,
+// OrvaInfoImpl::GetClusterInfo and Util::GetHostNameFromUuid.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/NokStatus.h"
+
+namespace zel {
+namespace platform {
+
+struct ClusterMember {
+  std::string hostUuid;
+  std::string hostName;
+  std::string faultDomain;  // the host's site; empty when the cluster is not stretched
+};
+
+struct ClusterInfo {
+  bool isMember = false;               // this host is in a cluster
+  std::vector<ClusterMember> members;  // every member, this host included, by identity
+};
+
+class ClusterFacts {
+ public:
+  virtual ~ClusterFacts() = default;
+
+  // This host's identity, canonical UUID text. Never fails.
+  virtual std::string LocalHostUuid() = 0;
+
+  // NOK_OK with the current membership, or the status of the failure to
+  // learn it. Thread-safe.
+  virtual NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) = 0;
+};
+
+}  // namespace platform
+}  // namespace zel

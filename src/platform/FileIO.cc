@@ -1,0 +1,39 @@
+#include "platform/FileIO.h"
+
+#include "platform/Host.h"
+
+namespace {
+zel::platform::FileSystem& Files() { return zel::platform::CurrentHost().Files(); }
+}  // namespace
+
+void FileIO_Invalidate(FileIODescriptor* file) {
+  file->fd = -1;
+  file->path.clear();
+}
+
+bool FileIO_IsValid(const FileIODescriptor& file) { return file.fd >= 0; }
+
+const char* FileIO_MsgError(FileIOResult result) {
+  switch (result) {
+    case FILEIO_SUCCESS: return "No error";
+    case FILEIO_ERROR: return "Error";
+    case FILEIO_LOCK_FAILED: return "File is locked by another process";
+    case FILEIO_FILE_NOT_FOUND: return "Could not find file";
+    case FILEIO_NO_PERMISSION: return "Insufficient permission to access file";
+    case FILEIO_WRITE_ERROR_NOSPC: return "No space left on device";
+  }
+  return "Unknown error";
+}
+
+FileIOResult FileIO_Open(FileIODescriptor* file, const char* path, int access) {
+  return Files().Open(file, path, access);
+}
+FileIOResult FileIO_Close(FileIODescriptor* file) { return Files().Close(file); }
+FileIOResult FileIO_AtomicTempFile(const char* path, FileIODescriptor* temp) {
+  return Files().AtomicTempFile(path, temp);
+}
+FileIOResult FileIO_Sync(const FileIODescriptor& file) { return Files().Sync(file); }
+FileIOResult FileIO_AtomicUpdate(FileIODescriptor* temp, const char* path) {
+  return Files().AtomicUpdate(temp, path);
+}
+FileIOResult FileIO_CloseAndUnlink(FileIODescriptor* file) { return Files().CloseAndUnlink(file); }

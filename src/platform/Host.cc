@@ -1,0 +1,82 @@
+#include "platform/Host.h"
+
+#include <mutex>
+
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace platform {
+namespace {
+
+// Never destroyed: the library's unload hook and late threads may still log
+// while the process's static objects are being torn down.
+std::unique_ptr<Host>& Selected() {
+  static auto* host = new std::unique_ptr<Host>();
+  return *host;
+}
+
+std::once_flag& DefaultOnce() {
+  static std::once_flag once;
+  return once;
+}
+
+}  // namespace
+
+Host::Host(HostConfig config, std::unique_ptr<Clock> clock, std::unique_ptr<LogSink> log,
+           std::unique_ptr<FileSystem> files)
+    : config_(std::move(config)),
+      clock_(std::move(clock)),
+      log_(std::move(log)),
+      files_(std::move(files)) {}
+
+Host::~Host() = default;
+
+namespace {
+
+template <typename Service>
+Service& Required(const std::unique_ptr<Service>& service, const char* name) {
+  if (!service) {
+    throw HostCtl::Lib::Orva::OrvaCtlException(std::string("The host service '") + name +
+                                               "' is not available in this process");
+  }
+  return *service;
+}
+
+}  // namespace
+
+Directory& Host::GetDirectory() { return Required(directory_, "directory"); }
+ClusterFacts& Host::Cluster() { return Required(cluster_, "cluster"); }
+ConfigStore& Host::Store() { return Required(store_, "configuration store"); }
+PolicyService& Host::Policies() { return Required(policies_, "policies"); }
+DiskLibrary& Host::Disks() { return Required(disks_, "disks"); }
+
+void Host::SetDirectory(std::unique_ptr<Directory> directory) { directory_ = std::move(directory); }
+void Host::SetCluster(std::unique_ptr<ClusterFacts> cluster) { cluster_ = std::move(cluster); }
+void Host::SetStore(std::unique_ptr<ConfigStore> store) { store_ = std::move(store); }
+void Host::SetPolicies(std::unique_ptr<PolicyService> policies) { policies_ = std::move(policies); }
+void Host::SetDisks(std::unique_ptr<DiskLibrary> disks) { disks_ = std::move(disks); }
+
+std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel) {
+  return std::make_unique<Host>(std::move(config), NewSystemClock(), NewStderrLogSink(maxLevel),
+                                NewPosixFileSystem());
+}
+
+Host& CurrentHost() {
+  std::call_once(DefaultOnce(), [] {
+    if (!Selected()) {
+      Selected() = NewLocalHost(EmbeddedHostConfig(ResolveHome("")), LogLevel::Warning);
+    }
+  });
+  return *Selected();
+}
+
+std::unique_ptr<Host> SelectHost(std::unique_ptr<Host> host) {
+  CurrentHost();  // settle the default first, so a later first use cannot replace `host`
+  if (!host) host = NewLocalHost(EmbeddedHostConfig(ResolveHome("")), LogLevel::Warning);
+  std::unique_ptr<Host> previous = std::move(Selected());
+  Selected() = std::move(host);
+  return previous;
+}
+
+}  // namespace platform
+}  // namespace zel

@@ -1,0 +1,234 @@
+#include "platform/HostConfig.h"
+
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/string_generator.hpp>
+#include <boost/uuid/uuid.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/AtomicFile.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace platform {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using nlohmann::json;
+
+const char kWhat[] = "Host configuration";
+
+// Creates the home, owner-only, unless it is there already. Another process
+// creating it at the same moment is fine.
+void EnsureHome(const std::string& home) {
+  struct stat existing;
+  if (::stat(home.c_str(), &existing) == 0) {
+    if (!S_ISDIR(existing.st_mode)) throw OrvaCtlException("Home " + home + " is not a directory");
+    return;
+  }
+  const std::filesystem::path parent = std::filesystem::path(home).parent_path();
+  std::error_code error;
+  if (!parent.empty()) std::filesystem::create_directories(parent, error);
+  if (error) {
+    throw OrvaCtlException("Failed to create home " + home + ": " + error.message());
+  }
+  if (::mkdir(home.c_str(), 0700) != 0) {
+    if (errno == EEXIST && ::stat(home.c_str(), &existing) == 0 && S_ISDIR(existing.st_mode)) {
+      return;
+    }
+    throw OrvaCtlException("Failed to create home " + home + ": " + std::strerror(errno));
+  }
+  // mkdir is subject to the umask; the home holds the store's secrets.
+  ::chmod(home.c_str(), 0700);
+}
+
+std::string LocalHostName() {
+  char name[HOST_NAME_MAX + 1] = {};
+  if (::gethostname(name, sizeof name - 1) != 0) {
+    throw OrvaCtlException(std::string("Failed to read the host name: ") + std::strerror(errno));
+  }
+  return name;
+}
+
+bool HasIdentity(const json& document) {
+  return document.contains("hostUuid") && document.contains("hostName");
+}
+
+// Fills in whatever part of the identity the file lacks, keeping everything
+// an operator put there.
+void CompleteIdentity(json* document) {
+  if (!document->contains("hostUuid")) {
+    (*document)["hostUuid"] = boost::uuids::to_string(boost::uuids::random_generator()());
+  }
+  if (!document->contains("hostName")) (*document)["hostName"] = LocalHostName();
+}
+
+// Reads the typed values of host.json, naming the file and the key in every
+// complaint.
+class Reader {
+ public:
+  Reader(const std::string& path, const std::string& home) : path_(path), home_(home) {}
+
+  [[noreturn]] void Fail(const std::string& problem) const {
+    throw OrvaCtlException(std::string(kWhat) + " " + path_ + ": " + problem);
+  }
+
+  std::string Text(const json& value, const std::string& key) const {
+    if (!value.is_string()) Fail("'" + key + "' must be a string");
+    return value.get<std::string>();
+  }
+
+  // Relative paths are taken from the home, whatever the working directory
+  // of the process reading them.
+  std::string Path(const json& value, const std::string& key) const {
+    const std::string text = Text(value, key);
+    if (text.empty()) Fail("'" + key + "' must not be empty");
+    return text.front() == '/' ? text : home_ + "/" + text;
+  }
+
+  bool Flag(const json& value, const std::string& key) const {
+    if (!value.is_boolean()) Fail("'" + key + "' must be true or false");
+    return value.get<bool>();
+  }
+
+  int Integer(const json& value, const std::string& key) const {
+    if (!value.is_number_integer()) Fail("'" + key + "' must be an integer");
+    const int64_t number = value.get<int64_t>();
+    if (number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max()) {
+      Fail("'" + key + "' is out of range");
+    }
+    return static_cast<int>(number);
+  }
+
+  const json& Object(const json& value, const std::string& key) const {
+    if (!value.is_object()) Fail("'" + key + "' must be an object");
+    return value;
+  }
+
+  std::string Uuid(const json& value, const std::string& key) const {
+    const std::string text = Text(value, key);
+    try {
+      return boost::uuids::to_string(boost::uuids::string_generator()(text));
+    } catch (const std::runtime_error&) {
+      Fail("'" + key + "' is not a UUID: '" + text + "'");
+    }
+  }
+
+ private:
+  const std::string& path_;
+  const std::string& home_;
+};
+
+void ApplyDirectory(const Reader& reader, const json& directory, HostConfig* config) {
+  for (const auto& item : reader.Object(directory, "directory").items()) {
+    const std::string key = "directory." + item.key();
+    if (item.key() == "backend") {
+      config->directoryBackend = reader.Text(item.value(), key);
+    } else if (item.key() == "path") {
+      config->directoryPath = reader.Path(item.value(), key);
+    } else {
+      reader.Fail("unknown key '" + key + "'");
+    }
+  }
+}
+
+void ApplyOptions(const Reader& reader, const json& options, HostConfig* config) {
+  for (const auto& item : reader.Object(options, "options").items()) {
+    const std::string& name = item.key();
+    const std::string::size_type dot = name.find('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == name.size()) {
+      reader.Fail("option '" + name + "' is not of the form GROUP.name");
+    }
+    config->options[name] = reader.Integer(item.value(), "options." + name);
+  }
+}
+
+void ApplyCommands(const Reader& reader, const json& commands, HostConfig* config) {
+  for (const auto& item : reader.Object(commands, "commands").items()) {
+    config->commands[item.key()] = reader.Text(item.value(), "commands." + item.key());
+  }
+}
+
+void Apply(const Reader& reader, const json& document, HostConfig* config) {
+  for (const auto& item : document.items()) {
+    const std::string& key = item.key();
+    const json& value = item.value();
+    if (key == "hostUuid") {
+      config->hostUuid = reader.Uuid(value, key);
+    } else if (key == "hostName") {
+      config->hostName = reader.Text(value, key);
+    } else if (key == "faultDomain") {
+      config->faultDomain = reader.Text(value, key);
+    } else if (key == "clusterMember") {
+      config->clusterMember = reader.Flag(value, key);
+    } else if (key == "datastorePath") {
+      config->datastoreRoot = reader.Path(value, key);
+    } else if (key == "directory") {
+      ApplyDirectory(reader, value, config);
+    } else if (key == "configStorePath") {
+      config->configStorePath = reader.Path(value, key);
+    } else if (key == "options") {
+      ApplyOptions(reader, value, config);
+    } else if (key == "commands") {
+      ApplyCommands(reader, value, config);
+    } else {
+      // A misspelt key would otherwise be ignored without a word.
+      reader.Fail("unknown key '" + key + "'");
+    }
+  }
+}
+
+}  // namespace
+
+std::string ResolveHome(const std::string& explicitHome) {
+  if (!explicitHome.empty()) return explicitHome;
+  const char* fromEnvironment = std::getenv("ZEL_HOME");
+  if (fromEnvironment != nullptr && *fromEnvironment != '\0') return fromEnvironment;
+  return "/var/lib/zel";
+}
+
+HostConfig EmbeddedHostConfig(const std::string& home) {
+  HostConfig config;
+  config.profile = Profile::Embedded;
+  config.home = home;
+  config.datastoreRoot = home + "/datastore";
+  // The service's fixed backup path, mapped under the home.
+  config.backupConfPath = home + "/var/run/log/zel.conf.backup";
+  config.directoryBackend = "sqlite";
+  config.directoryPath = home + "/directory.db";
+  config.configStorePath = home + "/config-store.json";
+  return config;
+}
+
+HostConfig LoadHostConfig(const std::string& home) {
+  EnsureHome(home);
+  const std::string path = home + "/host.json";
+  json document;
+  if (!ReadJsonFile(path, kWhat, &document) || !HasIdentity(document)) {
+    // First use, or a file an operator seeded without the identity. Whoever
+    // takes the lock first writes the identity; the others find it on their
+    // second read, so every process of this home agrees on who the host is.
+    FileLock lock(path + ".lock");
+    if (!ReadJsonFile(path, kWhat, &document)) document = json::object();
+    if (!HasIdentity(document)) {
+      CompleteIdentity(&document);
+      WriteJsonFileAtomically(path, document, 0644);
+    }
+  }
+  HostConfig config = EmbeddedHostConfig(home);
+  Apply(Reader(path, home), document, &config);
+  return config;
+}
+
+}  // namespace platform
+}  // namespace zel

@@ -1,0 +1,89 @@
+#include "platform/LocalClusterFacts.h"
+
+#include <future>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/Log.h"
+
+namespace zel {
+namespace platform {
+
+using nlohmann::json;
+
+LocalClusterFacts::LocalClusterFacts(const HostConfig& config, Directory& directory)
+    : hostUuid_(config.hostUuid),
+      hostName_(config.hostName),
+      faultDomain_(config.faultDomain),
+      clusterMember_(config.clusterMember),
+      directory_(directory) {}
+
+std::string LocalClusterFacts::MemberPayload() const {
+  return json{{"hostName", hostName_}, {"faultDomain", faultDomain_}}.dump();
+}
+
+NOK_ReturnStatus LocalClusterFacts::Announce() {
+  if (!clusterMember_) {
+    const NOK_ReturnStatus status =
+        directory_.Delete(kClusterMemberEntryType, kClusterMembersKey, hostUuid_);
+    return status == NOK_NOT_FOUND ? NOK_OK : status;
+  }
+
+  DirectoryEntry entry;
+  entry.type = kClusterMemberEntryType;
+  entry.key = kClusterMembersKey;
+  entry.ownerHost = hostUuid_;
+  entry.entryId = hostUuid_;
+  entry.payload = MemberPayload();
+  const std::string owner = hostUuid_;
+  const std::string payload = entry.payload;
+  std::promise<NOK_ReturnStatus> completed;
+  std::future<NOK_ReturnStatus> result = completed.get_future();
+  directory_.AsyncUpdate(
+      entry,
+      [owner, payload](const DirectoryEntry* stored) {
+        return stored == nullptr || stored->ownerHost != owner || stored->payload != payload;
+      },
+      [&completed](NOK_ReturnStatus status, const DirectoryEntry*) { completed.set_value(status); });
+  const NOK_ReturnStatus status = result.get();
+  // NOK_EXISTS: the entry is already exactly this one.
+  return status == NOK_EXISTS ? NOK_OK : status;
+}
+
+std::string LocalClusterFacts::LocalHostUuid() { return hostUuid_; }
+
+NOK_ReturnStatus LocalClusterFacts::GetClusterInfo(ClusterInfo* info) {
+  std::vector<DirectoryEntry> entries;
+  const NOK_ReturnStatus status =
+      directory_.Query(kClusterMemberEntryType, kClusterMembersKey, &entries);
+  if (status != NOK_OK && status != NOK_NOT_FOUND) return status;
+
+  ClusterInfo result;
+  bool selfPresent = false;
+  for (const DirectoryEntry& entry : entries) {
+    ClusterMember member;
+    member.hostUuid = entry.entryId;
+    const json payload = json::parse(entry.payload, nullptr, /*allow_exceptions=*/false);
+    const auto name = payload.find("hostName");  // end() unless an object holds it
+    const auto site = payload.find("faultDomain");
+    if (name != payload.end() && name->is_string() && site != payload.end() &&
+        site->is_string()) {
+      member.hostName = name->get<std::string>();
+      member.faultDomain = site->get<std::string>();
+    } else {
+      // The membership itself is the entry; a host that published a payload
+      // of another form is still a member, only nameless.
+      ZEL_LOG_WARNING("%s: Member entry of host %s has a malformed payload", "ClusterFacts",
+                      entry.entryId.c_str());
+    }
+    selfPresent = selfPresent || member.hostUuid == hostUuid_;
+    result.members.push_back(std::move(member));
+  }
+  result.isMember = clusterMember_ && selfPresent;
+  *info = std::move(result);
+  return NOK_OK;
+}
+
+}  // namespace platform
+}  // namespace zel

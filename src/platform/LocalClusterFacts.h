@@ -1,0 +1,51 @@
+// Cluster facts of a local host, kept in the cluster directory: every member
+// host publishes one entry under (kClusterMemberEntryType, kClusterMembersKey)
+// whose entryId and owner are its host identity and whose payload is the JSON
+// object {"hostName": ..., "faultDomain": ...}. The membership is the set of
+// those entries, so every process and host sharing the directory sees the
+// same members.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/ClusterFacts.h"
+#include "platform/Directory.h"
+#include "platform/HostConfig.h"
+
+namespace zel {
+namespace platform {
+
+constexpr uint32_t kClusterMemberEntryType = 40;
+constexpr const char* kClusterMembersKey = "cluster-members";
+
+class LocalClusterFacts final : public ClusterFacts {
+ public:
+  // REQUIRES: `directory` outlives this object; the Host declares its
+  // directory before the other services for that reason.
+  LocalClusterFacts(const HostConfig& config, Directory& directory);
+
+  // Makes the directory agree with the host configuration: publishes this
+  // host's member entry when it is a cluster member (rewriting it only when
+  // its name or fault domain changed, so that starting a process does not
+  // wake every subscriber), and removes it otherwise. Waits for the
+  // directory. NOK_OK or the directory's status.
+  NOK_ReturnStatus Announce();
+
+  std::string LocalHostUuid() override;
+  // Every member by identity; this host is a member only while its
+  // configuration says so and its entry is present.
+  NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) override;
+
+ private:
+  std::string MemberPayload() const;
+
+  const std::string hostUuid_;
+  const std::string hostName_;
+  const std::string faultDomain_;
+  const bool clusterMember_;
+  Directory& directory_;
+};
+
+}  // namespace platform
+}  // namespace zel

@@ -1,0 +1,54 @@
+// The local backends of every host service, assembled into one host.
+#include <memory>
+
+#include "platform/Host.h"
+#include "platform/JsonConfigStore.h"
+#include "platform/LocalClusterFacts.h"
+#include "platform/LocalDiskLibrary.h"
+#include "platform/LocalPolicyService.h"
+#include "platform/SqliteDirectory.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace platform {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+
+std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) {
+  // The identity keys this host's directory entries; an empty one would
+  // make the directory invent a different one on every start.
+  if (config.hostUuid.empty()) {
+    throw OrvaCtlException("The host configuration under " + config.home +
+                           " has no host identity");
+  }
+  if (config.directoryBackend != "sqlite") {
+    throw OrvaCtlException("Unsupported directory backend '" + config.directoryBackend +
+                           "' in the host configuration under " + config.home);
+  }
+  std::unique_ptr<Directory> directory = NewSqliteDirectory(config.directoryPath);
+  if (!directory) {
+    throw OrvaCtlException("Failed to open the cluster directory " + config.directoryPath);
+  }
+
+  std::unique_ptr<Host> host = NewLocalHost(std::move(config), maxLevel);
+  const HostConfig& settled = host->Config();
+  Directory& shared = *directory;
+  host->SetDirectory(std::move(directory));
+
+  auto cluster = std::make_unique<LocalClusterFacts>(settled, shared);
+  const NOK_ReturnStatus announced = cluster->Announce();
+  if (announced != NOK_OK) {
+    throw OrvaCtlException(std::string("Failed to ") +
+                           (settled.clusterMember ? "register" : "unregister") + " host " +
+                           settled.hostUuid + " as a cluster member: " +
+                           NOK_ReturnStatusToString(announced));
+  }
+  host->SetCluster(std::move(cluster));
+  host->SetStore(std::make_unique<JsonConfigStore>(settled.configStorePath));
+  host->SetPolicies(std::make_unique<LocalPolicyService>(shared, settled.hostUuid));
+  host->SetDisks(std::make_unique<LocalDiskLibrary>(settled.datastoreRoot));
+  return host;
+}
+
+}  // namespace platform
+}  // namespace zel

@@ -1,0 +1,77 @@
+#include "platform/LocalPolicyService.h"
+
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/Log.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace platform {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using nlohmann::json;
+
+const char kTag[] = "PolicyService";
+
+}  // namespace
+
+LocalPolicyService::LocalPolicyService(Directory& directory, std::string hostUuid)
+    : directory_(directory), hostUuid_(std::move(hostUuid)) {}
+
+NOK_ReturnStatus LocalPolicyService::Init() {
+  std::vector<DirectoryEntry> owned;
+  const NOK_ReturnStatus status =
+      directory_.QueryByHost(kStorageObjectEntryType, hostUuid_, &owned);
+  if (status != NOK_OK && status != NOK_NOT_FOUND) {
+    ZEL_LOG_WARNING("%s: Cannot open a compliance session, the directory failed: %s", kTag,
+                    NOK_ReturnStatusToString(status));
+    return NOK_NO_CONNECTION;
+  }
+  std::lock_guard<std::mutex> guard(mutex_);
+  ++sessions_;
+  ZEL_LOG_DEBUG("%s: Compliance session opened (%d open)", kTag, sessions_);
+  return NOK_OK;
+}
+
+void LocalPolicyService::Deinit() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (sessions_ == 0) {
+    // A caller that closes more than it opened has lost track of its handle.
+    ZEL_LOG_WARNING("%s: Compliance session closed while none is open", kTag);
+    return;
+  }
+  --sessions_;
+  ZEL_LOG_DEBUG("%s: Compliance session closed (%d open)", kTag, sessions_);
+}
+
+PolicyStatus LocalPolicyService::GetObjectPolicyStatus(const std::string& objectUuid) {
+  std::vector<DirectoryEntry> entries;
+  const NOK_ReturnStatus status = directory_.Query(kStorageObjectEntryType, objectUuid, &entries);
+  if (status == NOK_NOT_FOUND) {
+    throw OrvaCtlException("Storage object " + objectUuid + " not found");
+  }
+  if (status != NOK_OK) {
+    throw OrvaCtlException("Failed to look up storage object " + objectUuid + ": " +
+                           NOK_ReturnStatusToString(status));
+  }
+  // One entry per object; its announcer names its identity.
+  const json payload = json::parse(entries.front().payload, nullptr, /*allow_exceptions=*/false);
+  const auto owner = payload.find("ownerHost");
+  const auto policy = payload.find("policy");
+  if (owner == payload.end() || !owner->is_string() || policy == payload.end() ||
+      !policy->is_string()) {
+    throw OrvaCtlException("Storage object " + objectUuid +
+                           " has a malformed directory entry: it needs the texts 'ownerHost' "
+                           "and 'policy'");
+  }
+  PolicyStatus result;
+  result.policy = policy->get<std::string>();
+  result.compliance = Compliance::Unknown;
+  return result;
+}
+
+}  // namespace platform
+}  // namespace zel

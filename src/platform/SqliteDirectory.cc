@@ -1,0 +1,571 @@
+#include "platform/SqliteDirectory.h"
+
+#include <sqlite3.h>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <thread>
+#include <utility>
+
+#include "platform/Log.h"
+
+namespace zel {
+namespace platform {
+namespace {
+
+const char kTag[] = "SqliteDirectory";
+
+// Generous: writers hold the database for one short transaction each, so a
+// long wait means a stuck process, not contention.
+constexpr int kBusyTimeoutMillis = 30000;
+constexpr auto kPollInterval = std::chrono::milliseconds(50);
+
+// `changes` is the log that watchers of every process read: one row per
+// write, numbered by a sequence that never goes back (AUTOINCREMENT), pruned
+// to the last kSqliteDirectoryChangeHistory rows. An entry's version is the
+// sequence number of its last write.
+const char kSchema[] =
+    "CREATE TABLE IF NOT EXISTS entries("
+    "  type INTEGER NOT NULL, key TEXT NOT NULL, entry_id TEXT NOT NULL,"
+    "  owner_host TEXT NOT NULL, payload BLOB NOT NULL, version INTEGER NOT NULL,"
+    "  PRIMARY KEY(type, key, entry_id));"
+    "CREATE INDEX IF NOT EXISTS entries_by_host ON entries(type, owner_host);"
+    "CREATE TABLE IF NOT EXISTS changes("
+    "  seq INTEGER PRIMARY KEY AUTOINCREMENT,"
+    "  type INTEGER NOT NULL, key TEXT NOT NULL, entry_id TEXT NOT NULL);";
+
+const char kEntryColumns[] = "type, key, entry_id, owner_host, payload, version";
+
+NOK_ReturnStatus StatusOf(int rc) {
+  switch (rc & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED: return NOK_BUSY;
+    case SQLITE_NOMEM: return NOK_NO_MEMORY;
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_CANTOPEN:
+    case SQLITE_READONLY: return NOK_IO_ERROR;
+    default: return NOK_FAILURE;
+  }
+}
+
+// A prepared statement whose parameters are bound in order. A failed
+// prepare surfaces as the result of Step.
+class Statement {
+ public:
+  Statement(sqlite3* db, const std::string& sql) {
+    rc_ = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr);
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  Statement& Bind(int64_t value) {
+    if (stmt_) sqlite3_bind_int64(stmt_, ++bound_, value);
+    return *this;
+  }
+  Statement& Bind(const std::string& text) {
+    if (stmt_) sqlite3_bind_text(stmt_, ++bound_, text.data(), int(text.size()), SQLITE_TRANSIENT);
+    return *this;
+  }
+  Statement& BindBlob(const std::string& bytes) {
+    if (stmt_) sqlite3_bind_blob(stmt_, ++bound_, bytes.data(), int(bytes.size()), SQLITE_TRANSIENT);
+    return *this;
+  }
+
+  // SQLITE_ROW, SQLITE_DONE or the failure.
+  int Step() { return rc_ == SQLITE_OK ? sqlite3_step(stmt_) : rc_; }
+
+  int64_t Int(int column) { return sqlite3_column_int64(stmt_, column); }
+  bool IsNull(int column) { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
+  std::string Bytes(int column) {
+    const void* data = sqlite3_column_blob(stmt_, column);
+    return data ? std::string(static_cast<const char*>(data), sqlite3_column_bytes(stmt_, column))
+                : std::string();
+  }
+
+  // The kEntryColumns, starting at `first`.
+  DirectoryEntry Entry(int first) {
+    DirectoryEntry entry;
+    entry.type = uint32_t(Int(first));
+    entry.key = Bytes(first + 1);
+    entry.entryId = Bytes(first + 2);
+    entry.ownerHost = Bytes(first + 3);
+    entry.payload = Bytes(first + 4);
+    entry.version = uint64_t(Int(first + 5));
+    return entry;
+  }
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+  int rc_;
+  int bound_ = 0;
+};
+
+// Rolls back unless committed, so every early return leaves the database as
+// it was.
+class Transaction {
+ public:
+  Transaction(sqlite3* db, const char* begin) : db_(db) {
+    rc_ = sqlite3_exec(db_, begin, nullptr, nullptr, nullptr);
+    open_ = rc_ == SQLITE_OK;
+  }
+  ~Transaction() {
+    if (open_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  int BeginResult() const { return rc_; }
+  int Commit() {
+    int rc = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+    open_ = rc != SQLITE_OK && !sqlite3_get_autocommit(db_);
+    return rc;
+  }
+
+ private:
+  sqlite3* db_;
+  int rc_;
+  bool open_;
+};
+
+// One connection, used by one thread at a time.
+class Connection {
+ public:
+  ~Connection() { sqlite3_close_v2(db_); }
+  sqlite3* db() const { return db_; }
+
+  int Open(const std::string& path) {
+    int rc = sqlite3_open_v2(path.c_str(), &db_,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                             nullptr);
+    if (rc != SQLITE_OK) return rc;
+    sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
+    // WAL: readers and the watchers never block the writer. NORMAL sync in
+    // WAL mode survives any process crash; a power cut may lose the last
+    // commits, which publishers restore when they republish.
+    rc = sqlite3_exec(db_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) return rc;
+    return sqlite3_exec(db_, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+struct Subscription {
+  Directory::SubscriptionHandle handle;
+  uint32_t type;
+  std::string key;
+  Directory::Callback callback;
+  bool active = true;
+};
+
+struct Notice {
+  NOK_ReturnStatus status;
+  DirectoryEntry entry;
+};
+
+class SqliteDirectory final : public Directory {
+ public:
+  explicit SqliteDirectory(std::string path) : path_(std::move(path)) {}
+
+  ~SqliteDirectory() override {
+    if (!watcher_.joinable()) return;
+    // The watcher goes first: its callbacks may still issue updates, which
+    // the worker then completes before it stops.
+    {
+      std::lock_guard<std::mutex> lock(watchMu_);
+      watcherStopping_ = true;
+    }
+    watchCv_.notify_all();
+    watcher_.join();
+    {
+      std::lock_guard<std::mutex> lock(workMu_);
+      workerStopping_ = true;
+    }
+    workCv_.notify_all();
+    worker_.join();
+  }
+
+  bool Start() {
+    int rc = ops_.Open(path_);
+    if (rc == SQLITE_OK) rc = updates_.Open(path_);
+    if (rc == SQLITE_OK) rc = watch_.Open(path_);
+    if (rc == SQLITE_OK) rc = sqlite3_exec(ops_.db(), kSchema, nullptr, nullptr, nullptr);
+    // The watcher's starting point is taken here, before any Subscribe can
+    // return: the data version first, so that a commit between the two reads
+    // is seen again at the first poll instead of being skipped.
+    if (rc == SQLITE_OK) rc = ReadDataVersion(&dataVersion_);
+    if (rc == SQLITE_OK) {
+      Statement last(watch_.db(), "SELECT COALESCE(MAX(seq), 0) FROM changes");
+      rc = last.Step();
+      if (rc == SQLITE_ROW) {
+        lastSeq_ = last.Int(0);
+        rc = SQLITE_OK;
+      }
+    }
+    if (rc != SQLITE_OK) {
+      ZEL_LOG_WARNING("%s: Failed to open directory database %s: %s", kTag, path_.c_str(),
+                      sqlite3_errstr(rc));
+      return false;
+    }
+    worker_ = std::thread([this] { WorkLoop(); });
+    watcher_ = std::thread([this] { WatchLoop(); });
+    return true;
+  }
+
+  NOK_ReturnStatus Query(uint32_t type, const std::string& key,
+                         std::vector<DirectoryEntry>* entries) override {
+    return Select(std::string("SELECT ") + kEntryColumns +
+                      " FROM entries WHERE type = ? AND key = ? ORDER BY entry_id",
+                  type, key, entries);
+  }
+
+  NOK_ReturnStatus QueryByHost(uint32_t type, const std::string& host,
+                               std::vector<DirectoryEntry>* entries) override {
+    return Select(std::string("SELECT ") + kEntryColumns +
+                      " FROM entries WHERE type = ? AND owner_host = ? ORDER BY key, entry_id",
+                  type, host, entries);
+  }
+
+  void AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate accept,
+                   Completion done) override {
+    {
+      std::lock_guard<std::mutex> lock(workMu_);
+      queue_.push_back(Update{entry, std::move(accept), std::move(done)});
+    }
+    workCv_.notify_one();
+  }
+
+  NOK_ReturnStatus Delete(uint32_t type, const std::string& key,
+                          const std::string& entryId) override {
+    std::lock_guard<std::mutex> lock(opsMu_);
+    sqlite3* db = ops_.db();
+    Transaction txn(db, "BEGIN IMMEDIATE");
+    if (txn.BeginResult() != SQLITE_OK) return Failed("begin a delete", db, txn.BeginResult());
+    Statement remove(db, "DELETE FROM entries WHERE type = ? AND key = ? AND entry_id = ?");
+    int rc = remove.Bind(type).Bind(key).Bind(entryId).Step();
+    if (rc != SQLITE_DONE) return Failed("delete an entry", db, rc);
+    if (sqlite3_changes(db) == 0) return NOK_NOT_FOUND;
+    int64_t seq = 0;
+    rc = RecordChange(db, type, key, entryId, &seq);
+    if (rc == SQLITE_OK) rc = txn.Commit();
+    if (rc != SQLITE_OK) return Failed("delete an entry", db, rc);
+    NudgeWatcher();
+    return NOK_OK;
+  }
+
+  SubscriptionHandle Subscribe(uint32_t type, const std::string& key,
+                               Callback callback) override {
+    std::lock_guard<std::mutex> lock(subsMu_);
+    SubscriptionHandle handle = ++lastHandle_;
+    subs_[handle] = std::make_shared<Subscription>(
+        Subscription{handle, type, key, std::move(callback)});
+    return handle;
+  }
+
+  void Unsubscribe(SubscriptionHandle handle) override {
+    std::unique_lock<std::mutex> lock(subsMu_);
+    auto it = subs_.find(handle);
+    if (it == subs_.end()) return;
+    it->second->active = false;
+    subs_.erase(it);
+    if (std::this_thread::get_id() == watcher_.get_id()) return;
+    callbackDone_.wait(lock, [&] { return running_ != handle; });
+  }
+
+ private:
+  struct Update {
+    DirectoryEntry entry;
+    UpdatePredicate accept;
+    Completion done;
+  };
+
+  NOK_ReturnStatus Failed(const char* what, sqlite3* db, int rc) {
+    ZEL_LOG_WARNING("%s: Failed to %s in %s: %s", kTag, what, path_.c_str(), sqlite3_errmsg(db));
+    return StatusOf(rc);
+  }
+
+  NOK_ReturnStatus Select(const std::string& sql, uint32_t type, const std::string& value,
+                          std::vector<DirectoryEntry>* entries) {
+    entries->clear();
+    std::lock_guard<std::mutex> lock(opsMu_);
+    Statement select(ops_.db(), sql);
+    select.Bind(type).Bind(value);
+    int rc;
+    while ((rc = select.Step()) == SQLITE_ROW) entries->push_back(select.Entry(0));
+    if (rc != SQLITE_DONE) {
+      entries->clear();
+      return Failed("query entries", ops_.db(), rc);
+    }
+    return entries->empty() ? NOK_NOT_FOUND : NOK_OK;
+  }
+
+  // Appends to the change log inside the caller's write transaction; `*seq`
+  // becomes the written entry's version.
+  static int RecordChange(sqlite3* db, uint32_t type, const std::string& key,
+                          const std::string& entryId, int64_t* seq) {
+    Statement append(db, "INSERT INTO changes(type, key, entry_id) VALUES(?, ?, ?)");
+    int rc = append.Bind(type).Bind(key).Bind(entryId).Step();
+    if (rc != SQLITE_DONE) return rc;
+    *seq = sqlite3_last_insert_rowid(db);
+    Statement prune(db, "DELETE FROM changes WHERE seq <= ?");
+    rc = prune.Bind(*seq - kSqliteDirectoryChangeHistory).Step();
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+  }
+
+  void WorkLoop() {
+    std::unique_lock<std::mutex> lock(workMu_);
+    for (;;) {
+      workCv_.wait(lock, [&] { return workerStopping_ || !queue_.empty(); });
+      if (queue_.empty()) return;
+      Update update = std::move(queue_.front());
+      queue_.pop_front();
+      lock.unlock();
+      Run(&update);
+      lock.lock();
+    }
+  }
+
+  void Run(Update* update) {
+    DirectoryEntry& entry = update->entry;
+    bool fresh = entry.entryId.empty();
+    if (fresh) entry.entryId = boost::uuids::to_string(uuids_());
+    std::optional<DirectoryEntry> stored;
+    NOK_ReturnStatus status = Write(&entry, fresh, update->accept, &stored);
+    if (status == NOK_OK) NudgeWatcher();
+    if (!update->done) return;
+    if (status == NOK_OK) {
+      update->done(status, &entry);
+    } else {
+      update->done(status, status == NOK_EXISTS && stored ? &*stored : nullptr);
+    }
+  }
+
+  // Read, decide and write in one transaction that holds the write lock from
+  // its start: no other process can write between the predicate and the
+  // write, so no compare-and-set is lost.
+  NOK_ReturnStatus Write(DirectoryEntry* entry, bool fresh, const UpdatePredicate& accept,
+                         std::optional<DirectoryEntry>* stored) {
+    sqlite3* db = updates_.db();
+    Transaction txn(db, "BEGIN IMMEDIATE");
+    if (txn.BeginResult() != SQLITE_OK) return Failed("begin an update", db, txn.BeginResult());
+    if (!fresh) {
+      Statement select(db, std::string("SELECT ") + kEntryColumns +
+                               " FROM entries WHERE type = ? AND key = ? AND entry_id = ?");
+      int rc = select.Bind(entry->type).Bind(entry->key).Bind(entry->entryId).Step();
+      if (rc == SQLITE_ROW) {
+        *stored = select.Entry(0);
+      } else if (rc != SQLITE_DONE) {
+        return Failed("read an entry", db, rc);
+      }
+    }
+    if (accept && !accept(*stored ? &**stored : nullptr)) return NOK_EXISTS;
+    int64_t seq = 0;
+    int rc = RecordChange(db, entry->type, entry->key, entry->entryId, &seq);
+    if (rc == SQLITE_OK) {
+      Statement upsert(db,
+                       "INSERT INTO entries(type, key, entry_id, owner_host, payload, version)"
+                       " VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(type, key, entry_id) DO UPDATE SET"
+                       " owner_host = excluded.owner_host, payload = excluded.payload,"
+                       " version = excluded.version");
+      rc = upsert.Bind(entry->type).Bind(entry->key).Bind(entry->entryId)
+               .Bind(entry->ownerHost).BindBlob(entry->payload).Bind(seq).Step();
+      if (rc == SQLITE_DONE) rc = txn.Commit();
+    }
+    if (rc != SQLITE_OK) return Failed("write an entry", db, rc);
+    entry->version = uint64_t(seq);
+    return NOK_OK;
+  }
+
+  void NudgeWatcher() {
+    {
+      std::lock_guard<std::mutex> lock(watchMu_);
+      nudged_ = true;
+    }
+    watchCv_.notify_all();
+  }
+
+  int ReadDataVersion(int64_t* version) {
+    Statement pragma(watch_.db(), "PRAGMA data_version");
+    int rc = pragma.Step();
+    if (rc != SQLITE_ROW) return rc;
+    *version = pragma.Int(0);
+    return SQLITE_OK;
+  }
+
+  void WatchLoop() {
+    std::unique_lock<std::mutex> lock(watchMu_);
+    while (!watcherStopping_) {
+      watchCv_.wait_for(lock, kPollInterval, [&] { return watcherStopping_ || nudged_; });
+      if (watcherStopping_) return;
+      nudged_ = false;
+      lock.unlock();
+      Poll();
+      lock.lock();
+    }
+  }
+
+  // data_version changes whenever another connection, of any process,
+  // committed; between such commits a poll costs one pragma.
+  void Poll() {
+    int64_t version = 0;
+    std::vector<Notice> notices;
+    int rc = ReadDataVersion(&version);
+    if (rc == SQLITE_OK && version == dataVersion_) return;
+    if (rc == SQLITE_OK) rc = Collect(&notices);
+    if (rc != SQLITE_OK) {
+      // The poll is retried from the same point, so nothing is skipped; one
+      // line per failure episode keeps a stuck database from flooding the log.
+      if (!pollFailing_) Failed("watch for changes", watch_.db(), rc);
+      pollFailing_ = true;
+      return;
+    }
+    pollFailing_ = false;
+    dataVersion_ = version;
+    for (const Notice& notice : notices) Deliver(notice);
+  }
+
+  // Reads, in one snapshot, the latest state of every entry changed since
+  // the last poll, in the order of the changes. Advances lastSeq_ only when
+  // the whole read succeeded.
+  int Collect(std::vector<Notice>* notices) {
+    sqlite3* db = watch_.db();
+    Transaction txn(db, "BEGIN");
+    int rc = txn.BeginResult();
+    if (rc != SQLITE_OK) return rc;
+    Statement bounds(db, "SELECT COALESCE(MIN(seq), 0), COALESCE(MAX(seq), 0) FROM changes");
+    if ((rc = bounds.Step()) != SQLITE_ROW) return rc;
+    int64_t oldest = bounds.Int(0), newest = bounds.Int(1);
+    if (newest <= lastSeq_) return SQLITE_OK;
+    rc = oldest > lastSeq_ + 1 ? CollectCurrentState(db, notices) : CollectChanges(db, notices);
+    if (rc == SQLITE_OK) rc = txn.Commit();
+    if (rc == SQLITE_OK) lastSeq_ = newest;
+    return rc;
+  }
+
+  int CollectChanges(sqlite3* db, std::vector<Notice>* notices) {
+    // One row per changed identity, at its last change; the entry columns
+    // are null when that change deleted it.
+    Statement changed(db,
+                      "SELECT c.type, c.key, c.entry_id, e.owner_host, e.payload, e.version,"
+                      " MAX(c.seq) AS last FROM changes c LEFT JOIN entries e"
+                      " ON e.type = c.type AND e.key = c.key AND e.entry_id = c.entry_id"
+                      " WHERE c.seq > ? GROUP BY c.type, c.key, c.entry_id ORDER BY last");
+    changed.Bind(lastSeq_);
+    int rc;
+    while ((rc = changed.Step()) == SQLITE_ROW) {
+      Notice notice{NOK_OK, changed.Entry(0)};
+      if (changed.IsNull(5)) {
+        notice.status = NOK_NOT_FOUND;
+        notice.entry.version = uint64_t(changed.Int(6));
+      }
+      notices->push_back(std::move(notice));
+    }
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+  }
+
+  // The changes since the last poll were pruned: the subscribers get their
+  // keys' current state, the best that is left to tell.
+  int CollectCurrentState(sqlite3* db, std::vector<Notice>* notices) {
+    std::set<std::pair<uint32_t, std::string>> keys;
+    {
+      std::lock_guard<std::mutex> lock(subsMu_);
+      for (const auto& sub : subs_) keys.emplace(sub.second->type, sub.second->key);
+    }
+    for (const auto& key : keys) {
+      Statement current(db, std::string("SELECT ") + kEntryColumns +
+                                " FROM entries WHERE type = ? AND key = ? ORDER BY entry_id");
+      current.Bind(key.first).Bind(key.second);
+      size_t before = notices->size();
+      int rc;
+      while ((rc = current.Step()) == SQLITE_ROW) notices->push_back({NOK_OK, current.Entry(0)});
+      if (rc != SQLITE_DONE) return rc;
+      if (notices->size() == before) {
+        DirectoryEntry gone;
+        gone.type = key.first;
+        gone.key = key.second;
+        notices->push_back({NOK_NOT_FOUND, gone});
+      }
+    }
+    return SQLITE_OK;
+  }
+
+  void Deliver(const Notice& notice) {
+    std::vector<std::shared_ptr<Subscription>> targets;
+    {
+      std::lock_guard<std::mutex> lock(subsMu_);
+      for (const auto& sub : subs_) {
+        if (sub.second->type == notice.entry.type && sub.second->key == notice.entry.key) {
+          targets.push_back(sub.second);
+        }
+      }
+    }
+    for (const auto& sub : targets) {
+      {
+        std::lock_guard<std::mutex> lock(subsMu_);
+        if (!sub->active) continue;
+        running_ = sub->handle;
+      }
+      sub->callback(notice.status, &notice.entry);
+      {
+        std::lock_guard<std::mutex> lock(subsMu_);
+        running_ = 0;
+      }
+      callbackDone_.notify_all();
+    }
+  }
+
+  const std::string path_;
+
+  // Caller-thread operations (queries, deletes) share one connection.
+  std::mutex opsMu_;
+  Connection ops_;
+
+  // Worker thread only.
+  Connection updates_;
+  boost::uuids::random_generator uuids_;
+  std::mutex workMu_;
+  std::condition_variable workCv_;
+  std::deque<Update> queue_;
+  bool workerStopping_ = false;
+  std::thread worker_;
+
+  // Watcher thread only, after Start.
+  Connection watch_;
+  int64_t dataVersion_ = 0;
+  int64_t lastSeq_ = 0;
+  bool pollFailing_ = false;
+  std::mutex watchMu_;
+  std::condition_variable watchCv_;
+  bool nudged_ = false;
+  bool watcherStopping_ = false;
+  std::thread watcher_;
+
+  std::mutex subsMu_;
+  std::condition_variable callbackDone_;
+  std::map<SubscriptionHandle, std::shared_ptr<Subscription>> subs_;
+  SubscriptionHandle lastHandle_ = 0;
+  SubscriptionHandle running_ = 0;  // whose callback the watcher is in
+};
+
+}  // namespace
+
+std::unique_ptr<Directory> NewSqliteDirectory(const std::string& dbPath) {
+  auto directory = std::make_unique<SqliteDirectory>(dbPath);
+  if (!directory->Start()) return nullptr;
+  return directory;
+}
+
+}  // namespace platform
+}  // namespace zel

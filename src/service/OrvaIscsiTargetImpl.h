@@ -1,0 +1,103 @@
+// The service facade: every request of the management process enters here.
+// It checks that the service is enabled, takes the process-wide locks,
+// validates, edits the configuration through Parser and ConfHandle and
+// creates or deletes datastore objects. It owns no configuration data: that
+// lives in zel.conf and the process-wide ConfigCache.
+//
+// Locks, process-wide and shared by every instance: configAccessMutex
+// (shared by configuration operations, exclusive for enable/disable and
+// destruction) is always taken before serviceStatusMutex (upgrade lock for
+// the service check and lazy library start-up). _singletonMutex is never
+// held while either is taken.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include "platform/HostServices.h"
+#include "zel/OrvaIscsiTarget.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+
+namespace Api = HostCtl::Orva::IscsiTarget;
+
+class OrvaIscsiTargetImpl : public virtual Api::OrvaIscsiTarget {
+ public:
+  OrvaIscsiTargetImpl();
+  ~OrvaIscsiTargetImpl() override;
+  OrvaIscsiTargetImpl(const OrvaIscsiTargetImpl&) = delete;
+  OrvaIscsiTargetImpl& operator=(const OrvaIscsiTargetImpl&) = delete;
+
+  // The instance of the event handlers and the control thread, created on
+  // first use.
+  static void GetOrvaIscsiTargetImpl(std::shared_ptr<OrvaIscsiTargetImpl>& impl);
+
+  void SetIscsiTargetStatus(bool enable, bool failIfSame) override;
+  bool GetIscsiTargetStatus(bool takeLock) override;
+  void AddTarget(Api::TargetCreateParam& param) override;
+  void AddLun(Api::LunInfo& lun) override;
+  void RemoveLun(unsigned lunId, const std::string& target) override;
+  void UpdateLun(Api::LunInfo& lun, int newId, const std::string& newTarget,
+                 bool takeLock) override;
+  void RemoveTarget(const std::string& alias) override;
+  std::vector<Api::TargetInfo> GetTargetsInternal() override;
+  Api::TargetInfo GetTargetInfo(const std::string& alias) override;
+  std::vector<Api::TargetInfo> GetTargets(bool withCompliance, bool localOnly) override;
+  void GetLuns(std::string target, std::vector<Api::LunInfo>& luns, bool withCompliance) override;
+  Api::LunInfo GetLunInfo(const std::string& target, int lunId) override;
+  void Restore() override;
+  void UpdateTargetConfig(Api::TargetCreateParam& param) override;
+  void UpdateDefaultConfig(const Api::DefaultInfo& defaults) override;
+  Api::DefaultInfo GetDefaultInfo() override;
+  void DeleteNamespace() override;
+  void CreateNamespace(const Api::NamespaceCreateParam& param,
+                       const Api::DefaultInfo& defaults) override;
+  void UpdateNamespaceConfig(const Api::NamespaceCreateParam& param) override;
+  Api::NamespaceInfo GetNamespaceInfo(bool throwOnError) override;
+  void AddInitiatorgroup(const std::string& name) override;
+  void RemoveInitiatorgroup(const std::string& name, bool force) override;
+  std::vector<Api::InitiatorgroupInfo> GetInitiatorgroups() override;
+  Api::InitiatorgroupInfo GetInitiatorgroupInfo(const std::string& name) override;
+  void AddInitiatorsToInitiatorgroup(const std::string& name,
+                                     const std::vector<std::string>& initiators) override;
+  void RemoveInitiatorsFromInitiatorgroup(const std::string& name,
+                                          const std::vector<std::string>& initiators) override;
+  void Refresh() override;
+  void CheckIscsiServiceStatus(bool quiet) override;
+  void TransferTargetsOwner(std::vector<Api::TargetInfo>& targets, int retries) override;
+  void TransferLocalTargets(int retries) override;
+  Api::NamespaceInfo GetNamespaceInternal() override;
+  void LoadConfig() override;
+
+ private:
+  // Each is idempotent. REQUIRES: serviceStatusMutex held (upgrade or
+  // exclusive).
+  void initVolLib();
+  void initComplianceLib();
+  void deinitVolLib();
+  void deinitComplianceLib();
+  void deinitLibs();
+
+  // Subscribes the configuration cache when it is not; a failure is only
+  // logged, since queries then read the file.
+  void _CheckZelConfigSubscription();
+
+  bool _isEnabled = false;
+  bool _volLibInitialized = false;
+  bool _lunNaaEnabled = false;
+  OrvaComplianceHandle* _complianceHandle = nullptr;
+
+  static boost::shared_mutex configAccessMutex;
+  static boost::shared_mutex serviceStatusMutex;
+  static std::shared_ptr<OrvaIscsiTargetImpl> _singleton;
+  static boost::shared_mutex _singletonMutex;
+};
+
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl

@@ -1,0 +1,173 @@
+#include "support/TestHost.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace zel {
+namespace test {
+
+uint64_t TestClock::NowMicros() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return now_;
+}
+
+void TestClock::SleepMicros(uint64_t micros) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  now_ += micros;
+  sleeps_.push_back(micros);
+}
+
+std::vector<uint64_t> TestClock::Sleeps() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return sleeps_;
+}
+
+void TestClock::ClearSleeps() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  sleeps_.clear();
+}
+
+void RecordingLogSink::Write(platform::LogLevel level, const std::string& line) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  lines_.push_back({level, line});
+}
+
+std::vector<LogLine> RecordingLogSink::Lines() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return lines_;
+}
+
+std::vector<std::string> RecordingLogSink::Texts(platform::LogLevel upTo) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<std::string> texts;
+  for (const LogLine& line : lines_) {
+    if (static_cast<int>(line.level) <= static_cast<int>(upTo)) texts.push_back(line.text);
+  }
+  return texts;
+}
+
+bool RecordingLogSink::Contains(const std::string& text) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  for (const LogLine& line : lines_) {
+    if (line.text == text) return true;
+  }
+  return false;
+}
+
+void RecordingLogSink::Clear() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  lines_.clear();
+}
+
+FaultyFileSystem::FaultyFileSystem(std::unique_ptr<platform::FileSystem> real)
+    : real_(std::move(real)) {}
+
+void FaultyFileSystem::FailNext(FileOp op, FileIOResult result, int times, int error) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  for (int i = 0; i < times; ++i) faults_[op].push_back({result, error});
+}
+
+int FaultyFileSystem::Calls(FileOp op) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  auto found = calls_.find(op);
+  return found == calls_.end() ? 0 : found->second;
+}
+
+bool FaultyFileSystem::Scripted(FileOp op, FileIOResult* result) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  ++calls_[op];
+  std::deque<Fault>& pending = faults_[op];
+  if (pending.empty()) return false;
+  *result = pending.front().result;
+  errno = pending.front().error;
+  pending.pop_front();
+  return true;
+}
+
+FileIOResult FaultyFileSystem::Open(FileIODescriptor* file, const std::string& path, int access) {
+  FileIOResult result;
+  return Scripted(FileOp::Open, &result) ? result : real_->Open(file, path, access);
+}
+
+FileIOResult FaultyFileSystem::Close(FileIODescriptor* file) {
+  FileIOResult result;
+  return Scripted(FileOp::Close, &result) ? result : real_->Close(file);
+}
+
+FileIOResult FaultyFileSystem::AtomicTempFile(const std::string& path, FileIODescriptor* temp) {
+  FileIOResult result;
+  return Scripted(FileOp::AtomicTempFile, &result) ? result : real_->AtomicTempFile(path, temp);
+}
+
+FileIOResult FaultyFileSystem::Sync(const FileIODescriptor& file) {
+  FileIOResult result;
+  return Scripted(FileOp::Sync, &result) ? result : real_->Sync(file);
+}
+
+FileIOResult FaultyFileSystem::AtomicUpdate(FileIODescriptor* temp, const std::string& path) {
+  FileIOResult result;
+  return Scripted(FileOp::AtomicUpdate, &result) ? result : real_->AtomicUpdate(temp, path);
+}
+
+FileIOResult FaultyFileSystem::CloseAndUnlink(FileIODescriptor* file) {
+  FileIOResult result;
+  return Scripted(FileOp::CloseAndUnlink, &result) ? result : real_->CloseAndUnlink(file);
+}
+
+TempHome::TempHome() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/zel-test-XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = name.data();
+}
+
+TempHome::~TempHome() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+ScopedTestHost::ScopedTestHost() {
+  auto clock = std::make_unique<TestClock>();
+  auto log = std::make_unique<RecordingLogSink>();
+  auto files = std::make_unique<FaultyFileSystem>(platform::NewPosixFileSystem());
+  clock_ = clock.get();
+  log_ = log.get();
+  files_ = files.get();
+  previous_ = platform::SelectHost(std::make_unique<platform::Host>(
+      platform::EmbeddedHostConfig(home_.Path()), std::move(clock), std::move(log),
+      std::move(files)));
+}
+
+ScopedTestHost::~ScopedTestHost() { platform::SelectHost(std::move(previous_)); }
+
+const platform::HostConfig& ScopedTestHost::Config() const {
+  return platform::CurrentHost().Config();
+}
+
+void WriteFile(const std::string& path, const std::string& text, int mode) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    if (!out) throw std::runtime_error("cannot write " + path);
+  }
+  ::chmod(path.c_str(), static_cast<mode_t>(mode));
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace test
+}  // namespace zel

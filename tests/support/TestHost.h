@@ -1,0 +1,125 @@
+// The fault-injecting test host: a clock that records pauses instead of
+// sleeping, a log sink that keeps every line, and a file layer over the real
+// one whose calls can be scripted to fail ("rename fails twice, then
+// succeeds"; "lock held for the next 1501 opens").
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/Host.h"
+
+namespace zel {
+namespace test {
+
+class TestClock final : public platform::Clock {
+ public:
+  uint64_t NowMicros() override;
+  void SleepMicros(uint64_t micros) override;
+  // Every pause asked for, in order.
+  std::vector<uint64_t> Sleeps() const;
+  void ClearSleeps();
+
+ private:
+  mutable std::mutex mutex_;
+  uint64_t now_ = 1;
+  std::vector<uint64_t> sleeps_;
+};
+
+struct LogLine {
+  platform::LogLevel level;
+  std::string text;
+};
+
+class RecordingLogSink final : public platform::LogSink {
+ public:
+  void Write(platform::LogLevel level, const std::string& line) override;
+  std::vector<LogLine> Lines() const;
+  // Lines at `level` or more severe, text only.
+  std::vector<std::string> Texts(platform::LogLevel upTo = platform::LogLevel::Debug2) const;
+  bool Contains(const std::string& text) const;
+  void Clear();
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<LogLine> lines_;
+};
+
+// The file layer calls that can be scripted.
+enum class FileOp { Open, Close, AtomicTempFile, Sync, AtomicUpdate, CloseAndUnlink };
+
+class FaultyFileSystem final : public platform::FileSystem {
+ public:
+  explicit FaultyFileSystem(std::unique_ptr<platform::FileSystem> real);
+
+  // The next `times` calls of `op` return `result` (with errno `error`)
+  // without touching the real file layer; later calls go through.
+  void FailNext(FileOp op, FileIOResult result, int times = 1, int error = EIO);
+  // How often `op` was called, faults included.
+  int Calls(FileOp op) const;
+
+  FileIOResult Open(FileIODescriptor* file, const std::string& path, int access) override;
+  FileIOResult Close(FileIODescriptor* file) override;
+  FileIOResult AtomicTempFile(const std::string& path, FileIODescriptor* temp) override;
+  FileIOResult Sync(const FileIODescriptor& file) override;
+  FileIOResult AtomicUpdate(FileIODescriptor* temp, const std::string& path) override;
+  FileIOResult CloseAndUnlink(FileIODescriptor* file) override;
+
+ private:
+  struct Fault {
+    FileIOResult result;
+    int error;
+  };
+  // Counts the call and tells whether a scripted fault answers it.
+  bool Scripted(FileOp op, FileIOResult* result);
+
+  std::unique_ptr<platform::FileSystem> real_;
+  mutable std::mutex mutex_;
+  std::map<FileOp, std::deque<Fault>> faults_;
+  std::map<FileOp, int> calls_;
+};
+
+// A temporary home directory, removed with everything in it at the end.
+class TempHome {
+ public:
+  TempHome();
+  ~TempHome();
+  const std::string& Path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Installs the test host (embedded profile under a fresh temporary home,
+// TestClock, RecordingLogSink, FaultyFileSystem over the real files) for the
+// scope's life and puts the previous host back afterwards.
+class ScopedTestHost {
+ public:
+  ScopedTestHost();
+  ~ScopedTestHost();
+
+  const std::string& Home() const { return home_.Path(); }
+  const platform::HostConfig& Config() const;
+  TestClock& Clock() { return *clock_; }
+  RecordingLogSink& Log() { return *log_; }
+  FaultyFileSystem& Files() { return *files_; }
+
+ private:
+  TempHome home_;
+  TestClock* clock_;
+  RecordingLogSink* log_;
+  FaultyFileSystem* files_;
+  std::unique_ptr<platform::Host> previous_;
+};
+
+// Writes `text` to `path`, creating parent directories.
+void WriteFile(const std::string& path, const std::string& text, int mode = 0600);
+std::string ReadFile(const std::string& path);
+
+}  // namespace test
+}  // namespace zel

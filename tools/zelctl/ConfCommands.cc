@@ -1,0 +1,74 @@
+// zelctl conf: check and format a configuration file exactly as the
+// service reads and writes zel.conf.
+#include <cstdio>
+#include <iostream>
+#include <memory>
+
+#include "Cli.h"
+#include "conf/ConfHandle.h"
+#include "edit/Parser.h"
+
+namespace zelctl {
+namespace {
+
+using NokCtl::Orva::IscsiTarget::ConfHandle;
+
+int CheckFile(const std::string& file) {
+  ConfHandle handle(ConfHandle::kShareMode, file);
+  return kExitOk;
+}
+
+// The text is built in memory first, so a writer failure (a secret too
+// long to encode, say) prints nothing on stdout.
+int FormatFile(const std::string& file) {
+  ConfHandle handle(ConfHandle::kShareMode, file);
+  char* text = nullptr;
+  size_t length = 0;
+  FILE* buffer = open_memstream(&text, &length);
+  if (buffer == nullptr) throw std::runtime_error("out of memory");
+  std::unique_ptr<char, decltype(&free)> owned(nullptr, &free);
+  try {
+    handle._WriteConfigToFile(buffer);
+  } catch (...) {
+    fclose(buffer);
+    owned.reset(text);
+    throw;
+  }
+  fclose(buffer);
+  owned.reset(text);
+  std::cout.write(text, static_cast<std::streamsize>(length));
+  std::cout.flush();
+  return kExitOk;
+}
+
+}  // namespace
+
+void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  CLI::App* conf = app.add_subcommand("conf", "Check or format a configuration file");
+  conf->require_subcommand(1);
+
+  auto file = std::make_shared<std::string>();
+  CLI::App* check = conf->add_subcommand(
+      "check", "Read FILE as the service reads zel.conf; exit 0 when it is a valid configuration");
+  check->add_option("FILE", *file, "Configuration file")->required();
+  check->callback([&options, &exitCode, file] {
+    SelectHostFor(options);
+    exitCode = RunReportingFailure([&] {
+      NokCtl::Orva::IscsiTarget::Parser::InitZelParserLib();
+      return CheckFile(*file);
+    });
+  });
+
+  CLI::App* fmt = conf->add_subcommand(
+      "fmt", "Print FILE as the service would save it (generation unchanged)");
+  fmt->add_option("FILE", *file, "Configuration file")->required();
+  fmt->callback([&options, &exitCode, file] {
+    SelectHostFor(options);
+    exitCode = RunReportingFailure([&] {
+      NokCtl::Orva::IscsiTarget::Parser::InitZelParserLib();
+      return FormatFile(*file);
+    });
+  });
+}
+
+}  // namespace zelctl
