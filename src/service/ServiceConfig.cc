@@ -61,9 +61,10 @@ void LoadConfig(bool& enabled) {
 int ZelGetNsiIntOpt(const std::string& component, const std::string& field) {
   const auto& options = zel::platform::CurrentHost().Config().options;
   const auto found = options.find(component + "." + field);
+  // An option the host never set reads 0, which turns its feature off.
   if (found == options.end()) {
-    ZEL_LOG_WARNING("%s: Failed to get component: %s, field: %s: %s\n", kTag, component.c_str(),
-                    field.c_str(), "Not found");
+    ZEL_LOG_DEBUG("%s: Option %s.%s is not set; reading 0\n", kTag, component.c_str(),
+                  field.c_str());
     return 0;
   }
   return found->second;

@@ -22,7 +22,7 @@ void LoadDefaultConfigCacheFromConfigStore();
 HostCtl::Orva::IscsiTarget::DefaultInfo GetDefaultConfigCache();
 
 // The integer option `field` of option group `component` ("ORVA-iSCSI",
-// "ORVA"); a missing or unreadable option reads 0, with a warning.
+// "ORVA"); an option the host never set reads 0.
 int ZelGetNsiIntOpt(const std::string& component, const std::string& field);
 
 }  // namespace Util

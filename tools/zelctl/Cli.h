@@ -19,9 +19,11 @@ struct GlobalOptions {
   bool json = false;
 };
 
-// Selects the local host for the given options. Called once, after parsing
-// and before a command runs.
+// Selects the local host for the given options: file access only, or with
+// every local service (directory, cluster, store). Called once, after
+// parsing and before a command runs.
 void SelectHostFor(const GlobalOptions& options);
+void SelectServiceHostFor(const GlobalOptions& options);
 
 // Runs `command`, turning the service's exceptions into its message on
 // stderr and exit code 1.
@@ -30,5 +32,6 @@ int RunReportingFailure(const std::function<int()>& command);
 // Each command family adds its subcommands to the application; the action
 // they install stores the exit code in `exitCode`.
 void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
+void AddServiceCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 
 }  // namespace zelctl

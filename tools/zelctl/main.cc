@@ -15,6 +15,13 @@ void SelectHostFor(const GlobalOptions& options) {
       options.verbose ? LogLevel::Debug2 : LogLevel::Warning));
 }
 
+void SelectServiceHostFor(const GlobalOptions& options) {
+  using zel::platform::LogLevel;
+  zel::platform::SelectHost(zel::platform::NewLocalServiceHost(
+      zel::platform::LoadHostConfig(zel::platform::ResolveHome(options.home)),
+      options.verbose ? LogLevel::Debug2 : LogLevel::Warning));
+}
+
 int RunReportingFailure(const std::function<int()>& command) {
   try {
     return command();
@@ -38,6 +45,7 @@ int main(int argc, char** argv) {
 
   int exitCode = zelctl::kExitOk;
   zelctl::AddConfCommands(app, options, exitCode);
+  zelctl::AddServiceCommands(app, options, exitCode);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,155 @@
+// zelctl commands that ask the service on this host: host facts, the
+// namespace, targets, LUNs, defaults and initiator groups.
+#include <iostream>
+#include <memory>
+
+#include "Cli.h"
+#include "Output.h"
+#include "Records.h"
+#include "platform/Host.h"
+#include "storage/DatastoreLayout.h"
+#include "zel/OrvaPlugin.h"
+
+namespace zelctl {
+namespace {
+
+using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
+using nlohmann::ordered_json;
+
+// The service as the management process reaches it: through the plug-in.
+std::unique_ptr<OrvaIscsiTarget> Service() {
+  std::unique_ptr<HostCtl::Orva::OrvaAsyncPlugin> plugin(
+      HostCtl::Orva::OrvaAsyncPluginFactory::GetAsyncOrvaPlugin());
+  return std::unique_ptr<OrvaIscsiTarget>(plugin->GetOrvaIscsiTarget());
+}
+
+// Adds a subcommand whose action runs against the local service host.
+CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,
+                            const std::string& description, const GlobalOptions& options,
+                            int& exitCode, std::function<void()> action) {
+  CLI::App* command = parent.add_subcommand(name, description);
+  command->callback([&options, &exitCode, action] {
+    exitCode = RunReportingFailure([&] {
+      SelectServiceHostFor(options);
+      action();
+      return kExitOk;
+    });
+  });
+  return command;
+}
+
+const std::vector<std::string> kTargetColumns = {"alias", "iqn", "networkInterface", "port",
+                                                 "authType", "ownerHostUuid", "faultDomain"};
+const std::vector<std::string> kLunColumns = {"id", "alias", "sizeMiB", "status", "uuid"};
+
+void AddHostCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  CLI::App* host = app.add_subcommand("host", "Facts about this host");
+  host->require_subcommand(1);
+  AddServiceCommand(*host, "info", "This host's identity and where its state lives", options,
+                    exitCode, [&options] {
+                      const auto& config = zel::platform::CurrentHost().Config();
+                      const ordered_json info{
+                          {"hostUuid", config.hostUuid},
+                          {"hostName", config.hostName},
+                          {"home", config.home},
+                          {"datastorePath", config.datastoreRoot},
+                          {"confPath", NokCtl::Orva::IscsiTarget::Util::GetConfFilePath()},
+                          {"directory", config.directoryBackend + ":" + config.directoryPath}};
+                      Emit(options.json, info, [&] { PrintKeyValues(std::cout, info); });
+                    });
+}
+
+void AddTargetCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  CLI::App* target = app.add_subcommand("target", "Targets of the cluster");
+  target->require_subcommand(1);
+  auto local = std::make_shared<bool>(false);
+  AddServiceCommand(*target, "list", "List targets", options, exitCode, [&options, local] {
+    const ordered_json targets = ToJson(Service()->GetTargets(false, *local));
+    Emit(options.json, targets, [&] { PrintTable(std::cout, targets, kTargetColumns); });
+  })->add_flag("--local", *local, "Only the targets this host serves");
+
+  auto alias = std::make_shared<std::string>();
+  AddServiceCommand(*target, "get", "Show one target", options, exitCode, [&options, alias] {
+    ordered_json record = ToJson(Service()->GetTargetInfo(*alias));
+    Emit(options.json, record, [&] {
+      ordered_json luns = record["luns"];
+      record.erase("luns");
+      PrintKeyValues(std::cout, record);
+      if (!luns.empty()) {
+        std::cout << '\n';
+        PrintTable(std::cout, luns, kLunColumns);
+      }
+    });
+  })->add_option("ALIAS", *alias, "Target alias")->required();
+}
+
+void AddLunCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  CLI::App* lun = app.add_subcommand("lun", "LUNs of a target");
+  lun->require_subcommand(1);
+  auto target = std::make_shared<std::string>();
+  auto id = std::make_shared<int>(0);
+  CLI::App* list = AddServiceCommand(*lun, "list", "List a target's LUNs", options, exitCode,
+                                     [&options, target] {
+                                       std::vector<HostCtl::Orva::IscsiTarget::LunInfo> luns;
+                                       Service()->GetLuns(*target, luns, false);
+                                       const ordered_json rows = ToJson(luns);
+                                       Emit(options.json, rows,
+                                            [&] { PrintTable(std::cout, rows, kLunColumns); });
+                                     });
+  list->add_option("--target", *target, "Target alias")->required();
+  CLI::App* get = AddServiceCommand(*lun, "get", "Show one LUN", options, exitCode,
+                                    [&options, target, id] {
+                                      const ordered_json record =
+                                          ToJson(Service()->GetLunInfo(*target, *id));
+                                      Emit(options.json, record,
+                                           [&] { PrintKeyValues(std::cout, record); });
+                                    });
+  get->add_option("--target", *target, "Target alias")->required();
+  get->add_option("--id", *id, "LUN number")->required();
+}
+
+void AddGroupCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  CLI::App* group = app.add_subcommand("initiator-group", "Initiator groups of the cluster");
+  group->require_subcommand(1);
+  AddServiceCommand(*group, "list", "List initiator groups", options, exitCode, [&options] {
+    const ordered_json groups = ToJson(Service()->GetInitiatorgroups());
+    Emit(options.json, groups,
+         [&] { PrintTable(std::cout, groups, {"name", "initiators", "targets"}); });
+  });
+  auto name = std::make_shared<std::string>();
+  AddServiceCommand(*group, "get", "Show one initiator group", options, exitCode,
+                    [&options, name] {
+                      const ordered_json record = ToJson(Service()->GetInitiatorgroupInfo(*name));
+                      Emit(options.json, record, [&] { PrintKeyValues(std::cout, record); });
+                    })
+      ->add_option("NAME", *name, "Group name")
+      ->required();
+}
+
+}  // namespace
+
+void AddServiceCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  AddHostCommands(app, options, exitCode);
+
+  CLI::App* ns = app.add_subcommand("namespace", "The service's configuration namespace");
+  ns->require_subcommand(1);
+  AddServiceCommand(*ns, "info", "Show the namespace", options, exitCode, [&options] {
+    const ordered_json info = ToJson(Service()->GetNamespaceInfo(true));
+    Emit(options.json, info, [&] { PrintKeyValues(std::cout, info); });
+  });
+
+  AddTargetCommands(app, options, exitCode);
+  AddLunCommands(app, options, exitCode);
+
+  CLI::App* defaults = app.add_subcommand("defaults", "Cluster-wide defaults");
+  defaults->require_subcommand(1);
+  AddServiceCommand(*defaults, "get", "Show the defaults (secrets are never shown)", options,
+                    exitCode, [&options] {
+                      const ordered_json record = ToJson(Service()->GetDefaultInfo());
+                      Emit(options.json, record, [&] { PrintKeyValues(std::cout, record); });
+                    });
+
+  AddGroupCommands(app, options, exitCode);
+}
+
+}  // namespace zelctl
