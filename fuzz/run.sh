@@ -18,8 +18,9 @@ cp -n "$root"/fuzz/corpus/* "$run/corpus/"
 # Lines that a refused file logs are dropped by the fuzzer's host; its own
 # progress report goes to fuzz/corpus-run/fuzz.log.
 "$build/fuzz/reader_fuzzer" -max_total_time="$seconds" -max_len=8192 -timeout=10 \
+  -dict="$root/fuzz/reader.dict" \
   -artifact_prefix="$run/findings/" -print_final_stats=1 "$run/corpus" \
-  2>&1 | tee "$run/fuzz.log" | grep -E '^(#[0-9]+ +DONE|stat::|==[0-9]+==|SUMMARY)' || true
+  2>&1 | tee "$run/fuzz.log" | grep -E '^(#[0-9]+[[:space:]]+DONE|Done|stat::|==[0-9]+==|SUMMARY)' || true
 # libFuzzer's exit status is lost in the pipe; a finding leaves a file.
 if [ -n "$(ls -A "$run/findings")" ]; then
   echo "findings in $run/findings:" && ls "$run/findings"

@@ -21,6 +21,10 @@ using HostCtl::Lib::Orva::OrvaCtlException;
   throw OrvaCtlException(action + " " + path + ": " + std::strerror(error));
 }
 
+[[noreturn]] void ThrowUnreadable(const std::string& what, const std::string& path, int error) {
+  throw OrvaCtlException(what + " " + path + " cannot be read: " + std::strerror(error));
+}
+
 std::string DirectoryOf(const std::string& path) {
   const std::string::size_type slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
@@ -41,15 +45,22 @@ bool WriteAll(int fd, const std::string& contents) {
 }
 
 // The parser's message without its "[json.exception...]" prefix and without
-// the "last read" excerpt, which quotes the file's own text.
+// the "; last read: '...'" excerpt, which quotes the file's own text; the
+// "; expected ..." that may follow the excerpt names a token and is kept.
 std::string SyntaxErrorDetail(const nlohmann::json::parse_error& error) {
   std::string detail = error.what();
   const std::string::size_type prefixEnd = detail.find("] ");
   if (detail.compare(0, 1, "[") == 0 && prefixEnd != std::string::npos) {
     detail.erase(0, prefixEnd + 2);
   }
-  const std::string::size_type excerpt = detail.find("; last read:");
-  if (excerpt != std::string::npos) detail.erase(excerpt);
+  const std::string::size_type excerpt = detail.find("; last read: '");
+  if (excerpt == std::string::npos) return detail;
+  const std::string::size_type expected = detail.rfind("'; expected ");
+  if (expected != std::string::npos && expected > excerpt) {
+    detail.erase(excerpt, expected + 1 - excerpt);
+  } else {
+    detail.erase(excerpt);
+  }
   return detail;
 }
 
@@ -98,7 +109,7 @@ bool ReadJsonFile(const std::string& path, const std::string& what, nlohmann::js
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT) return false;
-    ThrowFileError("Failed to read " + what, path, errno);
+    ThrowUnreadable(what, path, errno);
   }
   std::string text;
   char buffer[8192];
@@ -109,7 +120,7 @@ bool ReadJsonFile(const std::string& path, const std::string& what, nlohmann::js
       if (errno == EINTR) continue;
       const int error = errno;
       ::close(fd);
-      ThrowFileError("Failed to read " + what, path, error);
+      ThrowUnreadable(what, path, error);
     }
     text.append(buffer, static_cast<size_t>(n));
   }
@@ -128,8 +139,7 @@ bool ReadJsonFile(const std::string& path, const std::string& what, nlohmann::js
   return true;
 }
 
-void WriteJsonFileAtomically(const std::string& path, const nlohmann::json& document,
-                             mode_t mode) {
+void WriteJsonFileAtomically(const std::string& path, const nlohmann::json& document, mode_t mode) {
   std::string text;
   try {
     text = document.dump(2) + "\n";

@@ -63,15 +63,27 @@ std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel) {
 
 Host& CurrentHost() {
   std::call_once(DefaultOnce(), [] {
-    if (!Selected()) {
-      Selected() = NewLocalHost(EmbeddedHostConfig(ResolveHome("")), LogLevel::Warning);
+    if (Selected()) return;
+    const std::string home = ResolveHome("");
+    try {
+      Selected() = NewLocalServiceHost(LoadHostConfig(home), LogLevel::Warning);
+    } catch (const HostCtl::Lib::HostCtlException& e) {
+      CurrentLogSink().Write(LogLevel::Warning,
+                             "Host: cannot use home " + home + ": " + e.GetMessage());
+      Selected() = NewLocalHost(EmbeddedHostConfig(home), LogLevel::Warning);
     }
   });
   return *Selected();
 }
 
+LogSink& CurrentLogSink() {
+  static auto* fallback = NewStderrLogSink(LogLevel::Warning).release();
+  return Selected() ? Selected()->GetLog() : *fallback;
+}
+
 std::unique_ptr<Host> SelectHost(std::unique_ptr<Host> host) {
-  CurrentHost();  // settle the default first, so a later first use cannot replace `host`
+  // A selection settles the default: a later first use must not replace it.
+  std::call_once(DefaultOnce(), [] {});
   if (!host) host = NewLocalHost(EmbeddedHostConfig(ResolveHome("")), LogLevel::Warning);
   std::unique_ptr<Host> previous = std::move(Selected());
   Selected() = std::move(host);

@@ -66,9 +66,15 @@ std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel);
 // policies and disks.
 std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel);
 
-// The selected host. Before any selection it is the local host of the
-// embedded profile under ResolveHome(""), logging warnings and errors.
+// The selected host. Before any selection it is the local service host of
+// the home ResolveHome("") (falling back, with a warning, to file access
+// only when that home cannot be used), logging warnings and errors.
 Host& CurrentHost();
+
+// The selected host's log, or, before any host exists, a standard-error
+// log of warnings and errors. Logging never creates the default host, so
+// loading the library or logging from a tool touches no host state.
+LogSink& CurrentLogSink();
 
 // Replaces the selected host and returns the previous one. Meant for the
 // start of a process (or of a test), not while other threads use the host.

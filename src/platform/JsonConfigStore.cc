@@ -17,7 +17,7 @@ const char kWhat[] = "Configuration store";
 const char kEnabled[] = "orvaIscsiServiceEnabled";
 const char kDefaults[] = "orvaIscsiDefaultConfig";
 
-// The text members of the defaults, in record order around the port.
+// The text members of the defaults; the port is their only number.
 struct TextMember {
   const char* name;
   std::string DefaultInfo::*field;

@@ -45,7 +45,9 @@ NOK_ReturnStatus LocalClusterFacts::Announce() {
       [owner, payload](const DirectoryEntry* stored) {
         return stored == nullptr || stored->ownerHost != owner || stored->payload != payload;
       },
-      [&completed](NOK_ReturnStatus status, const DirectoryEntry*) { completed.set_value(status); });
+      [&completed](NOK_ReturnStatus status, const DirectoryEntry*) {
+        completed.set_value(status);
+      });
   const NOK_ReturnStatus status = result.get();
   // NOK_EXISTS: the entry is already exactly this one.
   return status == NOK_EXISTS ? NOK_OK : status;
@@ -67,8 +69,7 @@ NOK_ReturnStatus LocalClusterFacts::GetClusterInfo(ClusterInfo* info) {
     const json payload = json::parse(entry.payload, nullptr, /*allow_exceptions=*/false);
     const auto name = payload.find("hostName");  // end() unless an object holds it
     const auto site = payload.find("faultDomain");
-    if (name != payload.end() && name->is_string() && site != payload.end() &&
-        site->is_string()) {
+    if (name != payload.end() && name->is_string() && site != payload.end() && site->is_string()) {
       member.hostName = name->get<std::string>();
       member.faultDomain = site->get<std::string>();
     } else {

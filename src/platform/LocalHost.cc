@@ -18,8 +18,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
   // The identity keys this host's directory entries; an empty one would
   // make the directory invent a different one on every start.
   if (config.hostUuid.empty()) {
-    throw OrvaCtlException("The host configuration under " + config.home +
-                           " has no host identity");
+    throw OrvaCtlException("The host configuration under " + config.home + " has no host identity");
   }
   if (config.directoryBackend != "sqlite") {
     throw OrvaCtlException("Unsupported directory backend '" + config.directoryBackend +
@@ -38,10 +37,9 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
   auto cluster = std::make_unique<LocalClusterFacts>(settled, shared);
   const NOK_ReturnStatus announced = cluster->Announce();
   if (announced != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to ") +
-                           (settled.clusterMember ? "register" : "unregister") + " host " +
-                           settled.hostUuid + " as a cluster member: " +
-                           NOK_ReturnStatusToString(announced));
+    throw OrvaCtlException(
+        std::string("Failed to ") + (settled.clusterMember ? "register" : "unregister") + " host " +
+        settled.hostUuid + " as a cluster member: " + NOK_ReturnStatusToString(announced));
   }
   host->SetCluster(std::move(cluster));
   host->SetStore(std::make_unique<JsonConfigStore>(settled.configStorePath));

@@ -58,7 +58,7 @@ void Log(LogLevel level, const char* format, ...) {
   }
   va_end(args);
   if (!line.empty() && line.back() == '\n') line.pop_back();
-  CurrentHost().GetLog().Write(level, line);
+  CurrentLogSink().Write(level, line);
 }
 
 }  // namespace platform

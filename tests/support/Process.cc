@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -14,6 +15,19 @@ namespace {
 
 void MakePipe(int fds[2]) {
   if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+}
+
+// Parent-side pipe ends of the live ChildProcess objects. A child forked
+// later inherits them (no exec closes them), and would keep an earlier
+// child's release pipe open: it closes them first thing.
+std::vector<int>& ParentPipeEnds() {
+  static std::vector<int> fds;
+  return fds;
+}
+
+void Forget(int fd) {
+  auto& fds = ParentPipeEnds();
+  fds.erase(std::remove(fds.begin(), fds.end(), fd), fds.end());
 }
 
 int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
@@ -95,6 +109,7 @@ ChildProcess::ChildProcess(const std::function<int(ChildControl&)>& body) {
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
+    for (int fd : ParentPipeEnds()) ::close(fd);
     ::close(ready[0]);
     ::close(release[1]);
     ChildControl control(ready[1], release[0]);
@@ -110,6 +125,8 @@ ChildProcess::ChildProcess(const std::function<int(ChildControl&)>& body) {
   ::close(release[0]);
   readyFd_ = ready[0];
   releaseFd_ = release[1];
+  ParentPipeEnds().push_back(readyFd_);
+  ParentPipeEnds().push_back(releaseFd_);
 }
 
 ChildProcess::~ChildProcess() { Join(); }
@@ -124,6 +141,7 @@ bool ChildProcess::AwaitReady() {
 
 void ChildProcess::Release() {
   if (releaseFd_ >= 0) {
+    Forget(releaseFd_);
     ::close(releaseFd_);
     releaseFd_ = -1;
   }
@@ -134,6 +152,7 @@ int ChildProcess::Join() {
   Release();
   const int code = WaitFor(pid_);
   pid_ = -1;
+  Forget(readyFd_);
   ::close(readyFd_);
   readyFd_ = -1;
   return code;

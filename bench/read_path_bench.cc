@@ -1,0 +1,206 @@
+// The read path on the largest admitted configuration (ZEL_BENCH_CONF, from
+// gen_max_conf.py; bench/run.sh sets it):
+//   - the target list from the subscribed, clean cache next to the same list
+//     read afresh from the file (unsubscribed), in the same run, and next to
+//     a plain copy of the finished list, the floor of any by-value answer;
+//   - the time from another process's publication of a new generation in the
+//     SQLite directory until this process's subscribed cache is dirty,
+//     reported as the median of its rounds next to the median time the
+//     publication itself took in the other process.
+#include <benchmark/benchmark.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "cache/ConfigCache.h"
+#include "conf/reader.h"
+#include "directory/DirectoryEntries.h"
+#include "support/ServiceHome.h"
+
+namespace {
+
+using NokCtl::Orva::IscsiTarget::ConfigCache;
+using Clock = std::chrono::steady_clock;
+
+std::string MaxConfText() {
+  const char* path = std::getenv("ZEL_BENCH_CONF");
+  if (path == nullptr) throw std::runtime_error("set ZEL_BENCH_CONF (see bench/run.sh)");
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  const size_t middle = values.size() / 2;
+  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+// The other process: publishes the generations it is sent, one at a time,
+// as a host that has just saved zel.conf does, and answers with the status
+// and how long the publication took. Generation 0 ends it.
+class Publisher {
+ public:
+  // Forks before this process opens its own directory, so that no
+  // directory thread is copied into the child mid-flight.
+  explicit Publisher(zel::test::ServiceHome& home) {
+    int toChild[2], fromChild[2];
+    if (::pipe(toChild) != 0 || ::pipe(fromChild) != 0) throw std::runtime_error("pipe failed");
+    pid_ = ::fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+      ::close(toChild[1]);
+      ::close(fromChild[0]);
+      ::_exit(Serve(home, toChild[0], fromChild[1]));
+    }
+    ::close(toChild[0]);
+    ::close(fromChild[1]);
+    request_ = toChild[1];
+    reply_ = fromChild[0];
+  }
+
+  ~Publisher() {
+    const uint64_t stop = 0;
+    if (::write(request_, &stop, sizeof stop) != sizeof stop) ::kill(pid_, SIGTERM);
+    ::close(request_);
+    ::close(reply_);
+    int status;
+    ::waitpid(pid_, &status, 0);
+  }
+
+  void Send(uint64_t generation) {
+    if (::write(request_, &generation, sizeof generation) != sizeof generation) {
+      throw std::runtime_error("publisher is gone");
+    }
+  }
+
+  // The publication's status and its duration in milliseconds.
+  std::pair<uint32_t, double> Reply() {
+    Answer answer;
+    if (::read(reply_, &answer, sizeof answer) != sizeof answer) {
+      throw std::runtime_error("publisher is gone");
+    }
+    return {answer.status, answer.millis};
+  }
+
+ private:
+  struct Answer {
+    uint32_t status;
+    double millis;
+  };
+
+  static int Serve(zel::test::ServiceHome& home, int requests, int replies) {
+    bool installed = false;
+    uint64_t generation;
+    while (::read(requests, &generation, sizeof generation) == sizeof generation &&
+           generation != 0) {
+      if (!installed) {
+        home.InstallLocalServiceHost(zel::platform::LogLevel::Error);
+        installed = true;
+      }
+      const Clock::time_point start = Clock::now();
+      Answer answer;
+      answer.status = ZeldUpdateBrixEntryForConfig(generation);
+      answer.millis = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+      if (::write(replies, &answer, sizeof answer) != sizeof answer) return 1;
+    }
+    return 0;
+  }
+
+  pid_t pid_ = -1;
+  int request_ = -1;
+  int reply_ = -1;
+};
+
+Publisher* gPublisher = nullptr;
+
+void BM_GetTargetsFromCleanCache(benchmark::State& state) {
+  ConfigCache::SubscribeBrix();
+  ConfigCache::GetTargetsInfos();
+  for (auto _ : state) benchmark::DoNotOptimize(ConfigCache::GetTargetsInfos());
+  // A notice during the run would have sent queries to the file.
+  if (ConfigCache::IsZelConfDirty()) state.SkipWithError("the cache turned dirty");
+}
+BENCHMARK(BM_GetTargetsFromCleanCache)->Unit(benchmark::kMicrosecond);
+
+void BM_GetTargetsFromFile(benchmark::State& state) {
+  ConfigCache::UnsubscribeBrix();
+  for (auto _ : state) benchmark::DoNotOptimize(ConfigCache::GetTargetsInfos());
+}
+BENCHMARK(BM_GetTargetsFromFile)->Unit(benchmark::kMicrosecond);
+
+// The least any answer can cost while the interface hands out the records by
+// value: a copy of the finished list, without converting anything.
+void BM_CopyTargetListFloor(benchmark::State& state) {
+  const std::vector<HostCtl::Orva::IscsiTarget::TargetInfo> built =
+      ConfigCache::GetTargetsInfos();
+  for (auto _ : state) {
+    std::vector<HostCtl::Orva::IscsiTarget::TargetInfo> copy(built);
+    benchmark::DoNotOptimize(copy);
+  }
+}
+BENCHMARK(BM_CopyTargetListFloor)->Unit(benchmark::kMicrosecond);
+
+void BM_PublishToDirtyLatency(benchmark::State& state) {
+  static uint64_t generation = 1000;
+  ConfigCache::SubscribeBrix();
+  std::vector<double> latencies, publications;
+  for (auto _ : state) {
+    // A clean cache that knows of no entry: the notice sets both flags in
+    // one exclusive section, and the entry flag can be read under the lock.
+    ConfigCache::GetTargetsInfos();
+    ConfigCache::SetZelConfBrixEntryExists(false, true);
+
+    const Clock::time_point start = Clock::now();
+    gPublisher->Send(++generation);
+    while (!ConfigCache::GetZelConfBrixEntryExists(true)) {
+      if (Clock::now() - start > std::chrono::seconds(10)) {
+        state.SkipWithError("no notice within 10 s");
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    const double millis = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    const auto [status, published] = gPublisher->Reply();
+    if (status != NOK_OK || !ConfigCache::IsZelConfDirty()) {
+      state.SkipWithError("the publication did not make the cache dirty");
+      return;
+    }
+    state.SetIterationTime(millis / 1000);
+    latencies.push_back(millis);
+    publications.push_back(published);
+  }
+  state.counters["median_ms"] = Median(latencies);
+  state.counters["publish_median_ms"] = Median(publications);
+}
+BENCHMARK(BM_PublishToDirtyLatency)->Iterations(40)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+
+  zel::test::ServiceHome home;
+  home.WriteConf(MaxConfText());
+  Publisher publisher(home);
+  home.InstallLocalServiceHost(zel::platform::LogLevel::Error);
+  log_init(0);  // the benchmark measures work, not the reader's logging
+  gPublisher = &publisher;
+
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

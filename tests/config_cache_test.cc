@@ -1,0 +1,348 @@
+// The configuration cache: when a query is answered from memory and when it
+// reads zel.conf, how the directory's change notice and a background refresh
+// move it between those states, what a failed read leaves behind, and the
+// same across two processes sharing one home, with a real save and a real
+// publication of the generation.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cache/ConfigCache.h"
+#include "conf/ConfHandle.h"
+#include "directory/DirectoryEntries.h"
+#include "support/Process.h"
+#include "support/ServiceHome.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace test {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using NokCtl::Orva::IscsiTarget::ConfHandle;
+using NokCtl::Orva::IscsiTarget::ConfigCache;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr uint64_t kNothingCached = std::numeric_limits<uint64_t>::max();
+
+// The standard configuration saved by someone else: a later generation in
+// which target "lab" is called `labAlias`.
+std::string Changed(uint64_t generation, const std::string& labAlias) {
+  std::string text = kStandardConf;
+  text.replace(0, text.find('\n'), "generation " + std::to_string(generation));
+  const std::string lab = "\talias \"lab\"";
+  text.replace(text.find(lab), lab.size(), "\talias \"" + labAlias + "\"");
+  return text;
+}
+
+std::vector<std::string> TargetAliases() {
+  std::vector<std::string> aliases;
+  for (const auto& target : ConfigCache::GetTargetsInfos()) aliases.push_back(target.alias);
+  return aliases;
+}
+
+std::vector<std::string> GroupNames() {
+  std::vector<std::string> names;
+  for (const auto& group : ConfigCache::GetInitiatorGroupInfos()) names.push_back(group.name);
+  return names;
+}
+
+// Polls `condition` until it holds or about 30 s have passed; the notice
+// comes from the directory's own thread.
+template <typename Condition>
+bool Eventually(Condition condition) {
+  for (int attempt = 0; attempt < 3000; ++attempt) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return condition();
+}
+
+class ConfigCacheTest : public ::testing::Test {
+ protected:
+  // The queries that went to the file, by the line each logs before reading.
+  std::vector<std::string> FileReads() const {
+    std::vector<std::string> reads;
+    for (const std::string& line : host_.log->Texts()) {
+      if (line.find(" from conf file") != std::string::npos) reads.push_back(line);
+    }
+    return reads;
+  }
+  int Opens() const { return host_.files->Calls(FileOp::Open); }
+
+  // Subscribes and fills the cache: the state in which queries are served
+  // from memory.
+  void SubscribeAndFill() {
+    ConfigCache::SubscribeBrix();
+    TargetAliases();
+    ASSERT_EQ(FileReads().size(), 1u);
+    ASSERT_FALSE(ConfigCache::IsZelConfDirty());
+  }
+
+  ServiceHome home_;
+  TestServices host_ = home_.InstallTestHost();
+};
+
+TEST_F(ConfigCacheTest, WithoutSubscriptionEveryQueryReadsTheFile) {
+  for (int round = 0; round < 2; ++round) {
+    ConfigCache::GetConfigInfo(false);
+    ConfigCache::GetTargetsInfos();
+    ConfigCache::GetInitiatorGroupInfos();
+    ConfigCache::GetAllIscsiNoknics();
+  }
+  const std::vector<std::string> once = {"ZelConfigCache: GetConfigInfo from conf file",
+                                         "ZelConfigCache: GetTargetsInfos from conf file",
+                                         "ZelConfigCache: GetInitiatorGroupInfos from conf file",
+                                         "ZelConfigCache: GetAllIscsiNoknics from conf file"};
+  std::vector<std::string> twice = once;
+  twice.insert(twice.end(), once.begin(), once.end());
+  EXPECT_EQ(FileReads(), twice);
+  EXPECT_EQ(Opens(), 8);
+  // Each read refills the cache, which stays untrusted until subscribed.
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
+}
+
+TEST_F(ConfigCacheTest, SubscribedAndCleanCacheIsServedFromMemory) {
+  SubscribeAndFill();
+  const int opens = Opens();
+  // A change that no notice announced is not seen: nothing opens the file.
+  home_.WriteConf(Changed(8, "lab-renamed"));
+
+  EXPECT_THAT(TargetAliases(), ElementsAre("finance", "lab"));
+  EXPECT_THAT(GroupNames(), ElementsAre("finance-hosts"));
+  EXPECT_EQ(ConfigCache::GetConfigInfo(false).userid, "defuser");
+  EXPECT_THAT(ConfigCache::GetAllIscsiNoknics(), ElementsAre("nok0"));
+  EXPECT_EQ(Opens(), opens);
+  EXPECT_EQ(FileReads().size(), 1u);
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
+}
+
+TEST_F(ConfigCacheTest, ChangeNoticeMarksDirtyAndTheNextQueryReadsTheFileOnce) {
+  SubscribeAndFill();
+  home_.WriteConf(Changed(8, "lab-renamed"));
+
+  UpdateZelConfigCacheAPI(nullptr, NOK_OK);
+  EXPECT_TRUE(ConfigCache::IsZelConfDirty());
+  EXPECT_TRUE(ConfigCache::GetZelConfBrixEntryExists(true));
+
+  EXPECT_THAT(TargetAliases(), ElementsAre("finance", "lab-renamed"));
+  EXPECT_FALSE(ConfigCache::IsZelConfDirty());
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 8u);
+  TargetAliases();
+  GroupNames();
+  EXPECT_EQ(FileReads().size(), 2u);
+}
+
+TEST_F(ConfigCacheTest, NoticeOfUnknownMeaningStillAsksForARead) {
+  SubscribeAndFill();
+  UpdateZelConfigCacheAPI(nullptr, NOK_NO_CONNECTION);
+  EXPECT_TRUE(ConfigCache::IsZelConfDirty());
+  TargetAliases();
+  EXPECT_EQ(FileReads().size(), 2u);
+}
+
+TEST_F(ConfigCacheTest, AbsentEntryNoticeRecordsTheAbsenceAndKeepsTheCacheClean) {
+  SubscribeAndFill();
+  UpdateZelConfigCacheAPI(nullptr, NOK_OK);
+  TargetAliases();
+  ASSERT_TRUE(ConfigCache::GetZelConfBrixEntryExists(true));
+  const int opens = Opens();
+
+  UpdateZelConfigCacheAPI(nullptr, NOK_NOT_FOUND);
+  EXPECT_FALSE(ConfigCache::GetZelConfBrixEntryExists(true));
+  EXPECT_FALSE(ConfigCache::IsZelConfDirty());
+  TargetAliases();
+  EXPECT_EQ(Opens(), opens);
+}
+
+TEST_F(ConfigCacheTest, BackgroundRefreshReplacesTheGraphButLeavesTheDirtyFlag) {
+  SubscribeAndFill();
+  home_.WriteConf(Changed(8, "lab-renamed"));
+  UpdateZelConfigCacheAPI(nullptr, NOK_OK);
+
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 8u);
+  EXPECT_TRUE(ConfigCache::IsZelConfDirty());
+  EXPECT_TRUE(host_.log->Contains("ZelConfigCache: Done with the ZEL config cache update."));
+
+  // Only a query's own read makes the cache trusted again.
+  TargetAliases();
+  EXPECT_EQ(FileReads().size(), 2u);
+  EXPECT_FALSE(ConfigCache::IsZelConfDirty());
+}
+
+TEST_F(ConfigCacheTest, FailedBackgroundRefreshIsLoggedAndEmptiesTheCache) {
+  SubscribeAndFill();
+  home_.WriteConf("generation 8\ntarget {\n}\n");
+
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNothingCached);
+  EXPECT_TRUE(ConfigCache::IsBrixSubscribed());
+  EXPECT_TRUE(host_.log->Contains("ZelConfigCache: Failed to update the config cache due to: "
+                                  "Failed to read conf file: " +
+                                  home_.Path() + "/datastore/.iSCSI-CONFIG/etc/zel.conf"));
+}
+
+TEST_F(ConfigCacheTest, GenerationIsAllOnesWhileNothingIsCached) {
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNothingCached);
+  SubscribeAndFill();
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
+
+  // Dropping the graph keeps the subscription; the next query reads.
+  ConfigCache::CleanupCachedConfig();
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNothingCached);
+  EXPECT_TRUE(ConfigCache::IsBrixSubscribed());
+  TargetAliases();
+  EXPECT_EQ(FileReads().size(), 2u);
+}
+
+TEST_F(ConfigCacheTest, FailedReadThrowsAndLeavesTheCacheAsItWas) {
+  SubscribeAndFill();
+  UpdateZelConfigCacheAPI(nullptr, NOK_OK);
+  const std::string conf = home_.Path() + "/datastore/.iSCSI-CONFIG/etc/zel.conf";
+
+  home_.WriteConf("generation 8\ntarget {\n}\n");
+  try {
+    ConfigCache::GetTargetsInfos();
+    FAIL() << "a configuration that does not parse was accepted";
+  } catch (const OrvaCtlException& e) {
+    EXPECT_EQ(e.GetMessage(), "Failed to read conf file: " + conf);
+  }
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
+  EXPECT_TRUE(ConfigCache::IsZelConfDirty());
+
+  home_.WriteConf(Changed(9, "lab-renamed"));
+  host_.files->FailNext(FileOp::Open, FILEIO_ERROR);
+  try {
+    ConfigCache::GetInitiatorGroupInfos();
+    FAIL() << "a failed open was not reported";
+  } catch (const OrvaCtlException& e) {
+    EXPECT_EQ(e.GetMessage(), "Parser: share lock failed on " + conf);
+  }
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
+  EXPECT_TRUE(ConfigCache::IsZelConfDirty());
+
+  EXPECT_THAT(TargetAliases(), ElementsAre("finance", "lab-renamed"));
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 9u);
+}
+
+TEST_F(ConfigCacheTest, UnsubscribeEmptiesTheCacheAndQueriesReadTheFileAgain) {
+  SubscribeAndFill();
+  ConfigCache::UnsubscribeBrix();
+  EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNothingCached);
+
+  TargetAliases();
+  TargetAliases();
+  EXPECT_EQ(FileReads().size(), 3u);
+}
+
+TEST_F(ConfigCacheTest, SubscribingTwiceKeepsOneSubscription) {
+  ConfigCache::SubscribeBrix();
+  ConfigCache::SubscribeBrix();
+  int subscribed = 0;
+  for (const std::string& line : host_.log->Texts()) {
+    if (line == "ZelConfigCache: Subscribing ZEL config info from BRIX") ++subscribed;
+  }
+  EXPECT_EQ(subscribed, 1);
+}
+
+TEST_F(ConfigCacheTest, SubscriptionFailureThrowsAndLeavesTheCacheUnsubscribed) {
+  // Without the namespace there is no generation entry to watch.
+  home_.RemoveNamespaceLink();
+  try {
+    ConfigCache::SubscribeBrix();
+    FAIL() << "subscribed without a namespace";
+  } catch (const OrvaCtlException& e) {
+    EXPECT_THAT(e.GetMessage(), HasSubstr("Failed to subscribe BRIX ZEL config entry: "));
+  }
+  EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
+}
+
+// Each child is forked before this process opens its directory, so that no
+// directory thread of the parent is copied into it mid-flight.
+TEST(ConfigCacheAcrossProcessesTest, SaveAndPublishElsewhereMakesThisCacheReadTheFileOnce) {
+  ServiceHome home;
+  ChildProcess writer([&home](ChildControl& control) {
+    control.AwaitRelease();
+    home.InstallLocalServiceHost(platform::LogLevel::Error);
+    ConfHandle handle(ConfHandle::kExclusiveMode);
+    if (initiator_group_new(handle.conf, "added-group") == nullptr) return 2;
+    const uint64_t generation = handle.WriteConfFile();
+    if (generation != 8) return 3;
+    return ZeldUpdateBrixEntryForConfig(generation) == NOK_OK ? 0 : 4;
+  });
+  TestServices host = home.InstallTestHost();
+  ConfigCache::SubscribeBrix();
+  EXPECT_THAT(GroupNames(), ElementsAre("finance-hosts"));
+  const int opens = host.files->Calls(FileOp::Open);
+  GroupNames();
+  ASSERT_EQ(host.files->Calls(FileOp::Open), opens);
+
+  writer.Release();
+  ASSERT_EQ(writer.Join(), 0);
+  // The shared lock orders this read after the notice that set the flags.
+  ASSERT_TRUE(Eventually([] { return ConfigCache::GetZelConfBrixEntryExists(true); }));
+  EXPECT_TRUE(ConfigCache::IsZelConfDirty());
+
+  EXPECT_THAT(GroupNames(), ElementsAre("finance-hosts", "added-group"));
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 8u);
+  GroupNames();
+  EXPECT_EQ(host.files->Calls(FileOp::Open), opens + 1);
+}
+
+TEST(ConfigCacheAcrossProcessesTest, OlderGenerationLosesToANewerOnePublishedElsewhere) {
+  ServiceHome home;
+  ChildProcess newer([&home](ChildControl& control) {
+    control.AwaitRelease();
+    home.InstallLocalServiceHost(platform::LogLevel::Error);
+    return ZeldUpdateBrixEntryForConfig(9) == NOK_OK ? 0 : 1;
+  });
+  home.InstallTestHost();
+  newer.Release();
+  ASSERT_EQ(newer.Join(), 0);
+
+  EXPECT_EQ(ZeldUpdateBrixEntryForConfig(8), NOK_EXISTS);
+  EXPECT_EQ(ZeldUpdateBrixEntryForConfig(9), NOK_EXISTS);
+  uint64_t published = 0;
+  ASSERT_EQ(ZeldGetConfigGenNumInBrix(&published), NOK_OK);
+  EXPECT_EQ(published, 9u);
+  EXPECT_EQ(ZeldUpdateBrixEntryForConfig(10), NOK_OK);
+}
+
+TEST(ConfigCacheAcrossProcessesTest, ConcurrentPublishersLeaveTheHighestGeneration) {
+  constexpr uint64_t kRounds = 100;
+  ServiceHome home;
+  // Odd generations there, even ones here, both rising at the same time.
+  ChildProcess odd([&home](ChildControl& control) {
+    control.AwaitRelease();
+    home.InstallLocalServiceHost(platform::LogLevel::Error);
+    for (uint64_t round = 0; round < kRounds; ++round) {
+      const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(2 * round + 1);
+      if (status != NOK_OK && status != NOK_EXISTS) return 1;
+    }
+    return 0;
+  });
+  home.InstallTestHost();
+  odd.Release();
+  for (uint64_t round = 1; round <= kRounds; ++round) {
+    const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(2 * round);
+    ASSERT_TRUE(status == NOK_OK || status == NOK_EXISTS) << NOK_ReturnStatusToString(status);
+  }
+  ASSERT_EQ(odd.Join(), 0);
+
+  uint64_t published = 0;
+  ASSERT_EQ(ZeldGetConfigGenNumInBrix(&published), NOK_OK);
+  EXPECT_EQ(published, 2 * kRounds);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zel

@@ -1,0 +1,224 @@
+// The facade's read operations as the management process calls them through
+// the plug-in entry: the service check before any read, the not-found
+// messages, owner enrichment from the directory, and a host that is not in a
+// cluster.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cache/ConfigCache.h"
+#include "support/ServiceHome.h"
+#include "zel/OrvaPlugin.h"
+
+namespace zel {
+namespace test {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using HostCtl::Orva::IscsiTarget::LunInfo;
+using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
+using HostCtl::Orva::IscsiTarget::TargetInfo;
+using NokCtl::Orva::IscsiTarget::ConfigCache;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+const std::string kNotEnabled =
+    "Orva iSCSI Target Service is not enabled or the enable task is in progress.";
+constexpr const char* kOrphanUuid = "0c9d8e7f-6a5b-4c3d-8e2f-1a0b9c8d7e6f";
+
+std::unique_ptr<OrvaIscsiTarget> NewService() {
+  std::unique_ptr<HostCtl::Orva::OrvaAsyncPlugin> plugin(
+      HostCtl::Orva::OrvaAsyncPluginFactory::GetAsyncOrvaPlugin());
+  return std::unique_ptr<OrvaIscsiTarget>(plugin->GetOrvaIscsiTarget());
+}
+
+// The message `operation` throws, or "" when it does not throw.
+std::string MessageOf(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const OrvaCtlException& e) {
+    return e.GetMessage();
+  }
+  return "";
+}
+
+std::vector<std::string> Aliases(const std::vector<TargetInfo>& targets) {
+  std::vector<std::string> aliases;
+  for (const TargetInfo& target : targets) aliases.push_back(target.alias);
+  return aliases;
+}
+
+class FacadeReadTest : public ::testing::Test {
+ protected:
+  size_t FileReads() const {
+    size_t reads = 0;
+    for (const std::string& line : host_.log->Texts()) {
+      if (line.find("ZelConfigCache: ") == 0 && line.find(" from conf file") != std::string::npos) {
+        ++reads;
+      }
+    }
+    return reads;
+  }
+
+  ServiceHome home_;
+  TestServices host_ = home_.InstallTestHost();
+};
+
+TEST_F(FacadeReadTest, EveryCheckedReadRefusesWhileTheServiceIsDisabled) {
+  home_.SetServiceEnabled(false);
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  const std::vector<std::pair<std::string, std::function<void()>>> reads = {
+      {"GetTargetInfo", [&] { service->GetTargetInfo("finance"); }},
+      {"GetTargets", [&] { service->GetTargets(false, false); }},
+      {"GetTargets local", [&] { service->GetTargets(true, true); }},
+      {"GetLuns", [&] {
+         std::vector<LunInfo> luns;
+         service->GetLuns("finance", luns, false);
+       }},
+      {"GetLunInfo", [&] { service->GetLunInfo("finance", 0); }},
+      {"GetDefaultInfo", [&] { service->GetDefaultInfo(); }},
+      {"GetInitiatorgroups", [&] { service->GetInitiatorgroups(); }},
+      {"GetInitiatorgroupInfo", [&] { service->GetInitiatorgroupInfo("finance-hosts"); }},
+      {"CheckIscsiServiceStatus", [&] { service->CheckIscsiServiceStatus(false); }},
+  };
+  for (const auto& [name, read] : reads) EXPECT_EQ(MessageOf(read), kNotEnabled) << name;
+  EXPECT_EQ(MessageOf([&] { service->CheckIscsiServiceStatus(true); }), "");
+  // Refused before anything was read or subscribed.
+  EXPECT_EQ(FileReads(), 0u);
+  EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
+}
+
+TEST_F(FacadeReadTest, EnabledStateIsTheOneLastReadFromTheStore) {
+  home_.SetServiceEnabled(false);
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  home_.SetServiceEnabled(true);
+  EXPECT_EQ(MessageOf([&] { service->GetTargets(false, false); }), kNotEnabled);
+
+  service->Refresh();
+  EXPECT_THAT(Aliases(service->GetTargets(false, false)), ElementsAre("finance", "lab"));
+}
+
+TEST_F(FacadeReadTest, FirstCheckedReadSubscribesAndLaterReadsComeFromMemory) {
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  service->GetTargets(false, false);
+  EXPECT_TRUE(ConfigCache::IsBrixSubscribed());
+  service->GetTargets(false, false);
+  service->GetInitiatorgroups();
+  EXPECT_EQ(FileReads(), 1u);
+}
+
+TEST_F(FacadeReadTest, UnknownNamesGiveTheirNotFoundMessages) {
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  EXPECT_EQ(MessageOf([&] { service->GetTargetInfo("X"); }), "Target X not found");
+  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("finance", 7); }),
+            "LUN id 7 not found for target finance");
+  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("X", 0); }), "Target X not found");
+  EXPECT_EQ(MessageOf([&] { service->GetInitiatorgroupInfo("X"); }),
+            "Initiator group X not found.");
+}
+
+TEST_F(FacadeReadTest, TargetsCarryTheirOwnerHostAndPolicy) {
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  const TargetInfo lab = service->GetTargetInfo("lab");
+  EXPECT_EQ(lab.ownerId, kLabUuid);
+  EXPECT_EQ(lab.ownerHostUuid, kPeerHostUuid);
+  EXPECT_EQ(lab.ownerHostName, kPeerHostName);
+  EXPECT_EQ(lab.policy, "lab-policy");
+
+  const std::vector<TargetInfo> all = service->GetTargets(false, false);
+  ASSERT_THAT(Aliases(all), ElementsAre("finance", "lab"));
+  EXPECT_EQ(all[0].ownerHostUuid, home_.HostUuid());
+  EXPECT_EQ(all[1].ownerHostUuid, kPeerHostUuid);
+
+  const LunInfo ledger = service->GetLunInfo("finance", 0);
+  EXPECT_EQ(ledger.alias, "ledger");
+  EXPECT_EQ(ledger.uuid, kLedgerUuid);
+  EXPECT_EQ(ledger.policy, "ledger-policy");
+}
+
+TEST_F(FacadeReadTest, LocalOnlyKeepsTheTargetsThisHostOwns) {
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  EXPECT_THAT(Aliases(service->GetTargets(false, true)), ElementsAre("finance"));
+  // The target moves: the directory, not the configuration, says who owns it.
+  home_.AnnounceObject(kLabUuid, home_.HostUuid(), "lab-policy");
+  home_.AnnounceObject(kFinanceUuid, kPeerHostUuid, "finance-policy");
+  EXPECT_THAT(Aliases(service->GetTargets(false, true)), ElementsAre("lab"));
+}
+
+TEST_F(FacadeReadTest, TargetWhoseOwnerCannotBeFoundIsKeptAndLogged) {
+  std::string text = kStandardConf;
+  text += "target iqn.2026-11.local.zel:orphan {\n"
+          "\talias \"orphan\"\n"
+          "\tportal-group default\n"
+          "\toption uuid " + std::string(kOrphanUuid) + "\n"
+          "\toption owner-id " + std::string(kOrphanUuid) + "\n"
+          "}\n";
+  home_.WriteConf(text);
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+
+  const std::vector<TargetInfo> targets = service->GetTargets(false, false);
+  ASSERT_THAT(Aliases(targets), ElementsAre("finance", "lab", "orphan"));
+  EXPECT_EQ(targets[2].ownerHostUuid, "");
+  EXPECT_EQ(targets[1].ownerHostUuid, kPeerHostUuid);
+  bool logged = false;
+  for (const std::string& line : host_.log->Texts(platform::LogLevel::Error)) {
+    logged = logged || line.find("OrvaIscsiTargetImpl: Failed to get target information: Failed "
+                                 "to get owner host of object " +
+                                 std::string(kOrphanUuid)) == 0;
+  }
+  EXPECT_TRUE(logged);
+}
+
+TEST_F(FacadeReadTest, DefaultsNeverCarrySecrets) {
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  const HostCtl::Orva::IscsiTarget::DefaultInfo defaults = service->GetDefaultInfo();
+  EXPECT_EQ(defaults.authType, "CHAP-Mutual");
+  EXPECT_EQ(defaults.userid, "defuser");
+  EXPECT_EQ(defaults.mutualUserid, "defmutual");
+  EXPECT_EQ(defaults.networkInterface, "nok0");
+  EXPECT_EQ(defaults.secret, "");
+  EXPECT_EQ(defaults.mutualSecret, "");
+}
+
+TEST_F(FacadeReadTest, NamespaceInfoNamesTheNamespaceAndItsPolicy) {
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(true);
+  EXPECT_EQ(info.uuid, kNamespaceUuid);
+  EXPECT_EQ(info.policy, "namespace-policy");
+}
+
+TEST_F(FacadeReadTest, NamespaceInfoOnADatastoreWithoutNamespaceIsEmptyOrThrows) {
+  home_.RemoveNamespaceLink();
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+
+  const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(false);
+  EXPECT_EQ(info.uuid, "");
+  EXPECT_EQ(info.policy, "");
+  EXPECT_FALSE(info.policyCompliant);
+  const std::vector<std::string> errors = host_.log->Texts(platform::LogLevel::Error);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_THAT(errors[0], HasSubstr("OrvaIscsiTargetImpl: Failed to GetNamespaceInfo, zel(Enabled), "
+                                   "exception(Failed to get ZEL namespace UUID with status: "));
+
+  EXPECT_THAT(MessageOf([&] { service->GetNamespaceInfo(true); }),
+              HasSubstr("Failed to get ZEL namespace UUID with status: "));
+}
+
+TEST_F(FacadeReadTest, HostOutsideAClusterConstructsAndStaysDisabled) {
+  home_.SetClusterMember(false);
+  host_ = home_.InstallTestHost();
+  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+
+  EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: The host is not in a Orva cluster."));
+  // The store says enabled, but it was never read.
+  EXPECT_EQ(MessageOf([&] { service->GetTargets(false, false); }), kNotEnabled);
+  EXPECT_EQ(MessageOf([&] { service->CheckIscsiServiceStatus(true); }), "");
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zel

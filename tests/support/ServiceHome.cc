@@ -1,0 +1,219 @@
+#include "support/ServiceHome.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <future>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+
+#include "cache/ConfigCache.h"
+#include "directory/DirectoryEntries.h"
+#include "directory/EntryMarshal.h"
+#include "platform/AtomicFile.h"
+#include "platform/JsonConfigStore.h"
+#include "platform/LocalClusterFacts.h"
+#include "platform/LocalDiskLibrary.h"
+#include "platform/LocalPolicyService.h"
+#include "platform/SqliteDirectory.h"
+
+namespace zel {
+namespace test {
+
+using NokCtl::Orva::IscsiTarget::ConfigCache;
+
+const char* const kStandardConf =
+    "generation 7\n"
+    "initiator-group finance-hosts {\n"
+    "\t initiator iqn.2024-01.org.example:finance-db1 \n"
+    "\t initiator iqn.2024-01.org.example:finance-db2 \n"
+    "}\n"
+    "auth-group default {\n"
+    "\t chap-mutual \"defuser\" \"RGVmYXVsdCNTZWNyZXQx\" \"defmutual\" \"TXV0dWFsI1NlY3JldDIy\"\n"
+    "}\n"
+    "auth-group 3fb2b402-cfcb-4738-9622-3a566bb58dbf {\n"
+    "\t chap \"finance\" \"RmluYW5jZSNTZWNyZXQx\" \n"
+    "\t initiator-group finance-hosts\n"
+    "\t initiator-name iqn.2024-01.org.example:backup1\n"
+    "}\n"
+    "auth-group 1d327651-d329-4d7e-ba75-059ffaab473e {\n"
+    "\t chap-mutual \"lab\" \"TGFiI091dGdvaW5nMQ==\" \"labtarget\" \"TGFiI0luY29taW5nMg==\"\n"
+    "}\n"
+    "portal-group default {\n"
+    "\t discovery-auth-group default\n"
+    "\t listen nok0:3260\n"
+    "}\n"
+    "target iqn.2026-11.local.zel:finance {\n"
+    "\talias \"finance\"\n"
+    "\tportal-group default\n"
+    "\tauth-group 3fb2b402-cfcb-4738-9622-3a566bb58dbf\n"
+    "\toption uuid 3fb2b402-cfcb-4738-9622-3a566bb58dbf\n"
+    "\toption owner-id 3fb2b402-cfcb-4738-9622-3a566bb58dbf\n"
+    "\tlun 0 {\n"
+    "\t\tbackend block\n"
+    "\t\tpath 3fb2b402-cfcb-4738-9622-3a566bb58dbf/fc23b305-508a-41d5-8ec0-0f8d6c85fa1b.qdsk\n"
+    "\t\tsize 2097152\n"
+    "\t\toption lun-alias \"ledger\"\n"
+    "\t}\n"
+    "\tlun 1 {\n"
+    "\t\tbackend block\n"
+    "\t\tpath 3fb2b402-cfcb-4738-9622-3a566bb58dbf/389d5864-56e1-4397-abfe-eefb6e129194.qdsk\n"
+    "\t\tsize 204800\n"
+    "\t\toption status \"offline\"\n"
+    "\t}\n"
+    "}\n"
+    "target iqn.2026-11.local.zel:lab {\n"
+    "\talias \"lab\"\n"
+    "\tportal-group default\n"
+    "\tauth-group 1d327651-d329-4d7e-ba75-059ffaab473e\n"
+    "\toption uuid 1d327651-d329-4d7e-ba75-059ffaab473e\n"
+    "\toption owner-id 1d327651-d329-4d7e-ba75-059ffaab473e\n"
+    "}\n";
+
+namespace {
+
+std::unique_ptr<platform::Directory> OpenDirectory(const platform::HostConfig& config) {
+  std::unique_ptr<platform::Directory> directory =
+      platform::NewSqliteDirectory(config.directoryPath);
+  if (!directory) throw std::runtime_error("cannot open directory " + config.directoryPath);
+  return directory;
+}
+
+void Publish(platform::Directory& directory, const platform::DirectoryEntry& entry) {
+  std::promise<NOK_ReturnStatus> done;
+  std::future<NOK_ReturnStatus> status = done.get_future();
+  directory.AsyncUpdate(entry, {}, [&done](NOK_ReturnStatus result, const platform::DirectoryEntry*) {
+    done.set_value(result);
+  });
+  if (status.get() != NOK_OK) throw std::runtime_error("cannot publish entry " + entry.key);
+}
+
+}  // namespace
+
+void ResetConfigCache() {
+  ConfigCache::UnsubscribeBrix();
+  ConfigCache::CleanupCachedConfig();
+  // No subscription is left to race with: the notice can no longer run.
+  ConfigCache::SetZelConfDirty(false);
+  ConfigCache::SetZelConfBrixEntryExists(false, true);
+  ZeldClearConfigEntryNeedsRepublish();
+}
+
+ServiceHome::ServiceHome() {
+  const platform::HostConfig config = platform::LoadHostConfig(Path());
+  hostUuid_ = config.hostUuid;
+  SetServiceEnabled(true);
+
+  std::filesystem::create_directories(NamespaceDir() + "/etc");
+  // Relative, as the platform makes it: the home may be reached by any path.
+  std::filesystem::create_directory_symlink(kNamespaceUuid,
+                                            config.datastoreRoot + "/.iSCSI-CONFIG");
+  WriteConf(kStandardConf);
+
+  AnnounceMember(kPeerHostUuid, kPeerHostName);
+  AnnounceObject(kNamespaceUuid, hostUuid_, "namespace-policy");
+  AnnounceObject(kFinanceUuid, hostUuid_, "finance-policy");
+  AnnounceObject(kLedgerUuid, hostUuid_, "ledger-policy");
+  AnnounceObject(kArchiveUuid, hostUuid_, "archive-policy");
+  AnnounceObject(kLabUuid, kPeerHostUuid, "lab-policy");
+}
+
+ServiceHome::~ServiceHome() {
+  if (!selected_) return;
+  // The subscription lives in the directory of the host about to go.
+  ResetConfigCache();
+  platform::SelectHost(std::move(previous_));
+}
+
+std::string ServiceHome::NamespaceDir() const {
+  return Path() + "/datastore/" + kNamespaceUuid;
+}
+
+std::string ServiceHome::ConfPath() const { return NamespaceDir() + "/etc/zel.conf"; }
+
+void ServiceHome::SetClusterMember(bool member) {
+  const std::string path = Path() + "/host.json";
+  nlohmann::json document;
+  platform::ReadJsonFile(path, "Host configuration", &document);
+  document["clusterMember"] = member;
+  platform::WriteJsonFileAtomically(path, document, 0644);
+}
+
+void ServiceHome::SetServiceEnabled(bool enabled) {
+  platform::JsonConfigStore(platform::LoadHostConfig(Path()).configStorePath)
+      .SetOrvaIscsiServiceEnabled(enabled);
+}
+
+void ServiceHome::SetStoredDefaults(const HostCtl::Orva::IscsiTarget::DefaultInfo& defaults) {
+  platform::JsonConfigStore(platform::LoadHostConfig(Path()).configStorePath)
+      .SetOrvaIscsiDefaultConfig(defaults);
+}
+
+void ServiceHome::WriteConf(const std::string& text) { WriteFile(ConfPath(), text, 0600); }
+
+void ServiceHome::RemoveNamespaceLink() {
+  std::filesystem::remove(Path() + "/datastore/.iSCSI-CONFIG");
+}
+
+void ServiceHome::AnnounceObject(const std::string& uuid, const std::string& ownerHost,
+                                 const std::string& policy) {
+  platform::DirectoryEntry entry;
+  entry.type = BRIX_TYPE_STORAGE_OBJECT;
+  entry.key = uuid;
+  entry.entryId = uuid;
+  entry.ownerHost = ownerHost;
+  if (directory::MarshalStorageObjectRecord({ownerHost, policy}, &entry.payload) != NOK_OK) {
+    throw std::runtime_error("cannot marshal storage object " + uuid);
+  }
+  Publish(*OpenDirectory(platform::LoadHostConfig(Path())), entry);
+}
+
+void ServiceHome::AnnounceMember(const std::string& hostUuid, const std::string& hostName) {
+  platform::HostConfig member = platform::LoadHostConfig(Path());
+  member.hostUuid = hostUuid;
+  member.hostName = hostName;
+  member.clusterMember = true;
+  std::unique_ptr<platform::Directory> directory = OpenDirectory(member);
+  if (platform::LocalClusterFacts(member, *directory).Announce() != NOK_OK) {
+    throw std::runtime_error("cannot announce member " + hostUuid);
+  }
+}
+
+TestServices ServiceHome::InstallTestHost() {
+  platform::HostConfig config = platform::LoadHostConfig(Path());
+  auto clock = std::make_unique<TestClock>();
+  auto log = std::make_unique<RecordingLogSink>();
+  auto files = std::make_unique<FaultyFileSystem>(platform::NewPosixFileSystem());
+  const TestServices services{clock.get(), log.get(), files.get()};
+  std::unique_ptr<platform::Directory> directory = OpenDirectory(config);
+  platform::Directory& shared = *directory;
+
+  auto host = std::make_unique<platform::Host>(std::move(config), std::move(clock), std::move(log),
+                                               std::move(files));
+  const platform::HostConfig& settled = host->Config();
+  host->SetDirectory(std::move(directory));
+  auto cluster = std::make_unique<platform::LocalClusterFacts>(settled, shared);
+  if (cluster->Announce() != NOK_OK) throw std::runtime_error("cannot announce this host");
+  host->SetCluster(std::move(cluster));
+  host->SetStore(std::make_unique<platform::JsonConfigStore>(settled.configStorePath));
+  host->SetPolicies(std::make_unique<platform::LocalPolicyService>(shared, settled.hostUuid));
+  host->SetDisks(std::make_unique<platform::LocalDiskLibrary>(settled.datastoreRoot));
+  Select(std::move(host));
+  return services;
+}
+
+void ServiceHome::InstallLocalServiceHost(platform::LogLevel maxLevel) {
+  Select(platform::NewLocalServiceHost(platform::LoadHostConfig(Path()), maxLevel));
+}
+
+void ServiceHome::Select(std::unique_ptr<platform::Host> host) {
+  ResetConfigCache();
+  std::unique_ptr<platform::Host> replaced = platform::SelectHost(std::move(host));
+  // A second install replaces this home's own earlier host, which goes.
+  if (!selected_) previous_ = std::move(replaced);
+  selected_ = true;
+}
+
+}  // namespace test
+}  // namespace zel

@@ -1,0 +1,109 @@
+// A prepared home of one host of the service, for the tests of the read
+// path: host.json with the host's identity, the configuration store with the
+// service enabled, the datastore whose ".iSCSI-CONFIG" link names the
+// configuration namespace holding etc/zel.conf, and the directory entries of
+// the storage objects (targets' namespaces and LUN disks), so that owner and
+// policy lookups answer. Everything is real: a forked child, zelctl or the
+// plug-in client can open the same home and sees what this process sees.
+//
+// The standard preparation (kStandardConf):
+//   target "finance" (kFinanceUuid): owned by this host, initiator group
+//     "finance-hosts" and one initiator by name, CHAP user "finance",
+//     LUN 0 "ledger" (kLedgerUuid) and LUN 1 offline (kArchiveUuid);
+//   target "lab" (kLabUuid): owned by the second member kPeerHostUuid
+//     ("peer-host"), CHAP-Mutual, no LUN;
+//   defaults: CHAP user "defuser" with kDefaultSecret on "nok0:3260", and the
+//     store holding its own copy with kStoreSecret.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/Host.h"
+#include "support/TestHost.h"
+#include "zel/DefaultInfo.h"
+
+namespace zel {
+namespace test {
+
+constexpr const char* kNamespaceUuid = "5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
+constexpr const char* kFinanceUuid = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
+constexpr const char* kLabUuid = "1d327651-d329-4d7e-ba75-059ffaab473e";
+constexpr const char* kLedgerUuid = "fc23b305-508a-41d5-8ec0-0f8d6c85fa1b";
+constexpr const char* kArchiveUuid = "389d5864-56e1-4397-abfe-eefb6e129194";
+constexpr const char* kPeerHostUuid = "7a1e9c44-0b2d-4f6a-8e3c-5d9b2a7f1c06";
+constexpr const char* kPeerHostName = "peer-host";
+// The secrets in the clear; the files hold them Base64-encoded.
+constexpr const char* kDefaultSecret = "Default#Secret1";
+constexpr const char* kDefaultMutualSecret = "Mutual#Secret22";
+constexpr const char* kStoreSecret = "Store#Secret333";
+constexpr const char* kFinanceSecret = "Finance#Secret1";
+
+// zel.conf of the standard preparation, generation 7.
+extern const char* const kStandardConf;
+
+// The test host with every local service backend attached: what a test
+// inspects through it.
+struct TestServices {
+  TestClock* clock;
+  RecordingLogSink* log;
+  FaultyFileSystem* files;
+};
+
+class ServiceHome {
+ public:
+  // The standard preparation in a fresh temporary home. No host is selected
+  // yet: call one of the Install functions.
+  ServiceHome();
+  // Drops the configuration cache's subscription and graph, and puts back
+  // the host that was selected before Install.
+  ~ServiceHome();
+  ServiceHome(const ServiceHome&) = delete;
+  ServiceHome& operator=(const ServiceHome&) = delete;
+
+  const std::string& Path() const { return home_.Path(); }
+  const std::string& HostUuid() const { return hostUuid_; }
+  // The namespace's own directory, where etc/zel.conf really lives.
+  std::string NamespaceDir() const;
+  std::string ConfPath() const;
+
+  // host.json: whether this host is a cluster member (it is by default).
+  void SetClusterMember(bool member);
+
+  // The configuration store.
+  void SetServiceEnabled(bool enabled);
+  void SetStoredDefaults(const HostCtl::Orva::IscsiTarget::DefaultInfo& defaults);
+
+  // Replaces zel.conf (mode 0600).
+  void WriteConf(const std::string& text);
+  // Removes the ".iSCSI-CONFIG" link: a datastore without the namespace.
+  void RemoveNamespaceLink();
+
+  // Publishes storage object `uuid` owned by `ownerHost` in the directory.
+  void AnnounceObject(const std::string& uuid, const std::string& ownerHost,
+                      const std::string& policy = "");
+  // Publishes another cluster member.
+  void AnnounceMember(const std::string& hostUuid, const std::string& hostName);
+
+  // Selects a host of this home whose clock is a TestClock, whose log is
+  // recorded and whose file layer can be scripted to fail, with the local
+  // directory, cluster facts, store, policies and disks attached.
+  TestServices InstallTestHost();
+  // Selects the local service host of this home, as zelctl does.
+  void InstallLocalServiceHost(platform::LogLevel maxLevel = platform::LogLevel::Warning);
+
+ private:
+  void Select(std::unique_ptr<platform::Host> host);
+
+  TempHome home_;
+  std::string hostUuid_;
+  bool selected_ = false;
+  std::unique_ptr<platform::Host> previous_;
+};
+
+// Puts the configuration cache back into its empty state: no subscription,
+// no graph, the entry taken as present.
+void ResetConfigCache();
+
+}  // namespace test
+}  // namespace zel
