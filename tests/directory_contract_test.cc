@@ -18,11 +18,15 @@
 #include <vector>
 
 #include "platform/Directory.h"
+#include "support/DirectoryNotes.h"
 #include "platform/SqliteDirectory.h"
 
 namespace zel {
 namespace platform {
 namespace {
+
+using zel::test::Note;
+using zel::test::Notifications;
 
 // Generous, for loaded machines: only a broken backend comes near it.
 constexpr auto kPatience = std::chrono::seconds(20);
@@ -117,49 +121,6 @@ Directory::UpdatePredicate OnlyOverOlder(uint64_t generation) {
   };
 }
 
-struct Note {
-  NOK_ReturnStatus status;
-  DirectoryEntry entry;
-};
-
-// Records a subscription's callbacks. Declare it before the directory, so
-// that it outlives the subscriptions.
-class Notifications {
- public:
-  Directory::Callback Sink() {
-    return [this](NOK_ReturnStatus status, const DirectoryEntry* entry) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      notes_.push_back({status, entry ? *entry : DirectoryEntry()});
-      arrived_.notify_all();
-    };
-  }
-
-  bool WaitFor(const std::function<bool(const Note&)>& match) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return arrived_.wait_for(lock, kPatience, [&] {
-      for (const Note& note : notes_) {
-        if (match(note)) return true;
-      }
-      return false;
-    });
-  }
-
-  bool WaitForPayload(const std::string& payload) {
-    return WaitFor([&](const Note& note) {
-      return note.status == NOK_OK && note.entry.payload == payload;
-    });
-  }
-
-  std::vector<Note> Notes() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return notes_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<Note> notes_;
-};
 
 class DirectoryContract : public ::testing::TestWithParam<Backend> {
  protected:
@@ -442,7 +403,7 @@ TEST_P(DirectoryContract, SubscriberSeesChangesOfItsKeyAndNoOther) {
   ASSERT_EQ(UpdateAndWait(*writer, Entry(kInterfaceType, kNamespace, kHostB, "generation", "type")).status, NOK_OK);
   ASSERT_EQ(UpdateAndWait(*writer, Entry(kConfigType, kNamespace, kHostB, "generation", "9")).status, NOK_OK);
 
-  ASSERT_TRUE(notes.WaitForPayload("9"));
+  ASSERT_TRUE(notes.WaitFor(NOK_OK, "9"));
   for (const Note& note : notes.Notes()) {
     EXPECT_EQ(note.entry.type, kConfigType);
     EXPECT_EQ(note.entry.key, kNamespace);
@@ -456,7 +417,7 @@ TEST_P(DirectoryContract, SubscriberSeesWritesThroughItsOwnDirectory) {
   Notifications notes;
   directory_->Subscribe(kConfigType, kNamespace, notes.Sink());
   ASSERT_EQ(UpdateAndWait(*directory_, Entry(kConfigType, kNamespace, kHostA, "generation", "3")).status, NOK_OK);
-  EXPECT_TRUE(notes.WaitForPayload("3"));
+  EXPECT_TRUE(notes.WaitFor(NOK_OK, "3"));
 }
 
 TEST_P(DirectoryContract, SubscriberSeesDeletionAsNotFoundWithTheIdentity) {
@@ -464,7 +425,7 @@ TEST_P(DirectoryContract, SubscriberSeesDeletionAsNotFoundWithTheIdentity) {
   std::unique_ptr<Directory> writer = OpenAnother();
   directory_->Subscribe(kInterfaceType, kHostB, notes.Sink());
   ASSERT_EQ(UpdateAndWait(*writer, Entry(kInterfaceType, kHostB, kHostB, "vmk1", "10.0.0.1")).status, NOK_OK);
-  ASSERT_TRUE(notes.WaitForPayload("10.0.0.1"));
+  ASSERT_TRUE(notes.WaitFor(NOK_OK, "10.0.0.1"));
 
   ASSERT_EQ(writer->Delete(kInterfaceType, kHostB, "vmk1"), NOK_OK);
   ASSERT_TRUE(notes.WaitFor([](const Note& note) { return note.status == NOK_NOT_FOUND; }));
@@ -485,7 +446,7 @@ TEST_P(DirectoryContract, NotificationsFollowTheOrderOfChangesAndEndAtTheLatest)
     writer->AsyncUpdate(Entry(kConfigType, kNamespace, kHostB, "generation", std::to_string(generation)),
                         {}, {});
   }
-  ASSERT_TRUE(notes.WaitForPayload(std::to_string(kChanges)));
+  ASSERT_TRUE(notes.WaitFor(NOK_OK, std::to_string(kChanges)));
   int previous = 0;
   for (const Note& note : notes.Notes()) {
     ASSERT_EQ(note.status, NOK_OK);
@@ -505,7 +466,7 @@ TEST_P(DirectoryContract, NoCallbackAfterUnsubscribe) {
   directory_->Unsubscribe(handle);  // a second time is harmless
 
   ASSERT_EQ(UpdateAndWait(*directory_, Entry(kConfigType, kNamespace, kHostA, "generation", "2")).status, NOK_OK);
-  ASSERT_TRUE(kept.WaitForPayload("2"));
+  ASSERT_TRUE(kept.WaitFor(NOK_OK, "2"));
   EXPECT_TRUE(dropped.Notes().empty());
 }
 
@@ -556,7 +517,7 @@ TEST_P(DirectoryContract, CallbackMayUnsubscribeItself) {
   ASSERT_EQ(UpdateAndWait(*directory_, Entry(kConfigType, kNamespace, kHostA, "generation", "1")).status, NOK_OK);
   directory_->Subscribe(kConfigType, kNamespace, later.Sink());
   ASSERT_EQ(UpdateAndWait(*directory_, Entry(kConfigType, kNamespace, kHostA, "generation", "2")).status, NOK_OK);
-  ASSERT_TRUE(later.WaitForPayload("2"));
+  ASSERT_TRUE(later.WaitFor(NOK_OK, "2"));
   EXPECT_EQ(calls.load(), 1);
 }
 
@@ -571,7 +532,7 @@ TEST_P(DirectoryContract, SubscriptionEndedByAnotherCallbackMissesTheChangeInPro
   directory_->Subscribe(kConfigType, kNamespace, sentinel.Sink());
 
   ASSERT_EQ(UpdateAndWait(*directory_, Entry(kConfigType, kNamespace, kHostA, "generation", "1")).status, NOK_OK);
-  ASSERT_TRUE(sentinel.WaitForPayload("1"));
+  ASSERT_TRUE(sentinel.WaitFor(NOK_OK, "1"));
   EXPECT_TRUE(ended.Notes().empty());
 }
 

@@ -20,12 +20,16 @@
 #include <vector>
 
 #include "platform/SqliteDirectory.h"
+#include "support/DirectoryNotes.h"
 
 extern char** environ;
 
 namespace zel {
 namespace platform {
 namespace {
+
+using zel::test::Note;
+using zel::test::Notifications;
 
 constexpr auto kPatience = std::chrono::seconds(20);
 constexpr uint32_t kConfigType = 37;
@@ -141,41 +145,6 @@ int WaitChild(pid_t pid) {
   return WEXITSTATUS(status);
 }
 
-struct Note {
-  NOK_ReturnStatus status;
-  DirectoryEntry entry;
-};
-
-class Notifications {
- public:
-  Directory::Callback Sink() {
-    return [this](NOK_ReturnStatus status, const DirectoryEntry* entry) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      notes_.push_back({status, entry ? *entry : DirectoryEntry()});
-      arrived_.notify_all();
-    };
-  }
-
-  bool WaitFor(NOK_ReturnStatus status, const std::string& payload) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return arrived_.wait_for(lock, kPatience, [&] {
-      for (const Note& note : notes_) {
-        if (note.status == status && note.entry.payload == payload) return true;
-      }
-      return false;
-    });
-  }
-
-  std::vector<Note> Notes() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return notes_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<Note> notes_;
-};
 
 TEST(DirectoryAcrossProcesses, SubscriberSeesAnotherProcesssUpdateAndDelete) {
   TempDir home;
