@@ -16,6 +16,7 @@
 #include "cache/ConfigCache.h"
 #include "conf/ConfHandle.h"
 #include "directory/DirectoryEntries.h"
+#include "storage/DatastoreLayout.h"
 #include "support/Process.h"
 #include "support/ServiceHome.h"
 #include "zel/OrvaCtlException.h"
@@ -27,6 +28,7 @@ namespace {
 using HostCtl::Lib::Orva::OrvaCtlException;
 using NokCtl::Orva::IscsiTarget::ConfHandle;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
+using NokCtl::Orva::IscsiTarget::Util::GetConfFilePath;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -185,9 +187,9 @@ TEST_F(ConfigCacheTest, FailedBackgroundRefreshIsLoggedAndEmptiesTheCache) {
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNothingCached);
   EXPECT_TRUE(ConfigCache::IsBrixSubscribed());
-  EXPECT_TRUE(host_.log->Contains("ZelConfigCache: Failed to update the config cache due to: "
-                                  "Failed to read conf file: " +
-                                  home_.Path() + "/datastore/.iSCSI-CONFIG/etc/zel.conf"));
+  EXPECT_TRUE(host_.log->Contains(
+      "ZelConfigCache: Failed to update the config cache due to: Failed to read conf file: " +
+      GetConfFilePath()));
 }
 
 TEST_F(ConfigCacheTest, GenerationIsAllOnesWhileNothingIsCached) {
@@ -206,7 +208,7 @@ TEST_F(ConfigCacheTest, GenerationIsAllOnesWhileNothingIsCached) {
 TEST_F(ConfigCacheTest, FailedReadThrowsAndLeavesTheCacheAsItWas) {
   SubscribeAndFill();
   UpdateZelConfigCacheAPI(nullptr, NOK_OK);
-  const std::string conf = home_.Path() + "/datastore/.iSCSI-CONFIG/etc/zel.conf";
+  const std::string conf = GetConfFilePath();
 
   home_.WriteConf("generation 8\ntarget {\n}\n");
   try {

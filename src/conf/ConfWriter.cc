@@ -2,7 +2,6 @@
 // fixed order and spacing that other tools compare byte for byte: initiator
 // groups come before the auth groups that reference them, because the reader
 // resolves references as it goes.
-#include <cinttypes>
 #include <cstring>
 #include <string>
 
@@ -28,53 +27,77 @@ std::string EncodeSecret(const char* secret) {
   return encoded;
 }
 
+// The text is assembled in memory and written with one call: formatting
+// each line through stdio costs several times the save's own I/O.
+class Text {
+ public:
+  // Room for the largest configuration the service admits, so the text is
+  // never copied while it grows.
+  Text() { text_.reserve(1 << 20); }
+  Text& operator<<(const char* piece) {
+    text_.append(piece);
+    return *this;
+  }
+  Text& operator<<(const std::string& piece) {
+    text_.append(piece);
+    return *this;
+  }
+  Text& operator<<(uint64_t number) { return *this << std::to_string(number); }
+  Text& operator<<(int64_t number) { return *this << std::to_string(number); }
+  Text& operator<<(int number) { return *this << std::to_string(number); }
+  const std::string& str() const { return text_; }
+
+ private:
+  std::string text_;
+};
+
 bool IsBuiltInOnlyGroup(const char* name) {
   return strcmp(name, "no-authentication") == 0 || strcmp(name, "no-access") == 0;
 }
 
-void WriteInitiatorGroups(FILE* out, const struct conf* conf) {
+void WriteInitiatorGroups(Text& out, const struct conf* conf) {
   const struct initiator_group* ig;
   TAILQ_FOREACH(ig, &conf->conf_initiator_groups, ig_next) {
-    fprintf(out, "initiator-group %s {\n", ig->ig_name);
+    out << "initiator-group " << ig->ig_name << " {\n";
     const struct initiator* ini;
-    TAILQ_FOREACH(ini, &ig->ig_initiators, i_next) fprintf(out, "\t initiator %s \n", ini->i_name);
-    fprintf(out, "}\n");
+    TAILQ_FOREACH(ini, &ig->ig_initiators, i_next) out << "\t initiator " << ini->i_name << " \n";
+    out << "}\n";
   }
 }
 
-void WriteAuthGroup(FILE* out, const struct auth_group* ag) {
-  fprintf(out, "auth-group %s {\n", ag->ag_name);
+void WriteAuthGroup(Text& out, const struct auth_group* ag) {
+  out << "auth-group " << ag->ag_name << " {\n";
   if (TAILQ_EMPTY(&ag->ag_auths)) {
-    fprintf(out, "\t auth-type none\n");
+    out << "\t auth-type none\n";
   }
   const struct auth* auth;
   TAILQ_FOREACH(auth, &ag->ag_auths, a_next) {
     if (ag->ag_type == AG_TYPE_CHAP) {
       ZEL_LOG_INFO("%s: found chap type auth %s\n", "ConfHandle", ag->ag_name);
-      fprintf(out, "\t chap \"%s\" \"%s\" \n", auth->a_user, EncodeSecret(auth->a_secret).c_str());
+      out << "\t chap \"" << auth->a_user << "\" \"" << EncodeSecret(auth->a_secret) << "\" \n";
     } else if (ag->ag_type == AG_TYPE_CHAP_MUTUAL) {
       ZEL_LOG_INFO("%s: found chap-mutual type auth %s\n", "ConfHandle", ag->ag_name);
-      fprintf(out, "\t chap-mutual \"%s\" \"%s\" \"%s\" \"%s\"\n", auth->a_user,
-              EncodeSecret(auth->a_secret).c_str(), auth->a_mutual_user,
-              EncodeSecret(auth->a_mutual_secret).c_str());
+      out << "\t chap-mutual \"" << auth->a_user << "\" \"" << EncodeSecret(auth->a_secret)
+          << "\" \"" << auth->a_mutual_user << "\" \"" << EncodeSecret(auth->a_mutual_secret)
+          << "\"\n";
     } else {
       // Deliberately without a line end: the file format has always been
       // written so, and readers accept what follows on the same line.
-      fprintf(out, "\t auth-type none");
+      out << "\t auth-type none";
     }
   }
   const struct igroup_ref* ref;
   TAILQ_FOREACH(ref, &ag->ag_igroup_refs, igr_next) {
-    fprintf(out, "\t initiator-group %s\n", ref->igr_initiator_group->ig_name);
+    out << "\t initiator-group " << ref->igr_initiator_group->ig_name << "\n";
   }
   const struct auth_name* name;
   TAILQ_FOREACH(name, &ag->ag_names, an_next) {
-    fprintf(out, "\t initiator-name %s\n", name->an_initator_name);
+    out << "\t initiator-name " << name->an_initator_name << "\n";
   }
-  fprintf(out, "}\n");
+  out << "}\n";
 }
 
-void WriteAuthGroups(FILE* out, const struct conf* conf) {
+void WriteAuthGroups(Text& out, const struct conf* conf) {
   const struct auth_group* ag;
   TAILQ_FOREACH(ag, &conf->conf_auth_groups, ag_next) {
     // A target's private group has no name to be written under; targets
@@ -88,72 +111,74 @@ void WriteAuthGroups(FILE* out, const struct conf* conf) {
   }
 }
 
-void WritePortalGroups(FILE* out, const struct conf* conf) {
+void WritePortalGroups(Text& out, const struct conf* conf) {
   const struct portal_group* pg;
   TAILQ_FOREACH(pg, &conf->conf_portal_groups, pg_next) {
-    fprintf(out, "portal-group %s {\n", pg->pg_name);
+    out << "portal-group " << pg->pg_name << " {\n";
     if (pg->pg_discovery_auth_group != nullptr && pg->pg_discovery_auth_group->ag_name != nullptr) {
-      fprintf(out, "\t discovery-auth-group %s\n", pg->pg_discovery_auth_group->ag_name);
+      out << "\t discovery-auth-group " << pg->pg_discovery_auth_group->ag_name << "\n";
     }
     const struct portal* portal;
     TAILQ_FOREACH(portal, &pg->pg_portals, p_next) {
       if (portal->p_host == nullptr) continue;
-      fprintf(out, "\t listen %s:%s\n", portal->p_host, portal->p_port);
+      out << "\t listen " << portal->p_host << ":" << portal->p_port << "\n";
       break;
     }
-    fprintf(out, "}\n");
+    out << "}\n";
   }
 }
 
-void WriteLun(FILE* out, const struct lun* lun) {
-  fprintf(out, "\tlun %d {\n", static_cast<int>(lun->l_zeld_lun));
-  if (lun->l_backend != nullptr) fprintf(out, "\t\tbackend %s\n", lun->l_backend);
-  if (lun->l_path != nullptr) fprintf(out, "\t\tpath %s\n", lun->l_path);
-  fprintf(out, "\t\tsize %" PRId64 "\n", static_cast<int64_t>(lun->l_size));
+void WriteLun(Text& out, const struct lun* lun) {
+  out << "\tlun " << static_cast<int>(lun->l_zeld_lun) << " {\n";
+  if (lun->l_backend != nullptr) out << "\t\tbackend " << lun->l_backend << "\n";
+  if (lun->l_path != nullptr) out << "\t\tpath " << lun->l_path << "\n";
+  out << "\t\tsize " << static_cast<int64_t>(lun->l_size) << "\n";
   const struct option* o;
   TAILQ_FOREACH(o, &lun->l_options, o_next) {
-    fprintf(out, "\t\toption %s \"%s\"\n", o->o_name, o->o_value);
+    out << "\t\toption " << o->o_name << " \"" << o->o_value << "\"\n";
   }
-  fprintf(out, "\t}\n");
+  out << "\t}\n";
 }
 
-void WriteTarget(FILE* out, const struct target* target) {
+void WriteTarget(Text& out, const struct target* target) {
   if (target->t_auth_group != nullptr && target->t_auth_group->ag_name == nullptr) {
     throw OrvaCtlException(std::string("Cannot write target \"") + target->t_name +
                            "\": its authorisations are not in a named auth-group");
   }
-  fprintf(out, "target %s {\n", target->t_name);
-  if (target->t_alias != nullptr) fprintf(out, "\talias \"%s\"\n", target->t_alias);
+  out << "target " << target->t_name << " {\n";
+  if (target->t_alias != nullptr) out << "\talias \"" << target->t_alias << "\"\n";
   const struct port* port = zeld_target_to_port(target);
   if (port != nullptr && port->p_portal_group != nullptr) {
-    fprintf(out, "\tportal-group %s\n", port->p_portal_group->pg_name);
+    out << "\tportal-group " << port->p_portal_group->pg_name << "\n";
   }
   if (target->t_auth_group != nullptr) {
-    fprintf(out, "\tauth-group %s\n", target->t_auth_group->ag_name);
+    out << "\tauth-group " << target->t_auth_group->ag_name << "\n";
   }
   const struct target_option* to;
   TAILQ_FOREACH(to, &target->t_options, to_next) {
-    fprintf(out, "\toption %s %s\n", to->to_name, to->to_value);
+    out << "\toption " << to->to_name << " " << to->to_value << "\n";
   }
   for (const struct lun* lun : target->t_luns) {
     if (lun != nullptr) WriteLun(out, lun);
   }
-  fprintf(out, "}\n");
+  out << "}\n";
 }
 
 }  // namespace
 
 void ConfHandle::_WriteConfigToFile(FILE* out) {
-  fprintf(out, "generation %" PRIu64 "\n", conf->conf_generation);
+  Text text;
+  text << "generation " << static_cast<uint64_t>(conf->conf_generation) << "\n";
   const struct conf_option* co;
   TAILQ_FOREACH(co, &conf->conf_options, co_next) {
-    fprintf(out, "option %s %s\n", co->co_name, co->co_value);
+    text << "option " << co->co_name << " " << co->co_value << "\n";
   }
-  WriteInitiatorGroups(out, conf);
-  WriteAuthGroups(out, conf);
-  WritePortalGroups(out, conf);
+  WriteInitiatorGroups(text, conf);
+  WriteAuthGroups(text, conf);
+  WritePortalGroups(text, conf);
   const struct target* target;
-  TAILQ_FOREACH(target, &conf->conf_targets, t_next) WriteTarget(out, target);
+  TAILQ_FOREACH(target, &conf->conf_targets, t_next) WriteTarget(text, target);
+  fwrite(text.str().data(), 1, text.str().size(), out);
 }
 
 }  // namespace IscsiTarget

@@ -31,9 +31,11 @@ struct conf *conf_new(void) {
 // portal groups and pports those ports are linked into. Auth groups only
 // reference initiator groups, so those can go last.
 void conf_delete(struct conf *conf) {
+  // Every target goes next, so clearing their tables lun by lun (a scan of
+  // every slot of every target per lun) would be wasted work.
   struct lun *lun;
   while ((lun = TAILQ_FIRST(&conf->conf_luns)) != NULL)
-    lun_delete(lun);
+    lun_destroy(lun);
   struct target *target;
   while ((target = TAILQ_FIRST(&conf->conf_targets)) != NULL)
     target_delete(target);

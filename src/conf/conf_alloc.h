@@ -20,3 +20,8 @@ T *checked_calloc() {
 // Replaces *field with a private copy of `value` (null clears it). The copy
 // is made before the old string is freed, so `value` may be *field itself.
 void conf_replace_string(char **field, const char *value);
+
+// Unlinks and frees a LUN without looking for targets that still point at
+// it. REQUIRES: no target table references it, or every target is deleted
+// next without reading its table (conf_delete).
+void lun_destroy(struct lun *lun);

@@ -2,6 +2,10 @@
 // defaults the daemon relies on and refuses LUNs it could not serve.
 #include <string.h>
 
+#include <string>
+#include <unordered_map>
+#include <vector>
+
 #include "conf/conf.h"
 
 namespace {
@@ -11,7 +15,20 @@ constexpr int kDiskBlockSize = 512;
 constexpr uint8_t kDeviceTypeCd = 5;
 constexpr uint64_t kSizeUnit = 512;
 
-int lun_verify(struct conf *conf, struct lun *lun) {
+// LUNs by backing path, each list in configuration order.
+using LunsByPath = std::unordered_map<std::string, std::vector<struct lun *>>;
+
+LunsByPath luns_by_path(const struct conf *conf) {
+  LunsByPath byPath;
+  struct lun *lun;
+  TAILQ_FOREACH(lun, &conf->conf_luns, l_next) {
+    if (lun->l_path != NULL)
+      byPath[lun->l_path].push_back(lun);
+  }
+  return byPath;
+}
+
+int lun_verify(const LunsByPath &byPath, struct lun *lun) {
   if (lun->l_backend == NULL)
     lun_set_backend(lun, "block");
   if (strcmp(lun->l_backend, "block") == 0 && lun->l_path == NULL) {
@@ -44,9 +61,8 @@ int lun_verify(struct conf *conf, struct lun *lun) {
   // administrator may be moving a disk; warn and go on.
   if (lun->l_path == NULL)
     return 0;
-  struct lun *other;
-  TAILQ_FOREACH(other, &conf->conf_luns, l_next) {
-    if (other != lun && other->l_path != NULL && strcmp(other->l_path, lun->l_path) == 0) {
+  for (const struct lun *other : byPath.at(lun->l_path)) {
+    if (other != lun) {
       log_warnx("WARNING: path \"%s\" duplicated between lun \"%s\", and lun \"%s\"",
                 lun->l_path, lun->l_name, other->l_name);
     }
@@ -127,9 +143,10 @@ bool auth_group_is_builtin(const char *name) {
 }  // namespace
 
 int conf_verify(struct conf *conf) {
+  const LunsByPath byPath = luns_by_path(conf);
   struct lun *lun;
   TAILQ_FOREACH(lun, &conf->conf_luns, l_next) {
-    if (lun_verify(conf, lun) != 0)
+    if (lun_verify(byPath, lun) != 0)
       return 1;
   }
 

@@ -39,6 +39,10 @@ void lun_delete(struct lun *lun) {
         slot = NULL;
     }
   }
+  lun_destroy(lun);
+}
+
+void lun_destroy(struct lun *lun) {
   TAILQ_REMOVE(&lun->l_conf->conf_luns, lun, l_next);
   struct option *o;
   while ((o = TAILQ_FIRST(&lun->l_options)) != NULL)

@@ -49,12 +49,30 @@ ClusterFacts& Host::Cluster() { return Required(cluster_, "cluster"); }
 ConfigStore& Host::Store() { return Required(store_, "configuration store"); }
 PolicyService& Host::Policies() { return Required(policies_, "policies"); }
 DiskLibrary& Host::Disks() { return Required(disks_, "disks"); }
+Namespaces& Host::GetNamespaces() { return Required(namespaces_, "namespaces"); }
+NetworkInterfaces& Host::Nics() { return Required(nics_, "network interfaces"); }
+CommandRunner& Host::Commands() { return Required(commands_, "commands"); }
+KernelModules& Host::Modules() { return Required(modules_, "kernel modules"); }
+Firewall& Host::GetFirewall() { return Required(firewall_, "firewall"); }
+KernelOptions& Host::Options() { return Required(options_, "kernel options"); }
+LegacyConfigFile& Host::LegacyConfig() { return Required(legacyConfig_, "legacy configuration"); }
 
 void Host::SetDirectory(std::unique_ptr<Directory> directory) { directory_ = std::move(directory); }
 void Host::SetCluster(std::unique_ptr<ClusterFacts> cluster) { cluster_ = std::move(cluster); }
 void Host::SetStore(std::unique_ptr<ConfigStore> store) { store_ = std::move(store); }
 void Host::SetPolicies(std::unique_ptr<PolicyService> policies) { policies_ = std::move(policies); }
 void Host::SetDisks(std::unique_ptr<DiskLibrary> disks) { disks_ = std::move(disks); }
+void Host::SetNamespaces(std::unique_ptr<Namespaces> namespaces) {
+  namespaces_ = std::move(namespaces);
+}
+void Host::SetNics(std::unique_ptr<NetworkInterfaces> nics) { nics_ = std::move(nics); }
+void Host::SetCommands(std::unique_ptr<CommandRunner> commands) { commands_ = std::move(commands); }
+void Host::SetModules(std::unique_ptr<KernelModules> modules) { modules_ = std::move(modules); }
+void Host::SetFirewall(std::unique_ptr<Firewall> firewall) { firewall_ = std::move(firewall); }
+void Host::SetOptions(std::unique_ptr<KernelOptions> options) { options_ = std::move(options); }
+void Host::SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig) {
+  legacyConfig_ = std::move(legacyConfig);
+}
 
 std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel) {
   return std::make_unique<Host>(std::move(config), NewSystemClock(), NewStderrLogSink(maxLevel),

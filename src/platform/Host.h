@@ -13,7 +13,10 @@
 #include "platform/DiskLibrary.h"
 #include "platform/FileIO.h"
 #include "platform/HostConfig.h"
+#include "platform/HostControl.h"
 #include "platform/Log.h"
+#include "platform/Namespaces.h"
+#include "platform/NetworkInterfaces.h"
 #include "platform/PolicyService.h"
 
 namespace zel {
@@ -37,12 +40,26 @@ class Host {
   ConfigStore& Store();
   PolicyService& Policies();
   DiskLibrary& Disks();
+  Namespaces& GetNamespaces();
+  NetworkInterfaces& Nics();
+  CommandRunner& Commands();
+  KernelModules& Modules();
+  Firewall& GetFirewall();
+  KernelOptions& Options();
+  LegacyConfigFile& LegacyConfig();
 
   void SetDirectory(std::unique_ptr<Directory> directory);
   void SetCluster(std::unique_ptr<ClusterFacts> cluster);
   void SetStore(std::unique_ptr<ConfigStore> store);
   void SetPolicies(std::unique_ptr<PolicyService> policies);
   void SetDisks(std::unique_ptr<DiskLibrary> disks);
+  void SetNamespaces(std::unique_ptr<Namespaces> namespaces);
+  void SetNics(std::unique_ptr<NetworkInterfaces> nics);
+  void SetCommands(std::unique_ptr<CommandRunner> commands);
+  void SetModules(std::unique_ptr<KernelModules> modules);
+  void SetFirewall(std::unique_ptr<Firewall> firewall);
+  void SetOptions(std::unique_ptr<KernelOptions> options);
+  void SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig);
 
  private:
   HostConfig config_;
@@ -55,6 +72,13 @@ class Host {
   std::unique_ptr<ConfigStore> store_;
   std::unique_ptr<PolicyService> policies_;
   std::unique_ptr<DiskLibrary> disks_;
+  std::unique_ptr<Namespaces> namespaces_;
+  std::unique_ptr<NetworkInterfaces> nics_;
+  std::unique_ptr<CommandRunner> commands_;
+  std::unique_ptr<KernelModules> modules_;
+  std::unique_ptr<Firewall> firewall_;
+  std::unique_ptr<KernelOptions> options_;
+  std::unique_ptr<LegacyConfigFile> legacyConfig_;
 };
 
 // The local clock, file layer and a standard-error log up to `maxLevel`:

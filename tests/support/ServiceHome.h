@@ -102,7 +102,7 @@ class ServiceHome {
 };
 
 // Puts the configuration cache back into its empty state: no subscription,
-// no graph, the entry taken as present.
+// no graph, not dirty, the entry taken as absent (as at start).
 void ResetConfigCache();
 
 }  // namespace test
