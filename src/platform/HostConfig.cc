@@ -181,6 +181,16 @@ void Apply(const Reader& reader, const json& document, HostConfig* config) {
       ApplyOptions(reader, value, config);
     } else if (key == "commands") {
       ApplyCommands(reader, value, config);
+    } else if (key == "defaultPolicy") {
+      config->defaultPolicy = reader.Text(value, key);
+    } else if (key == "profile") {
+      const std::string profile = reader.Text(value, key);
+      if (profile == "realHost") {
+        config->profile = Profile::RealHost;
+        config->backupConfPath = "/var/run/log/zel.conf.backup";
+      } else if (profile != "embedded") {
+        reader.Fail("profile must be \"embedded\" or \"realHost\"");
+      }
     } else {
       // A misspelt key would otherwise be ignored without a word.
       reader.Fail("unknown key '" + key + "'");
@@ -207,6 +217,7 @@ HostConfig EmbeddedHostConfig(const std::string& home) {
   config.directoryBackend = "sqlite";
   config.directoryPath = home + "/directory.db";
   config.configStorePath = home + "/config-store.json";
+  config.defaultPolicy = "\"failuresToTolerate\" \"1\"";
   return config;
 }
 

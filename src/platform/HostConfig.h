@@ -24,6 +24,7 @@ struct HostConfig {
   std::string directoryBackend; // "sqlite"
   std::string directoryPath;    // the embedded directory database
   std::string configStorePath;  // the host configuration store (JSON)
+  std::string defaultPolicy;    // the datastore's default storage policy
   std::map<std::string, int> options;         // kernel options, "GROUP.name" -> value
   std::map<std::string, std::string> commands; // command overrides by name
 };

@@ -104,7 +104,7 @@ void OrvaIscsiTargetImpl::_CheckZelConfigSubscription() {
   try {
     ConfigCache::SubscribeBrix();
   } catch (const OrvaCtlException& e) {
-    ZEL_LOG_WARNING("%s: Failed to subscribe ZEL config: %s\n", kTag, e.GetMessage().c_str());
+    ZEL_LOG_ERROR("%s: Failed to subscribe BRIX : %s\n", kTag, e.GetMessage().c_str());
   }
 }
 

@@ -37,6 +37,12 @@ class OrvaIscsiTargetImpl : public virtual Api::OrvaIscsiTarget {
   // first use.
   static void GetOrvaIscsiTargetImpl(std::shared_ptr<OrvaIscsiTargetImpl>& impl);
 
+  // Cluster-event handlers, registered with the platform when the library
+  // is loaded. They work on the singleton and never let an exception out.
+  static void ZelOnClusterLeave();
+  static void ZelOnNokNicChange();
+  static void ZelOnOrvaSystemRefresh();
+
   void SetIscsiTargetStatus(bool enable, bool failIfSame) override;
   bool GetIscsiTargetStatus(bool takeLock) override;
   void AddTarget(Api::TargetCreateParam& param) override;
@@ -86,6 +92,8 @@ class OrvaIscsiTargetImpl : public virtual Api::OrvaIscsiTarget {
   // Subscribes the configuration cache when it is not; a failure is only
   // logged, since queries then read the file.
   void _CheckZelConfigSubscription();
+  // Ends the subscription; a failure is only logged.
+  void _UnsubscribeZelConfig();
 
   bool _isEnabled = false;
   bool _volLibInitialized = false;

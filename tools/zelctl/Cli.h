@@ -5,7 +5,10 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <string>
+
+#include "zel/OrvaIscsiTarget.h"
 
 namespace zelctl {
 
@@ -28,6 +31,15 @@ void SelectServiceHostFor(const GlobalOptions& options);
 // Runs `command`, turning the service's exceptions into its message on
 // stderr and exit code 1.
 int RunReportingFailure(const std::function<int()>& command);
+
+// The service as the management process reaches it: through the plug-in.
+std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget> Service();
+
+// Adds a subcommand whose action runs against the local service host and
+// reports the service's refusal as exit code 1.
+CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,
+                            const std::string& description, const GlobalOptions& options,
+                            int& exitCode, std::function<void()> action);
 
 // Each command family adds its subcommands to the application; the action
 // they install stores the exit code in `exitCode`.

@@ -8,35 +8,11 @@
 #include "Records.h"
 #include "platform/Host.h"
 #include "storage/DatastoreLayout.h"
-#include "zel/OrvaPlugin.h"
 
 namespace zelctl {
 namespace {
 
-using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
 using nlohmann::ordered_json;
-
-// The service as the management process reaches it: through the plug-in.
-std::unique_ptr<OrvaIscsiTarget> Service() {
-  std::unique_ptr<HostCtl::Orva::OrvaAsyncPlugin> plugin(
-      HostCtl::Orva::OrvaAsyncPluginFactory::GetAsyncOrvaPlugin());
-  return std::unique_ptr<OrvaIscsiTarget>(plugin->GetOrvaIscsiTarget());
-}
-
-// Adds a subcommand whose action runs against the local service host.
-CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,
-                            const std::string& description, const GlobalOptions& options,
-                            int& exitCode, std::function<void()> action) {
-  CLI::App* command = parent.add_subcommand(name, description);
-  command->callback([&options, &exitCode, action] {
-    exitCode = RunReportingFailure([&] {
-      SelectServiceHostFor(options);
-      action();
-      return kExitOk;
-    });
-  });
-  return command;
-}
 
 const std::vector<std::string> kTargetColumns = {"alias", "iqn", "networkInterface", "port",
                                                  "authType", "ownerHostUuid", "faultDomain"};
