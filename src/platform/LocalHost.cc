@@ -1,10 +1,17 @@
 // The local backends of every host service, assembled into one host.
+#include <filesystem>
 #include <memory>
 
 #include "platform/Host.h"
 #include "platform/JsonConfigStore.h"
 #include "platform/LocalClusterFacts.h"
+#include "platform/LocalCommandRunner.h"
 #include "platform/LocalDiskLibrary.h"
+#include "platform/LocalHostControl.h"
+#include "platform/LocalKernelOptions.h"
+#include "platform/LocalLegacyConfig.h"
+#include "platform/LocalNamespaces.h"
+#include "platform/LocalNetworkInterfaces.h"
 #include "platform/LocalPolicyService.h"
 #include "platform/SqliteDirectory.h"
 #include "zel/OrvaCtlException.h"
@@ -24,6 +31,12 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
     throw OrvaCtlException("Unsupported directory backend '" + config.directoryBackend +
                            "' in the host configuration under " + config.home);
   }
+  // The embedded profile keeps the datastore inside the home; a real host
+  // mounts it, and a missing mount must stay visible as such.
+  if (config.profile == Profile::Embedded) {
+    std::error_code ignored;
+    std::filesystem::create_directories(config.datastoreRoot, ignored);
+  }
   std::unique_ptr<Directory> directory = NewSqliteDirectory(config.directoryPath);
   if (!directory) {
     throw OrvaCtlException("Failed to open the cluster directory " + config.directoryPath);
@@ -41,10 +54,18 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
         std::string("Failed to ") + (settled.clusterMember ? "register" : "unregister") + " host " +
         settled.hostUuid + " as a cluster member: " + NOK_ReturnStatusToString(announced));
   }
+  ClusterFacts& facts = *cluster;
   host->SetCluster(std::move(cluster));
   host->SetStore(std::make_unique<JsonConfigStore>(settled.configStorePath));
-  host->SetPolicies(std::make_unique<LocalPolicyService>(shared, settled.hostUuid));
+  host->SetPolicies(std::make_unique<LocalPolicyService>(shared, settled.hostUuid, &facts));
   host->SetDisks(std::make_unique<LocalDiskLibrary>(settled.datastoreRoot));
+  host->SetNamespaces(NewLocalNamespaces(settled));
+  host->SetNics(NewLocalNetworkInterfaces());
+  host->SetCommands(NewLocalCommandRunner(settled));
+  host->SetModules(NewLocalKernelModules(settled));
+  host->SetFirewall(NewLocalFirewall(settled));
+  host->SetOptions(NewLocalKernelOptions(settled));
+  host->SetLegacyConfig(NewLocalLegacyConfigFile(settled));
   return host;
 }
 

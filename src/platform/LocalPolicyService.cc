@@ -1,10 +1,12 @@
 #include "platform/LocalPolicyService.h"
 
+#include <algorithm>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "platform/Log.h"
+#include "storage/Policy.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {
@@ -18,8 +20,9 @@ const char kTag[] = "PolicyService";
 
 }  // namespace
 
-LocalPolicyService::LocalPolicyService(Directory& directory, std::string hostUuid)
-    : directory_(directory), hostUuid_(std::move(hostUuid)) {}
+LocalPolicyService::LocalPolicyService(Directory& directory, std::string hostUuid,
+                                       ClusterFacts* cluster)
+    : directory_(directory), hostUuid_(std::move(hostUuid)), cluster_(cluster) {}
 
 NOK_ReturnStatus LocalPolicyService::Init() {
   std::vector<DirectoryEntry> owned;
@@ -69,8 +72,39 @@ PolicyStatus LocalPolicyService::GetObjectPolicyStatus(const std::string& object
   }
   PolicyStatus result;
   result.policy = policy->get<std::string>();
-  result.compliance = Compliance::Unknown;
+  result.compliance = Judge(objectUuid, result.policy);
   return result;
+}
+
+Compliance LocalPolicyService::Judge(const std::string& objectUuid, const std::string& policy) {
+  if (cluster_ == nullptr) return Compliance::Unknown;
+  storage::PolicyRules rules;
+  std::string why;
+  if (!storage::ParsePolicyRules(policy, &rules, &why)) {
+    ZEL_LOG_WARNING("%s: Storage object %s has an unreadable policy: %s", kTag,
+                    objectUuid.c_str(), why.c_str());
+    return Compliance::NonCompliant;
+  }
+  if (!rules.failuresToTolerate && !rules.locality) return Compliance::Compliant;
+
+  ClusterInfo cluster;
+  const NOK_ReturnStatus status = cluster_->GetClusterInfo(&cluster);
+  if (status != NOK_OK) {
+    ZEL_LOG_WARNING("%s: Cannot judge the compliance of storage object %s, the membership is "
+                    "unknown: %s",
+                    kTag, objectUuid.c_str(), NOK_ReturnStatusToString(status));
+    return Compliance::Unknown;
+  }
+  if (rules.failuresToTolerate &&
+      cluster.members.size() < static_cast<size_t>(2 * *rules.failuresToTolerate + 1)) {
+    return Compliance::NonCompliant;
+  }
+  if (rules.locality &&
+      std::none_of(cluster.members.begin(), cluster.members.end(),
+                   [](const ClusterMember& member) { return !member.faultDomain.empty(); })) {
+    return Compliance::NonCompliant;
+  }
+  return Compliance::Compliant;
 }
 
 }  // namespace platform

@@ -14,7 +14,6 @@ namespace {
 }
 }  // namespace
 
-void OrvaIscsiTargetImpl::SetIscsiTargetStatus(bool, bool) { NotAvailable("SetIscsiTargetStatus"); }
 void OrvaIscsiTargetImpl::AddTarget(Api::TargetCreateParam&) { NotAvailable("AddTarget"); }
 void OrvaIscsiTargetImpl::AddLun(Api::LunInfo&) { NotAvailable("AddLun"); }
 void OrvaIscsiTargetImpl::RemoveLun(unsigned, const std::string&) { NotAvailable("RemoveLun"); }
@@ -22,20 +21,8 @@ void OrvaIscsiTargetImpl::UpdateLun(Api::LunInfo&, int, const std::string&, bool
   NotAvailable("UpdateLun");
 }
 void OrvaIscsiTargetImpl::RemoveTarget(const std::string&) { NotAvailable("RemoveTarget"); }
-void OrvaIscsiTargetImpl::Restore() { NotAvailable("Restore"); }
 void OrvaIscsiTargetImpl::UpdateTargetConfig(Api::TargetCreateParam&) {
   NotAvailable("UpdateTargetConfig");
-}
-void OrvaIscsiTargetImpl::UpdateDefaultConfig(const Api::DefaultInfo&) {
-  NotAvailable("UpdateDefaultConfig");
-}
-void OrvaIscsiTargetImpl::DeleteNamespace() { NotAvailable("DeleteNamespace"); }
-void OrvaIscsiTargetImpl::CreateNamespace(const Api::NamespaceCreateParam&,
-                                          const Api::DefaultInfo&) {
-  NotAvailable("CreateNamespace");
-}
-void OrvaIscsiTargetImpl::UpdateNamespaceConfig(const Api::NamespaceCreateParam&) {
-  NotAvailable("UpdateNamespaceConfig");
 }
 void OrvaIscsiTargetImpl::AddInitiatorgroup(const std::string&) {
   NotAvailable("AddInitiatorgroup");

@@ -2,6 +2,7 @@
 #include "zel/OrvaPlugin.h"
 
 #include "cache/ConfigCache.h"
+#include "platform/Events.h"
 #include "platform/Log.h"
 #include "service/OrvaIscsiTargetImpl.h"
 
@@ -30,13 +31,24 @@ OrvaAsyncPlugin* OrvaAsyncPluginFactory::GetAsyncOrvaPlugin() {
 }  // namespace Orva
 }  // namespace HostCtl
 
-// Run when the library is loaded: the cluster-event handlers join here as
-// the platform's event registry gains them.
-void ZelNokCtlInit() { ZEL_LOG_INFO("%s: Calling %s()\n", "OrvaIscsiTargetImpl", __func__); }
+using NokCtl::Orva::IscsiTarget::OrvaIscsiTargetImpl;
+
+// Run when the library is loaded.
+void ZelNokCtlInit() {
+  zel::platform::EventRegistry& events = zel::platform::Events();
+  events.SetNokNicChangeCallback(&OrvaIscsiTargetImpl::ZelOnNokNicChange);
+  events.SetClusterLeaveCallback(&OrvaIscsiTargetImpl::ZelOnClusterLeave);
+  events.SetOrvaSystemRefreshCallback(&OrvaIscsiTargetImpl::ZelOnOrvaSystemRefresh);
+}
 
 // Run when the library is unloaded: nothing may call back into it after.
 void ZelNokCtlFini() {
   ZEL_LOG_INFO("%s: Calling %s()\n", "OrvaIscsiTargetImpl", __func__);
+  zel::platform::EventRegistry& events = zel::platform::Events();
+  events.SetClusterLeaveCallback(nullptr);
+  events.SetNokNicChangeCallback(nullptr);
+  events.SetOrvaSystemRefreshCallback(nullptr);
+  events.SetOrvaHostEnterMaintenanceModeCallback(nullptr);
   try {
     NokCtl::Orva::IscsiTarget::ConfigCache::UnsubscribeBrixNoLock();
   } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {

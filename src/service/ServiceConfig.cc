@@ -1,8 +1,14 @@
 #include "service/ServiceConfig.h"
 
-#include <boost/thread/locks.hpp>
+#include <errno.h>
 
+#include <boost/thread/locks.hpp>
+#include <boost/thread/shared_mutex.hpp>
+#include <cstring>
+
+#include "platform/ExecApi.h"
 #include "platform/Host.h"
+#include "platform/LocalLegacyConfig.h"
 #include "platform/Log.h"
 #include "zel/OrvaCtlException.h"
 
@@ -18,16 +24,105 @@ namespace {
 
 const char kTag[] = "Util";
 
+// Always taken exclusively, and never while waiting for another lock.
 boost::shared_mutex defaultConfigMutex;
 DefaultInfo defaultConfigCache;
 
+const char* EnabledText(bool enabled) { return enabled ? "enabled" : "disabled"; }
+
+bool SameDefaults(const DefaultInfo& a, const DefaultInfo& b) {
+  return a.networkInterface == b.networkInterface && a.port == b.port &&
+         a.authType == b.authType && a.userid == b.userid && a.secret == b.secret &&
+         a.mutualUserid == b.mutualUserid && a.mutualSecret == b.mutualSecret;
+}
+
 }  // namespace
 
+void SetStatus(bool enabled) {
+  zel::platform::Host& host = zel::platform::CurrentHost();
+  if (OrvaUtil::IsOrvaConfigStoreFeatureEnabled()) {
+    try {
+      host.Store().SetOrvaIscsiServiceEnabled(enabled);
+    } catch (const OrvaCtlException& e) {
+      ZEL_LOG_ERROR(
+          "%s: ZEL failed to persist info for ZEL status to config store with exception %s\n",
+          kTag, e.GetMessage().c_str());
+      throw;
+    }
+    ZEL_LOG_INFO("%s: Stored zel status '%s' to config store successfully\n", kTag,
+                 EnabledText(enabled));
+    return;
+  }
+  try {
+    host.LegacyConfig().SetBool(ORVA_ZEL_STATUS_KEY, enabled);
+  } catch (const OrvaCtlException& e) {
+    ZEL_LOG_ERROR("%s: ZEL failed to persist info for ZEL  status with exception %s\n", kTag,
+                  e.GetMessage().c_str());
+    throw;
+  }
+  ZEL_LOG_INFO("%s: Stored zel status '%s' successfully\n", kTag, EnabledText(enabled));
+}
+
+void LoadConfig(bool& enabled) {
+  zel::platform::Host& host = zel::platform::CurrentHost();
+  if (OrvaUtil::IsOrvaConfigStoreFeatureEnabled()) {
+    try {
+      if (!host.Store().GetOrvaIscsiServiceEnabled(&enabled)) {
+        ZEL_LOG_INFO("%s: ZEL service enabled field not exist in config store.\n", kTag);
+        enabled = false;
+      }
+    } catch (const OrvaCtlException& e) {
+      ZEL_LOG_ERROR(
+          "%s: ZEL failed to get info for ZEL status from config store with exception %s\n", kTag,
+          e.GetMessage().c_str());
+      throw;
+    }
+    try {
+      LoadDefaultConfigCacheFromConfigStore();
+    } catch (const OrvaCtlException& e) {
+      ZEL_LOG_ERROR("%s: ZEL failed to get default config from config store with exception %s\n",
+                    kTag, e.GetMessage().c_str());
+      throw;
+    }
+    ZEL_LOG_INFO("%s: Retrieved zel status '%s' from config store successfully\n", kTag,
+                 EnabledText(enabled));
+    return;
+  }
+  try {
+    zel::platform::LegacyConfigFile& legacy = host.LegacyConfig();
+    enabled = legacy.HasValue(ORVA_ZEL_STATUS_KEY) && legacy.GetBool(ORVA_ZEL_STATUS_KEY);
+  } catch (const OrvaCtlException& e) {
+    ZEL_LOG_ERROR("%s: ZEL failed to load info for ZEL  status with exception %s\n", kTag,
+                  e.GetMessage().c_str());
+    throw;
+  }
+  ZEL_LOG_INFO("%s: Retrieved zel status '%s' successfully\n", kTag, EnabledText(enabled));
+}
+
 void LoadDefaultConfigCacheFromConfigStore() {
+  if (!OrvaUtil::IsOrvaConfigStoreFeatureEnabled()) return;
   boost::unique_lock<boost::shared_mutex> exclusive(defaultConfigMutex);
   DefaultInfo stored;
   if (zel::platform::CurrentHost().Store().GetOrvaIscsiDefaultConfig(&stored)) {
     defaultConfigCache = stored;
+  }
+}
+
+void UpdateDefaultConfigToConfigStore(const DefaultInfo& info) {
+  // Without the store the defaults live only in zel.conf.
+  if (!OrvaUtil::IsOrvaConfigStoreFeatureEnabled()) return;
+  try {
+    // Compared under the lock: another thread may replace the cached
+    // strings at any moment, and the control thread mirrors the defaults
+    // every pass, so equal records must cost no write.
+    boost::unique_lock<boost::shared_mutex> exclusive(defaultConfigMutex);
+    if (SameDefaults(info, defaultConfigCache)) return;
+    zel::platform::CurrentHost().Store().SetOrvaIscsiDefaultConfig(info);
+    defaultConfigCache = info;
+  } catch (const OrvaCtlException& e) {
+    ZEL_LOG_ERROR("%s: ZEL failed to persist default config to config store with exception %s\n",
+                  kTag, e.GetMessage().c_str());
+    throw;
   }
 }
 
@@ -36,38 +131,38 @@ DefaultInfo GetDefaultConfigCache() {
   return defaultConfigCache;
 }
 
-void LoadConfig(bool& enabled) {
-  try {
-    if (!zel::platform::CurrentHost().Store().GetOrvaIscsiServiceEnabled(&enabled)) {
-      ZEL_LOG_INFO("%s: ZEL service enabled field not exist in config store.\n", kTag);
-      enabled = false;
-    }
-  } catch (const OrvaCtlException& e) {
-    ZEL_LOG_ERROR("%s: ZEL failed to get info for ZEL status from config store with exception %s\n",
-                  kTag, e.GetMessage().c_str());
-    throw;
-  }
-  try {
-    LoadDefaultConfigCacheFromConfigStore();
-  } catch (const OrvaCtlException& e) {
-    ZEL_LOG_ERROR("%s: ZEL failed to get default config from config store with exception %s\n",
-                  kTag, e.GetMessage().c_str());
-    throw;
-  }
-  ZEL_LOG_INFO("%s: Retrieved zel status '%s' from config store successfully\n", kTag,
-               enabled ? "enabled" : "disabled");
-}
-
 int ZelGetNsiIntOpt(const std::string& component, const std::string& field) {
-  const auto& options = zel::platform::CurrentHost().Config().options;
-  const auto found = options.find(component + "." + field);
-  // An option the host never set reads 0, which turns its feature off.
-  if (found == options.end()) {
-    ZEL_LOG_DEBUG("%s: Option %s.%s is not set; reading 0\n", kTag, component.c_str(),
-                  field.c_str());
+  int value = 0;
+  NOK_ReturnStatus status;
+  try {
+    status = zel::platform::CurrentHost().Options().GetIntOption(component, field, &value);
+  } catch (const OrvaCtlException& e) {
+    ZEL_LOG_WARNING("%s: Failed to get component: %s, field: %s: %s\n", kTag, component.c_str(),
+                    field.c_str(), e.GetMessage().c_str());
     return 0;
   }
-  return found->second;
+  if (status == NOK_OK) return value;
+  if (status == NOK_NOT_FOUND) {
+    // Optional features are off unless the host sets their option.
+    ZEL_LOG_DEBUG("%s: Option %s.%s is not set; reading 0\n", kTag, component.c_str(),
+                  field.c_str());
+  } else {
+    ZEL_LOG_WARNING("%s: Failed to get component: %s, field: %s: %s\n", kTag, component.c_str(),
+                    field.c_str(), NOK_ReturnStatusToString(status));
+  }
+  return 0;
+}
+
+bool IsZelFeatureEnabled(const std::string& name) {
+  const bool enabled = ZelGetNsiIntOpt("ORVA", name) != 0;
+  ZEL_LOG_INFO("%s: Retrieve Zel Feature (%s): %s.\n", kTag, name.c_str(),
+               enabled ? "Enabled" : "Disabled");
+  return enabled;
+}
+
+bool IsRunningInOrvaMgmtd() {
+  static const bool inMgmtd = std::strstr(program_invocation_name, "orvamgmtd") != nullptr;
+  return inMgmtd;
 }
 
 }  // namespace Util

@@ -45,5 +45,8 @@ CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,
 // they install stores the exit code in `exitCode`.
 void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 void AddServiceCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
+// REQUIRES: AddServiceCommands ran (it adds the "namespace" and "defaults"
+// families that these extend).
+void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 
 }  // namespace zelctl

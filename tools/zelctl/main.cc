@@ -46,6 +46,7 @@ int main(int argc, char** argv) {
   int exitCode = zelctl::kExitOk;
   zelctl::AddConfCommands(app, options, exitCode);
   zelctl::AddServiceCommands(app, options, exitCode);
+  zelctl::AddManageCommands(app, options, exitCode);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,72 @@
+#include "edit/DefaultsEditor.h"
+
+#include <cstdint>
+#include <string>
+
+#include "cache/ConfigCache.h"
+#include "conf/ConfHandle.h"
+#include "edit/Parser.h"
+#include "platform/Log.h"
+#include "service/ConfigChange.h"
+#include "zel/AuthInfo.h"
+#include "zel/OrvaCtlException.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace Parser {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using HostCtl::Orva::IscsiTarget::DefaultInfo;
+
+namespace {
+
+const char kTag[] = "Parser";
+const char kDefaultGroup[] = "default";
+
+AuthInfo DefaultAuth(const DefaultInfo& info) {
+  if (info.authType.empty() || info.authType == "No-Authentication") {
+    return AuthInfo("No-Authentication", "", "", "", "");
+  }
+  return AuthInfo(info.authType, info.userid, info.secret, info.mutualUserid, info.mutualSecret);
+}
+
+// The writer prints only a group's first portal that has a host, so the
+// group is left with exactly the one address asked for.
+void ReplaceListen(struct portal_group* pg, const std::string& listen) {
+  struct portal* portal;
+  while ((portal = TAILQ_FIRST(&pg->pg_portals)) != nullptr) portal_delete(portal);
+  if (portal_group_add_listen(pg, listen.c_str(), false) != 0) {
+    throw OrvaCtlException("Failed to update listen address " + listen + " for portal-group " +
+                           kDefaultGroup);
+  }
+}
+
+}  // namespace
+
+void UpdateDefaultConfig(const DefaultInfo& info) {
+  ZEL_LOG_INFO("%s: Updating default config: auth type '%s', network interface '%s', port %d\n",
+               kTag, info.authType.c_str(), info.networkInterface.c_str(), info.port);
+  // The reader gives every conf both built-in "default" groups.
+  ConfHandle handle(ConfHandle::kExclusiveMode);
+  struct auth_group* ag = auth_group_find(handle.conf, kDefaultGroup);
+  struct portal_group* pg = portal_group_find(handle.conf, kDefaultGroup);
+  UpdateAuthGroupAuth(ag, DefaultAuth(info));
+  if (!info.networkInterface.empty()) {
+    ReplaceListen(pg, info.networkInterface + ":" + std::to_string(info.port));
+  }
+  const uint64_t generation = handle.WriteConfFile();
+  // The file has changed whatever the announcement does next: a failed
+  // publication must not leave this process trusting a copy of the old file.
+  ConfigCache::CleanupCachedConfig();
+  // Announced while the file is still locked: the next writer waits for the
+  // lock, so generations reach the directory in the order they were saved.
+  Util::DoActionForConfigChange(generation);
+  ZEL_LOG_INFO("%s: Updated default config to generation %lu\n", kTag,
+               static_cast<unsigned long>(generation));
+}
+
+}  // namespace Parser
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl

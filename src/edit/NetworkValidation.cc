@@ -1,0 +1,43 @@
+#include "edit/NetworkValidation.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "platform/Log.h"
+#include "platform/NicApi.h"
+#include "zel/OrvaCtlException.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace Util {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+
+void VerifyNetworkConfig(const std::string& networkInterface, int32_t port) {
+  if (!networkInterface.empty()) {
+    const std::vector<std::string> names = NokCtl::Network::NokKernelNicApi::GetNokKernelNicNames();
+    if (std::find(names.begin(), names.end(), networkInterface) == names.end()) {
+      throw OrvaCtlException("Network interface " + networkInterface +
+                             " is not available on this host");
+    }
+  }
+  if (port == kZelDefaultPort) return;
+  if (networkInterface.empty()) {
+    const std::string message =
+        "Network interface is not provided for port " + std::to_string(port);
+    ZEL_LOG_ERROR("%s: %s\n", "Util", message.c_str());
+    throw OrvaCtlException(message);
+  }
+  if (port <= kZelMinPortExclusive || port > kZelMaxPort) {
+    throw OrvaCtlException("Invalid port " + std::to_string(port) + " provided for interface " +
+                           networkInterface + ", valid port range is " +
+                           std::to_string(kZelMinPortExclusive) +
+                           " < port <= " + std::to_string(kZelMaxPort));
+  }
+}
+
+}  // namespace Util
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl

@@ -1,0 +1,182 @@
+#include "service/AgentEntry.h"
+
+#include <algorithm>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/Events.h"
+#include "platform/Host.h"
+#include "platform/LocalClusterFacts.h"
+#include "platform/Log.h"
+#include "service/ServiceConfig.h"
+#include "zel/OrvaCtlException.h"
+
+namespace {
+
+using zel::platform::Directory;
+using zel::platform::DirectoryEntry;
+
+const char kTag[] = "AgentEntry";
+const char kFacadeTag[] = "OrvaIscsiTargetImpl";
+
+// Runs `body`, logging instead of letting an exception cross the C entry.
+template <typename Body>
+bool Guarded(const char* entry, Body body) {
+  try {
+    body();
+    return true;
+  } catch (const HostCtl::Lib::HostCtlException& e) {
+    ZEL_LOG_ERROR("%s: %s failed: %s\n", kTag, entry, e.GetMessage().c_str());
+  } catch (const std::exception& e) {
+    ZEL_LOG_ERROR("%s: %s failed: %s\n", kTag, entry, e.what());
+  }
+  return false;
+}
+
+// The membership is the set of member entries under one key; whether this
+// host's entry is among them is decided by querying the key again on every
+// notice, because a notice may coalesce several changes or, for a subscriber
+// that fell behind, carry only the entries still present.
+class MembershipWatch {
+ public:
+  MembershipWatch(Directory& directory, std::string hostUuid, ZelMembershipLeftCallback onLeft,
+                  void* context)
+      : directory_(directory), hostUuid_(std::move(hostUuid)), onLeft_(onLeft), context_(context) {}
+
+  // Subscribes before the first look, so that no removal after it is missed.
+  void Start() {
+    handle_ = directory_.Subscribe(zel::platform::kClusterMemberEntryType,
+                                   zel::platform::kClusterMembersKey,
+                                   [this](NOK_ReturnStatus, const DirectoryEntry*) { Check(); });
+    Check();
+  }
+
+  void Stop() { directory_.Unsubscribe(handle_); }
+
+ private:
+  // Under the lock, query included: a stale answer must not overwrite a
+  // fresher one.
+  void Check() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::vector<DirectoryEntry> entries;
+    const NOK_ReturnStatus status = directory_.Query(zel::platform::kClusterMemberEntryType,
+                                                     zel::platform::kClusterMembersKey, &entries);
+    if (status != NOK_OK && status != NOK_NOT_FOUND) {
+      // Unknown is not absent: the next notice looks again.
+      ZEL_LOG_WARNING("%s: Failed to read the cluster membership: %s\n", kTag,
+                      NOK_ReturnStatusToString(status));
+      return;
+    }
+    const bool present =
+        std::any_of(entries.begin(), entries.end(),
+                    [this](const DirectoryEntry& entry) { return entry.entryId == hostUuid_; });
+    if (present_ && !present) {
+      ZEL_LOG_INFO("%s: Host %s is no longer a cluster member\n", kTag, hostUuid_.c_str());
+      onLeft_(context_);
+    }
+    present_ = present;
+  }
+
+  Directory& directory_;
+  const std::string hostUuid_;
+  const ZelMembershipLeftCallback onLeft_;
+  void* const context_;
+  std::mutex mutex_;  // serialises the first look and the notices
+  bool present_ = false;
+  Directory::SubscriptionHandle handle_ = 0;
+};
+
+std::mutex watchesMutex;
+std::map<uint64_t, std::unique_ptr<MembershipWatch>> watches;
+uint64_t lastWatch = 0;
+
+}  // namespace
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+
+int ZelGetNokNicCtlFlag() { return Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelNokNicCtlEnable"); }
+
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl
+
+extern "C" {
+
+int ZelSelectHostForHome(const char* home, int verbose) {
+  using namespace zel::platform;
+  const std::string named = home != nullptr ? home : "";
+  const bool selected = Guarded(__func__, [&] {
+    SelectHost(NewLocalServiceHost(LoadHostConfig(ResolveHome(named)),
+                                   verbose != 0 ? LogLevel::Debug2 : LogLevel::Info));
+  });
+  return selected ? 0 : -1;
+}
+
+void ZelFireNokNicChange(void) {
+  Guarded(__func__, [] { zel::platform::Events().FireNokNicChange(); });
+}
+
+void ZelFireClusterLeave(void) {
+  Guarded(__func__, [] { zel::platform::Events().FireClusterLeave(); });
+}
+
+void ZelFireOrvaSystemRefresh(void) {
+  Guarded(__func__, [] { zel::platform::Events().FireOrvaSystemRefresh(); });
+}
+
+uint64_t ZelWatchLocalMembership(ZelMembershipLeftCallback onLeft, void* context) {
+  uint64_t id = 0;
+  Guarded(__func__, [&] {
+    zel::platform::Host& host = zel::platform::CurrentHost();
+    auto watch = std::make_unique<MembershipWatch>(host.GetDirectory(), host.Config().hostUuid,
+                                                   onLeft, context);
+    watch->Start();
+    std::lock_guard<std::mutex> guard(watchesMutex);
+    id = ++lastWatch;
+    watches.emplace(id, std::move(watch));
+  });
+  return id;
+}
+
+void ZelUnwatchLocalMembership(uint64_t watch) {
+  std::unique_ptr<MembershipWatch> stopping;
+  {
+    std::lock_guard<std::mutex> guard(watchesMutex);
+    const auto found = watches.find(watch);
+    if (found == watches.end()) return;
+    stopping = std::move(found->second);
+    watches.erase(found);
+  }
+  // Outside the registry's lock: Stop waits for a running notice to end.
+  stopping->Stop();
+}
+
+void ZelInit(void) {
+  Guarded(__func__, [] {
+    const int flag = NokCtl::Orva::IscsiTarget::ZelGetNokNicCtlFlag();
+    if (flag == 0) return;
+    ZEL_LOG_WARNING(
+        "%s: zelNokNicCtlEnable is %d, but the control thread is not part of this "
+        "build; not starting it\n",
+        kFacadeTag, flag);
+  });
+}
+
+void ZelDeinit(void) {
+  Guarded(__func__, [] {
+    const int flag = NokCtl::Orva::IscsiTarget::ZelGetNokNicCtlFlag();
+    if (flag == 0) return;
+    ZEL_LOG_WARNING(
+        "%s: zelNokNicCtlEnable is %d, but the control thread is not part of this "
+        "build; nothing to stop\n",
+        kFacadeTag, flag);
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,64 @@
+// Plain-name entries of the library for the host agent (orvamgmtd), which
+// loads the library with dlopen and resolves them with dlsym, as it does the
+// plug-in entry. The agent does not link the library, so everything it needs
+// beyond the plug-in interface is here as a C function: selecting the host,
+// firing the platform's cluster events into the library's event registry,
+// watching the cluster membership, and the control thread's ZelInit and
+// ZelDeinit.
+//
+// No entry lets an exception escape: failures are logged through the
+// library's log and reported by the result.
+#pragma once
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Selects the local service host of `home` (the library's own rule when
+// null or empty: ZEL_HOME, else the default home) for the whole process,
+// logging info lines, or everything when `verbose` is non-zero, to standard
+// error. Returns 0, or -1 after logging why the home cannot be used.
+int ZelSelectHostForHome(const char* home, int verbose);
+
+// Run the handler registered for the event (nothing when none is) on the
+// calling thread.
+void ZelFireNokNicChange(void);
+void ZelFireClusterLeave(void);
+void ZelFireOrvaSystemRefresh(void);
+
+// Runs on the directory's own thread; it must be quick and must not call
+// back into the library.
+typedef void (*ZelMembershipLeftCallback)(void* context);
+
+// Watches the cluster membership in the selected host's directory and calls
+// `onLeft` each time this host's member entry disappears after it was seen
+// present. Returns a non-zero watch, or 0 after logging a failure.
+// REQUIRES: the selected host stays selected while the watch lives (the
+// watch uses its directory).
+uint64_t ZelWatchLocalMembership(ZelMembershipLeftCallback onLeft, void* context);
+// Ends a watch; once it returns `onLeft` will not run again. Unknown
+// watches are ignored.
+void ZelUnwatchLocalMembership(uint64_t watch);
+
+// Start and stop the background control thread when the kernel option
+// "zelNokNicCtlEnable" of group "ORVA-iSCSI" is non-zero; nothing otherwise.
+void ZelInit(void);
+void ZelDeinit(void);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+
+// The kernel option "zelNokNicCtlEnable" of group "ORVA-iSCSI"; 0 (also when
+// the host never set it) means the control thread is not used.
+int ZelGetNokNicCtlFlag();
+
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl
+#endif

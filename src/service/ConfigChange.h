@@ -1,0 +1,46 @@
+// What follows a save of zel.conf: announcing its generation in the cluster
+// directory, telling whether the cached configuration moved on, and keeping
+// this host's backup copy of the file.
+#pragma once
+
+#include <cstdint>
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace Util {
+
+// Publishes `generation` in the directory. All ones means that no file was
+// written: nothing happens. A directory that already holds this or a later
+// generation (another host wrote since) is only a warning. Any other
+// failure throws "Failed to Update ZEL conf entry into BRIX with error: "
+// and the status text.
+void DoActionForConfigChange(uint64_t generation);
+
+// True, storing the cached generation into `known`, when the configuration
+// cache holds a generation later than `known`. An empty cache tells
+// nothing and answers false.
+bool IsRefreshConfNeeded(uint64_t& known);
+
+// True before the first backup of this process, and afterwards when the
+// cached generation is later than the last one backed up (or nothing is
+// cached, so the file must be asked).
+bool IsBackupConfNeeded();
+
+// Copies zel.conf to the backup path, only inside the management process
+// and only when IsBackupConfNeeded.
+void BackupConfigFile();
+
+// Copies zel.conf to the backup path under the file's shared lock, unless
+// this generation or a later one was copied already (a warning). False,
+// after logging, when the file cannot be read or copied.
+bool CopyZelConfWithLock();
+
+// Forgets the last backup, as at the start of the process: the next
+// BackupConfigFile copies whatever the generation.
+void ForgetBackupConfGenNumber();
+
+}  // namespace Util
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl

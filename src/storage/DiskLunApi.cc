@@ -1,0 +1,25 @@
+#include "storage/DiskLunApi.h"
+
+#include "platform/Host.h"
+
+namespace NokCtl {
+namespace Storage {
+namespace DiskLunApi {
+
+void CreateNamespace(const std::string& root, const std::string& name, const std::string& policy,
+                     uint64_t size, std::string& objectUuid) {
+  objectUuid =
+      zel::platform::CurrentHost().GetNamespaces().CreateNamespace(root, name, policy, size);
+}
+
+void DeleteNamespace(const std::string& root, const std::string& name) {
+  zel::platform::CurrentHost().GetNamespaces().DeleteNamespace(root, name);
+}
+
+void UpdateNamespace(const std::string& root, const std::string& name, const std::string& policy) {
+  zel::platform::CurrentHost().GetNamespaces().UpdateNamespace(root, name, policy);
+}
+
+}  // namespace DiskLunApi
+}  // namespace Storage
+}  // namespace NokCtl

@@ -1,0 +1,383 @@
+// The local host-control backends: real programs run without a shell (exit
+// codes, signals, environment, inherited descriptors, the host.json
+// replacements and the profile mappings), the embedded state files of
+// modules, firewall and boot switch, the real-host modprobe and nft
+// commands, the options file and the legacy configuration file shared by
+// two processes.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/HostConfig.h"
+#include "platform/LocalCommandRunner.h"
+#include "platform/LocalHostControl.h"
+#include "platform/LocalKernelOptions.h"
+#include "platform/LocalLegacyConfig.h"
+#include "support/FakeHostControl.h"
+#include "support/Process.h"
+#include "support/TestHost.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace test {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using platform::LogLevel;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class LocalHostControlTest : public ::testing::Test {
+ protected:
+  // A shell script under the home (mode 0700) and its path.
+  std::string Script(const std::string& name, const std::string& body) {
+    const std::string path = host_.Home() + "/" + name;
+    WriteFile(path, "#!/bin/sh\n" + body, 0700);
+    return path;
+  }
+  // A script that writes its arguments into `out` (not executable: run it
+  // through "/bin/sh PATH").
+  std::string Recorder(const std::string& out) {
+    const std::string path = host_.Home() + "/recorder.sh";
+    WriteFile(path, "echo \"$@\" > " + out + "\n", 0600);
+    return path;
+  }
+  std::string Out() const { return host_.Home() + "/out"; }
+  int Run(const std::vector<std::string>& argv) {
+    return platform::NewLocalCommandRunner(config_)->Exec(argv);
+  }
+
+  ScopedTestHost host_;
+  platform::HostConfig config_ = host_.Config();
+};
+
+TEST_F(LocalHostControlTest, ExitCodesOfRealPrograms) {
+  EXPECT_EQ(Run({"/bin/true"}), 0);
+  EXPECT_EQ(Run({"/bin/false"}), 1);
+  EXPECT_EQ(Run({Script("three.sh", "exit 3\n")}), 3);
+  EXPECT_EQ(Run({"true"}), 0);  // found in PATH
+  EXPECT_EQ(Run({Script("killed.sh", "kill -9 $$\n")}), 128 + 9);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
+}
+
+TEST_F(LocalHostControlTest, ProgramThatCannotStartIs127WithAWarning) {
+  EXPECT_EQ(Run({host_.Home() + "/missing", "arg"}), 127);
+  EXPECT_EQ(Run({"zel-no-such-program"}), 127);
+  const std::string notExecutable = host_.Home() + "/plain.sh";
+  WriteFile(notExecutable, "exit 0\n", 0600);
+  EXPECT_EQ(Run({notExecutable}), 127);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Warning),
+              ElementsAre("HostControl: Failed to start \"" + host_.Home() +
+                              "/missing arg\": No such file or directory",
+                          "HostControl: Failed to start \"zel-no-such-program\": "
+                          "zel-no-such-program not found in PATH",
+                          "HostControl: Failed to start \"" + notExecutable +
+                              "\": Permission denied"));
+}
+
+TEST_F(LocalHostControlTest, ChildSeesTheHomeAndItsArgumentsVerbatim) {
+  const std::string script =
+      Script("env.sh", "printf '%s|%s|%s' \"$ZEL_HOME\" \"$1\" \"$(env | grep -c '^ZEL_HOME=')\" > " +
+                           Out() + "\n");
+  ASSERT_EQ(Run({script, "two words; $HOME *"}), 0);
+  EXPECT_EQ(ReadFile(Out()), host_.Home() + "|two words; $HOME *|1");
+}
+
+TEST_F(LocalHostControlTest, ChildInheritsOnlyTheStandardDescriptors) {
+  // A descriptor of this process without close-on-exec, as a lock file's
+  // may be: a daemon started from here must not keep it open.
+  int fd = 9;
+  while (fd > 3 && ::fcntl(fd, F_GETFD) != -1) --fd;
+  ASSERT_GT(fd, 3) << "no free single-digit descriptor";
+  const int opened = ::open("/dev/null", O_RDONLY);
+  ASSERT_GE(opened, 0);
+  ASSERT_EQ(::dup2(opened, fd), fd);
+  ::close(opened);
+  const std::string probe = Script("probe.sh", "if (: <&" + std::to_string(fd) +
+                                                   ") 2>/dev/null; then exit 1; fi\nexit 0\n");
+  const int code = Run({probe});
+  ::close(fd);
+  EXPECT_EQ(code, 0);
+}
+
+TEST_F(LocalHostControlTest, ReplacementMayCarryLeadingArguments) {
+  config_.commands["/etc/init.d/zeld"] = "/bin/sh  " + Recorder(Out());
+  EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "restart"}), 0);
+  EXPECT_EQ(ReadFile(Out()), "++group=host/kap/tmp restart\n");
+}
+
+TEST_F(LocalHostControlTest, EmbeddedInitScriptIsTheBuildsZeldInit) {
+  // "status" is the one command of the script that changes nothing: 3 when
+  // no daemon runs under this home.
+  EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "status"}), 3);
+}
+
+TEST_F(LocalHostControlTest, EmbeddedBootSwitchIsAStateFileUnderTheHome) {
+  const std::string path = host_.Home() + "/state/boot/zel_loader";
+  EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 0);
+  EXPECT_EQ(ReadFile(path), "on");
+  EXPECT_TRUE(host_.Log().Contains("HostControl: Boot switch: recorded \"zel_loader on\" in " +
+                                   path));
+  EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
+  EXPECT_EQ(ReadFile(path), "off");
+
+  EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "maybe"}), 2);
+  EXPECT_EQ(Run({"/sbin/chkconfig", "../zel_loader", "on"}), 2);
+  EXPECT_EQ(ReadFile(path), "off");
+  EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/zel_loader"));
+}
+
+TEST_F(LocalHostControlTest, RealHostLoaderSwitchIsTheDaemonsSystemdUnit) {
+  config_.profile = platform::Profile::RealHost;
+  config_.commands["systemctl"] = "/bin/sh " + Recorder(Out());
+  EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 0);
+  EXPECT_EQ(ReadFile(Out()), "enable zeld.service\n");
+  EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
+  EXPECT_EQ(ReadFile(Out()), "disable zeld.service\n");
+  EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/boot"));
+}
+
+TEST_F(LocalHostControlTest, ReplacedChkconfigWinsOverBothProfiles) {
+  config_.commands["/sbin/chkconfig"] = "/bin/sh " + Recorder(Out());
+  for (platform::Profile profile : {platform::Profile::Embedded, platform::Profile::RealHost}) {
+    config_.profile = profile;
+    std::filesystem::remove(Out());
+    EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 0);
+    EXPECT_EQ(ReadFile(Out()), "zel_loader on\n");
+  }
+  EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/boot"));
+}
+
+TEST_F(LocalHostControlTest, EmbeddedModuleIsAStateFileUnderTheHome) {
+  std::unique_ptr<platform::KernelModules> modules = platform::NewLocalKernelModules(config_);
+  const std::string path = host_.Home() + "/state/modules/zel";
+  EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
+  EXPECT_EQ(modules->ModuleLoad("zel"), NOK_OK);
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_TRUE(modules->ModuleIsLoaded("zel"));
+  EXPECT_EQ(modules->ModuleLoad("zel"), NOK_OK);
+  EXPECT_EQ(modules->ModuleUnload("zel"), NOK_OK);
+  EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
+  EXPECT_EQ(modules->ModuleUnload("zel"), NOK_OK);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
+              ElementsAre("HostControl: Loaded module zel: created " + path,
+                          "HostControl: Unloaded module zel: removed " + path,
+                          "HostControl: Module zel is not loaded; nothing to unload"));
+
+  EXPECT_EQ(modules->ModuleLoad("../zel"), NOK_BAD_PARAM);
+  EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/zel"));
+}
+
+TEST_F(LocalHostControlTest, EmbeddedStateThatCannotBeWrittenFailsTheCall) {
+  WriteFile(host_.Home() + "/state", "not a directory");
+  EXPECT_EQ(platform::NewLocalKernelModules(config_)->ModuleLoad("zel"), NOK_IO_ERROR);
+  EXPECT_EQ(platform::NewLocalFirewall(config_)->FirewallRulesetSetStatus("zel", true),
+            NOK_IO_ERROR);
+  EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 1);
+  EXPECT_EQ(host_.Log().Texts(LogLevel::Warning).size(), 3u);
+}
+
+TEST_F(LocalHostControlTest, EmbeddedFirewallRecordsTheRulesetState) {
+  std::unique_ptr<platform::Firewall> firewall = platform::NewLocalFirewall(config_);
+  const std::string path = host_.Home() + "/state/firewall/zel";
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
+  EXPECT_EQ(ReadFile(path), "enabled");
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
+  EXPECT_EQ(ReadFile(path), "disabled");
+  EXPECT_TRUE(host_.Log().Contains("HostControl: Firewall ruleset zel disabled: recorded in " +
+                                   path));
+}
+
+class RealHostControlTest : public LocalHostControlTest {
+ protected:
+  RealHostControlTest() {
+    files_.procModules = host_.Home() + "/proc-modules";
+    files_.sysModuleDir = host_.Home() + "/sys-module";
+    WriteFile(files_.procModules,
+              "zel_target 16384 0 - Live 0x0000000000000000\n"
+              "nf_tables 311296 0 - Live 0x0000000000000000\n");
+    std::filesystem::create_directories(files_.sysModuleDir + "/built_in");
+    auto runner = std::make_unique<ScriptedCommandRunner>();
+    runner_ = runner.get();
+    modules_ = platform::NewRealHostKernelModules(std::move(runner), files_);
+  }
+
+  platform::ModuleFiles files_;
+  ScriptedCommandRunner* runner_;
+  std::unique_ptr<platform::KernelModules> modules_;
+};
+
+TEST_F(RealHostControlTest, LoadedModulesComeFromTheKernelsLists) {
+  EXPECT_TRUE(modules_->ModuleIsLoaded("zel-target"));  // modprobe's spelling
+  EXPECT_TRUE(modules_->ModuleIsLoaded("pyrfw"));       // the host's nf_tables
+  EXPECT_TRUE(modules_->ModuleIsLoaded("built_in"));
+  EXPECT_FALSE(modules_->ModuleIsLoaded("zel"));  // a prefix of zel_target only
+  EXPECT_THAT(runner_->Calls(), IsEmpty());
+}
+
+TEST_F(RealHostControlTest, ModulesAreLoadedAndUnloadedWithModprobe) {
+  EXPECT_EQ(modules_->ModuleLoad("zel"), NOK_OK);
+  EXPECT_EQ(modules_->ModuleLoad("pyrfw"), NOK_OK);
+  EXPECT_EQ(modules_->ModuleUnload("zel"), NOK_OK);  // not listed: nothing to run
+  EXPECT_EQ(modules_->ModuleUnload("zel-target"), NOK_OK);
+  EXPECT_THAT(runner_->CommandLines(),
+              ElementsAre("modprobe zel", "modprobe nf_tables", "modprobe -r zel_target"));
+
+  runner_->SetExitCode("modprobe", 1);
+  EXPECT_EQ(modules_->ModuleLoad("zel"), NOK_FAILURE);
+  EXPECT_TRUE(
+      host_.Log().Contains("HostControl: Failed to load module zel: modprobe exited with 1"));
+}
+
+TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
+  auto runner = std::make_unique<ScriptedCommandRunner>();
+  ScriptedCommandRunner* nft = runner.get();
+  std::unique_ptr<platform::Firewall> firewall =
+      platform::NewRealHostFirewall(std::move(runner), host_.Home());
+  const std::string path = host_.Home() + "/state/firewall/zel.nft";
+  const std::string dropTable = "table inet zel\ndelete table inet zel\n";
+
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
+  EXPECT_THAT(nft->CommandLines(), ElementsAre("nft -f " + path));
+  const std::string enabled = ReadFile(path);
+  EXPECT_THAT(enabled, StartsWith(dropTable + "table inet zel {\n"));
+  EXPECT_THAT(enabled, HasSubstr("type filter hook input priority 0; policy accept;"));
+  EXPECT_THAT(enabled, HasSubstr("tcp dport 3260 accept"));
+
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
+  EXPECT_EQ(ReadFile(path), dropTable);
+
+  nft->SetExitCode("nft", 1);
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_FAILURE);
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel; flush ruleset", true), NOK_BAD_PARAM);
+  EXPECT_EQ(nft->CommandLines().size(), 3u);
+}
+
+TEST_F(RealHostControlTest, RealHostFactoriesRunTheReplacedPrograms) {
+  config_.profile = platform::Profile::RealHost;
+  config_.commands["nft"] = "/bin/sh " + Recorder(Out());
+  EXPECT_EQ(platform::NewLocalFirewall(config_)->FirewallRulesetSetStatus("zel", false), NOK_OK);
+  EXPECT_EQ(ReadFile(Out()), "-f " + host_.Home() + "/state/firewall/zel.nft\n");
+
+  config_.commands["modprobe"] = "/bin/sh " + Recorder(Out());
+  EXPECT_EQ(platform::NewLocalKernelModules(config_)->ModuleLoad("zel"), NOK_OK);
+  EXPECT_EQ(ReadFile(Out()), "zel\n");
+}
+
+class KernelOptionsTest : public LocalHostControlTest {
+ protected:
+  NOK_ReturnStatus Get(const std::string& component, const std::string& field) {
+    value_ = -1;
+    return platform::NewLocalKernelOptions(config_)->GetIntOption(component, field, &value_);
+  }
+  void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
+
+  int value_ = -1;
+};
+
+TEST_F(KernelOptionsTest, FileValuesOverHostDefaults) {
+  config_.options["ORVA-iSCSI.zelLoadBalanceMethod"] = 2;
+  config_.options["ORVA-iSCSI.zelLoadBalancePeriod"] = 60;
+  EXPECT_EQ(Get("ORVA-iSCSI", "zelLoadBalancePeriod"), NOK_OK);  // no file yet
+  EXPECT_EQ(value_, 60);
+
+  WriteOptions(R"({"ORVA-iSCSI": {"zelLoadBalancePeriod": -5}, "ORVA": {"configStore": 0}})");
+  EXPECT_EQ(Get("ORVA-iSCSI", "zelLoadBalancePeriod"), NOK_OK);
+  EXPECT_EQ(value_, -5);
+  EXPECT_EQ(Get("ORVA-iSCSI", "zelLoadBalanceMethod"), NOK_OK);
+  EXPECT_EQ(value_, 2);
+  EXPECT_EQ(Get("ORVA", "configStore"), NOK_OK);
+  EXPECT_EQ(value_, 0);
+  EXPECT_EQ(Get("ORVA", "zelLoadBalancePeriod"), NOK_NOT_FOUND);
+  EXPECT_EQ(Get("OTHER", "configStore"), NOK_NOT_FOUND);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
+}
+
+TEST_F(KernelOptionsTest, MalformedValuesAreRefusedNamingTheFile) {
+  const std::string path = host_.Home() + "/options.json";
+  WriteOptions(R"({"ORVA-iSCSI": {"a": "1", "b": 1.5, "c": 4294967296, "d": true}, "ORVA": 1})");
+  for (const char* field : {"a", "b", "c", "d"}) {
+    EXPECT_EQ(Get("ORVA-iSCSI", field), NOK_BAD_PARAM) << field;
+    EXPECT_EQ(value_, -1);
+  }
+  EXPECT_EQ(Get("ORVA", "configStore"), NOK_BAD_PARAM);
+  EXPECT_TRUE(host_.Log().Contains("HostControl: Options file " + path +
+                                   ": 'ORVA-iSCSI.c' must be an integer of int range"));
+  EXPECT_TRUE(host_.Log().Contains("HostControl: Options file " + path +
+                                   ": 'ORVA' must be an object"));
+
+  WriteOptions("[1, 2]");
+  EXPECT_EQ(Get("ORVA", "configStore"), NOK_IO_ERROR);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Warning).back(), HasSubstr(path));
+}
+
+class LegacyConfigTest : public LocalHostControlTest {
+ protected:
+  std::string Path() const { return host_.Home() + "/legacy-config.json"; }
+  std::unique_ptr<platform::LegacyConfigFile> legacy_ =
+      platform::NewLocalLegacyConfigFile(config_);
+};
+
+TEST_F(LegacyConfigTest, ValuesAreKeptBesideEachOther) {
+  EXPECT_FALSE(legacy_->HasValue(ORVA_ZEL_STATUS_KEY));
+  legacy_->SetBool("/UserVars/Other", false);
+  legacy_->SetBool(ORVA_ZEL_STATUS_KEY, true);
+  EXPECT_TRUE(legacy_->HasValue(ORVA_ZEL_STATUS_KEY));
+  EXPECT_TRUE(legacy_->GetBool(ORVA_ZEL_STATUS_KEY));
+  EXPECT_FALSE(legacy_->GetBool("/UserVars/Other"));
+  legacy_->SetBool(ORVA_ZEL_STATUS_KEY, false);
+  EXPECT_FALSE(legacy_->GetBool(ORVA_ZEL_STATUS_KEY));
+  EXPECT_TRUE(legacy_->HasValue("/UserVars/Other"));
+}
+
+TEST_F(LegacyConfigTest, AbsentOrForeignValuesAreRefusedNamingTheFile) {
+  try {
+    legacy_->GetBool(ORVA_ZEL_STATUS_KEY);
+    ADD_FAILURE() << "no value, no failure";
+  } catch (const OrvaCtlException& e) {
+    EXPECT_EQ(e.GetMessage(), "Legacy configuration " + Path() +
+                                  " has no value for '/UserVars/ZelServiceEnabled'");
+  }
+  WriteFile(Path(), R"({"/UserVars/ZelServiceEnabled": 1})");
+  try {
+    legacy_->SetBool("/UserVars/Other", true);
+    ADD_FAILURE() << "a number taken for a flag";
+  } catch (const OrvaCtlException& e) {
+    EXPECT_EQ(e.GetMessage(), "Legacy configuration " + Path() +
+                                  " holds '/UserVars/ZelServiceEnabled', which is not true or "
+                                  "false");
+  }
+  EXPECT_EQ(ReadFile(Path()), R"({"/UserVars/ZelServiceEnabled": 1})");
+}
+
+TEST_F(LegacyConfigTest, TwoProcessesWritingAtOnceLoseNoValue) {
+  constexpr int kWrites = 40;
+  ChildProcess child([this](ChildControl& control) {
+    std::unique_ptr<platform::LegacyConfigFile> own = platform::NewLocalLegacyConfigFile(config_);
+    control.Ready();
+    control.AwaitRelease();
+    for (int i = 0; i < kWrites; ++i) own->SetBool("/child/" + std::to_string(i), true);
+    return 0;
+  });
+  ASSERT_TRUE(child.AwaitReady());
+  child.Release();
+  for (int i = 0; i < kWrites; ++i) legacy_->SetBool("/parent/" + std::to_string(i), false);
+  ASSERT_EQ(child.Join(), 0);
+  for (int i = 0; i < kWrites; ++i) {
+    EXPECT_TRUE(legacy_->GetBool("/child/" + std::to_string(i))) << i;
+    EXPECT_FALSE(legacy_->GetBool("/parent/" + std::to_string(i))) << i;
+  }
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zel

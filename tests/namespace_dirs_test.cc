@@ -1,0 +1,431 @@
+// The service's namespaces and directories on a real datastore directory,
+// through the local namespaces over a real SQLite directory: the
+// configuration namespace and its "etc/" and "targets" directories, each
+// target's namespace with its link (tried twelve times, one second apart,
+// and undone when it cannot be made), and removal that keeps a target whole
+// when its namespace cannot go.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "directory/DirectoryEntries.h"
+#include "directory/EntryMarshal.h"
+#include "platform/Host.h"
+#include "platform/LocalNamespaces.h"
+#include "platform/LocalPolicyService.h"
+#include "platform/SqliteDirectory.h"
+#include "storage/DatastoreLayout.h"
+#include "storage/Namespace.h"
+#include "storage/NamespaceDirs.h"
+#include "storage/TargetNamespace.h"
+#include "support/TestHost.h"
+#include "zel/OrvaCtlException.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace {
+
+namespace fs = std::filesystem;
+using HostCtl::Lib::Orva::OrvaCtlException;
+using zel::platform::CurrentHost;
+using zel::platform::LogLevel;
+using zel::platform::Namespaces;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const std::string kHost = "11111111-2222-4333-8444-555555555555";
+const std::string kTarget = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
+const std::string kPolicy = "\"stripeWidth\" \"4\"";
+
+// The local namespaces, with a hook before each creation and removal: a
+// hook may act as another host would, or throw to fail the call.
+class HookedNamespaces final : public Namespaces {
+ public:
+  explicit HookedNamespaces(std::unique_ptr<Namespaces> real) : real_(std::move(real)) {}
+
+  std::string CreateNamespace(const std::string& root, const std::string& name,
+                              const std::string& policy, uint64_t size) override {
+    if (beforeCreate) beforeCreate(*real_, name);
+    return real_->CreateNamespace(root, name, policy, size);
+  }
+  void DeleteNamespace(const std::string& root, const std::string& name) override {
+    if (beforeDelete) beforeDelete(*real_, name);
+    real_->DeleteNamespace(root, name);
+  }
+  void UpdateNamespace(const std::string& root, const std::string& name,
+                       const std::string& policy) override {
+    real_->UpdateNamespace(root, name, policy);
+  }
+
+  std::function<void(Namespaces&, const std::string&)> beforeCreate;
+  std::function<void(Namespaces&, const std::string&)> beforeDelete;
+
+ private:
+  std::unique_ptr<Namespaces> real_;
+};
+
+std::string Failure(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const OrvaCtlException& e) {
+    return e.GetMessage();
+  }
+  return "";
+}
+
+void FailWith(Namespaces&, const std::string&) { throw OrvaCtlException("datastore busy"); }
+
+class NamespaceDirsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(Root());
+    zel::platform::HostConfig config = host_.Config();
+    config.hostUuid = kHost;
+    auto spaces = std::make_unique<HookedNamespaces>(zel::platform::NewLocalNamespaces(config));
+    spaces_ = spaces.get();
+    CurrentHost().SetNamespaces(std::move(spaces));
+    CurrentHost().SetDirectory(zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db"));
+  }
+
+  const std::string& Root() const { return host_.Config().datastoreRoot; }
+  std::string ConfigNamespacePath() const { return Root() + "/.iSCSI-CONFIG"; }
+  std::string TargetLink() const { return Util::GetTargetsDirPath() + "/" + kTarget; }
+  std::vector<std::string> Logged(LogLevel level) {
+    std::vector<std::string> lines;
+    for (const zel::test::LogLine& line : host_.Log().Lines()) {
+      if (line.level == level) lines.push_back(line.text);
+    }
+    return lines;
+  }
+  std::vector<std::string> Logged(LogLevel level, const std::string& part) {
+    std::vector<std::string> lines;
+    for (const std::string& line : Logged(level)) {
+      if (line.find(part) != std::string::npos) lines.push_back(line);
+    }
+    return lines;
+  }
+
+  // The announced policy of `uuid`, or "(none)" when it is not announced.
+  std::string AnnouncedPolicy(const std::string& uuid) {
+    std::vector<zel::platform::DirectoryEntry> entries;
+    if (CurrentHost().GetDirectory().Query(zel::platform::kStorageObjectEntryType, uuid,
+                                           &entries) != NOK_OK) {
+      return "(none)";
+    }
+    zel::directory::StorageObjectRecord record;
+    std::string error;
+    EXPECT_EQ(NOK_OK, zel::directory::UnmarshalStorageObjectRecord(entries.front().payload,
+                                                                   &record, &error));
+    return record.policy;
+  }
+
+  void MakeConfigNamespace() {
+    Util::CreateNamespaceDir("");
+    Util::CreateConfigDirs();
+    host_.Log().Clear();
+  }
+
+  zel::test::ScopedTestHost host_;
+  HookedNamespaces* spaces_ = nullptr;
+};
+
+// ---- The configuration namespace ---------------------------------------
+
+using ConfigNamespace = NamespaceDirsTest;
+
+TEST_F(ConfigNamespace, IsMadeWithTheDatastoreDefaultPolicyWhenNoneIsGiven) {
+  Util::CreateNamespaceDir("");
+  const std::string uuid = Util::GetNamespaceUuid();
+  EXPECT_EQ(fs::path(uuid), fs::read_symlink(ConfigNamespacePath()));
+  EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(uuid));
+}
+
+TEST_F(ConfigNamespace, ThatIsAlreadyThereIsSkippedWithItsLogLine) {
+  Util::CreateNamespaceDir(kPolicy);
+  const std::string uuid = Util::GetNamespaceUuid();
+  host_.Log().Clear();
+
+  Util::CreateNamespaceDir("");
+  EXPECT_THAT(Logged(LogLevel::Info),
+              ElementsAre("Util: Orva iSCSI Target namespace already exists. Skipping namespace "
+                          "creation.."));
+  EXPECT_EQ(uuid, Util::GetNamespaceUuid());
+  EXPECT_EQ(kPolicy, AnnouncedPolicy(uuid));
+}
+
+TEST_F(ConfigNamespace, MadeByAnotherHostMeanwhileCountsAsMade) {
+  std::string theirs;
+  spaces_->beforeCreate = [&](Namespaces& real, const std::string& name) {
+    theirs = real.CreateNamespace(Root(), name, kPolicy, 0);
+  };
+  Util::CreateNamespaceDir("");
+  EXPECT_THAT(Logged(LogLevel::Info),
+              ElementsAre("Util: ZEL namespace already exists Namespace .iSCSI-CONFIG already "
+                          "exists in " +
+                          Root()));
+  EXPECT_EQ(theirs, Util::GetNamespaceUuid());
+  EXPECT_EQ(kPolicy, AnnouncedPolicy(theirs));
+}
+
+TEST_F(ConfigNamespace, PlatformFailureIsLoggedAndThrownAsReported) {
+  fs::remove(Root());
+  const std::string message = Failure([] { Util::CreateNamespaceDir(kPolicy); });
+  EXPECT_THAT(message, StartsWith("Failed to create namespace directory " + Root() + "/"));
+  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: Failed to create namespace " + message));
+}
+
+TEST_F(ConfigNamespace, DeletionRemovesItAndIsNothingWhenItIsGone) {
+  MakeConfigNamespace();
+  const std::string uuid = Util::GetNamespaceUuid();
+  Util::DeleteConfigDirs();
+  Util::DeleteNamespaceDir();
+  EXPECT_TRUE(fs::is_empty(Root()));
+  EXPECT_EQ("(none)", AnnouncedPolicy(uuid));
+
+  Util::DeleteNamespaceDir();
+  EXPECT_TRUE(Logged(LogLevel::Error).empty());
+}
+
+TEST_F(ConfigNamespace, DeletionFailureNamesTheNamespace) {
+  MakeConfigNamespace();
+  spaces_->beforeDelete = FailWith;
+  const std::string message = "Failed to delete Orva iSCSI target namespace " + ConfigNamespacePath() +
+                              " with error: datastore busy";
+  EXPECT_EQ(message, Failure([] { Util::DeleteNamespaceDir(); }));
+  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
+  EXPECT_TRUE(Util::PathExists(Util::GetConfDirPath()));
+}
+
+// ---- Its directories ---------------------------------------------------
+
+using ConfigDirs = NamespaceDirsTest;
+
+TEST_F(ConfigDirs, CreatingTwiceSucceedsAndTheSecondRunLogsBothAsPresent) {
+  Util::CreateNamespaceDir("");
+  Util::CreateConfigDirs();
+  EXPECT_TRUE(Logged(LogLevel::Info, "Config dir").empty());
+  Util::CreateConfigDirs();
+
+  EXPECT_THAT(Logged(LogLevel::Info, "Config dir"),
+              ElementsAre("Util: Config dir " + Util::GetConfDirPath() + " already exists.",
+                          "Util: Config dir " + Util::GetTargetsDirPath() + " already exists."));
+  EXPECT_EQ(fs::perms::owner_all, fs::status(Util::GetConfDirPath()).permissions());
+  EXPECT_EQ(fs::perms::owner_all, fs::status(Util::GetTargetsDirPath()).permissions());
+}
+
+TEST_F(ConfigDirs, CreatingWithoutTheNamespaceGivesTheErrno) {
+  const std::string message =
+      "Failed to create dir " + Util::GetConfDirPath() + " with errno (2).";
+  EXPECT_EQ(message, Failure([] { Util::CreateConfigDirs(); }));
+  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
+}
+
+TEST_F(ConfigDirs, DeletingRemovesTheFileAndBothDirsAndToleratesTheirAbsence) {
+  MakeConfigNamespace();
+  zel::test::WriteFile(Util::GetConfFilePath(), "generation 3\n");
+
+  Util::DeleteConfigDirs();
+  EXPECT_FALSE(Util::PathExists(Util::GetConfDirPath()));
+  EXPECT_FALSE(Util::PathExists(Util::GetTargetsDirPath()));
+  EXPECT_THAT(Logged(LogLevel::Info),
+              ElementsAre("Util: Removing dir " + Util::GetConfDirPath(),
+                          "Util: Removing dir " + Util::GetTargetsDirPath()));
+
+  host_.Log().Clear();
+  Util::DeleteConfigDirs();
+  EXPECT_THAT(Logged(LogLevel::Info),
+              ElementsAre("Util: Config file " + Util::GetConfFilePath() + " does not exist.",
+                          "Util: Removing dir " + Util::GetConfDirPath(),
+                          "Util: Dir " + Util::GetConfDirPath() + " does not exist.",
+                          "Util: Removing dir " + Util::GetTargetsDirPath(),
+                          "Util: Dir " + Util::GetTargetsDirPath() + " does not exist."));
+}
+
+TEST_F(ConfigDirs, DeletingWhileATargetIsLinkedFailsAtTheTargetsDir) {
+  MakeConfigNamespace();
+  zel::test::WriteFile(Util::GetConfFilePath(), "generation 3\n");
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, "", uuid);
+
+  EXPECT_EQ("Failed to delete config directory: Failed to remove dir " +
+                Util::GetTargetsDirPath() + " with (errno 39).",
+            Failure([] { Util::DeleteConfigDirs(); }));
+  EXPECT_FALSE(Util::PathExists(Util::GetConfDirPath()));
+  EXPECT_TRUE(Util::PathExists(TargetLink()));
+}
+
+// ---- Whether a path exists ---------------------------------------------
+
+using PathExistence = NamespaceDirsTest;
+
+TEST_F(PathExistence, AnythingThereIsFoundAndAMissingPathIsNot) {
+  zel::test::WriteFile(Root() + "/file", "");
+  ::symlink("file", (Root() + "/link").c_str());
+  EXPECT_TRUE(Util::PathExists(Root()));
+  EXPECT_TRUE(Util::PathExists(Root() + "/file"));
+  EXPECT_TRUE(Util::PathExists(Root() + "/link"));
+  EXPECT_FALSE(Util::PathExists(Root() + "/missing"));
+  EXPECT_FALSE(Util::PathExists(Root() + "/missing/deeper"));
+}
+
+TEST_F(PathExistence, PathThatCannotBeLookedAtThrowsWithTheReason) {
+  // A loop of links stands for an unreachable device: the lookup fails
+  // for a reason other than absence.
+  ::symlink("b", (Root() + "/a").c_str());
+  ::symlink("a", (Root() + "/b").c_str());
+  EXPECT_EQ("Failed to find path '" + Root() +
+                "/a' with error: Too many levels of symbolic links. Please check its "
+                "availability on this host manually and try again.",
+            Failure([&] { Util::PathExists(Root() + "/a"); }));
+}
+
+// ---- Target namespaces -------------------------------------------------
+
+using TargetNamespace = NamespaceDirsTest;
+
+TEST_F(TargetNamespace, IsMadeWithARelativeLinkUnderTargets) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, kPolicy, uuid);
+
+  EXPECT_EQ(kTarget, uuid);
+  EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
+  EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
+  EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
+  EXPECT_TRUE(host_.Clock().Sleeps().empty());
+}
+
+TEST_F(TargetNamespace, WithoutAPolicyGetsTheDatastoreDefault) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, "", uuid);
+  EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(kTarget));
+}
+
+TEST_F(TargetNamespace, LinkThatCannotBeMadeIsTriedTwelveTimesThenTheNamespaceIsRemoved) {
+  // The configuration namespace without its targets directory.
+  Util::CreateNamespaceDir("");
+  host_.Log().Clear();
+  std::string uuid = "unchanged";
+
+  EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
+            Failure([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
+
+  const std::string arrow = TargetLink() + "->../../" + kTarget;
+  std::vector<std::string> retries;
+  for (int n = 1; n <= 11; ++n) {
+    retries.push_back("Util: " + std::to_string(n) + "th retry to create target symlink(" + arrow +
+                      ") due to No such file or directory (2)");
+  }
+  EXPECT_EQ(retries, Logged(LogLevel::Info));
+  EXPECT_EQ(std::vector<uint64_t>(11, 1000000), host_.Clock().Sleeps());
+  EXPECT_THAT(Logged(LogLevel::Error),
+              ElementsAre("Util: Failed to create target symlink(" + arrow +
+                          ") witherror: No such file or directory (2)"));
+  EXPECT_FALSE(Util::PathExists(Root() + "/" + kTarget));
+  EXPECT_EQ("(none)", AnnouncedPolicy(kTarget));
+  EXPECT_EQ("unchanged", uuid);
+}
+
+TEST_F(TargetNamespace, FailedCleanUpIsLoggedAndTheLinkFailureReported) {
+  Util::CreateNamespaceDir("");
+  host_.Log().Clear();
+  spaces_->beforeDelete = FailWith;
+  std::string uuid;
+
+  EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
+            Failure([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
+  EXPECT_THAT(Logged(LogLevel::Error, "clean up"),
+              ElementsAre("Util: Failed to delete (clean up) namespace for target UUID " + kTarget +
+                          " with error: datastore busy"));
+}
+
+TEST_F(TargetNamespace, NamespaceFailureIsThrownAsReportedAndMakesNoLink) {
+  MakeConfigNamespace();
+  fs::create_directory(Root() + "/" + kTarget);
+  std::string uuid;
+  EXPECT_EQ("Namespace " + kTarget + " already exists in " + Root(),
+            Failure([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
+  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(TargetLink())));
+}
+
+TEST_F(TargetNamespace, DeletionRemovesLinkNamespaceAndAnnouncement) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, "", uuid);
+  zel::test::WriteFile(Root() + "/" + kTarget + "/lun.qdsk", "disk");
+
+  Util::DeleteTargetNamespace(kTarget);
+  EXPECT_THAT(Logged(LogLevel::Info, "target uuid"),
+              ElementsAre("Util: Delete target namespace, target uuid: " + kTarget));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(TargetLink())));
+  EXPECT_FALSE(Util::PathExists(Root() + "/" + kTarget));
+  EXPECT_EQ("(none)", AnnouncedPolicy(kTarget));
+}
+
+TEST_F(TargetNamespace, FailedDeletionKeepsTheLinkAsBefore) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, kPolicy, uuid);
+  spaces_->beforeDelete = FailWith;
+
+  EXPECT_EQ("Failed to delete namespace for target with UUID " + kTarget +
+                " with error: datastore busy",
+            Failure([] { Util::DeleteTargetNamespace(kTarget); }));
+  EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
+  EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
+  EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
+}
+
+TEST_F(TargetNamespace, LinkThatCannotBeRestoredIsLogged) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, "", uuid);
+  spaces_->beforeDelete = [this](Namespaces& spaces, const std::string& name) {
+    fs::remove_all(Util::GetTargetsDirPath());
+    FailWith(spaces, name);
+  };
+
+  EXPECT_THAT(Failure([] { Util::DeleteTargetNamespace(kTarget); }),
+              StartsWith("Failed to delete namespace for target with UUID " + kTarget));
+  EXPECT_THAT(Logged(LogLevel::Error),
+              ElementsAre("Util: Failed to restore symlink for target with UUID " + kTarget +
+                          " with error: No such file or directory (2)"));
+}
+
+TEST_F(TargetNamespace, MissingLinkFailsBeforeTheNamespaceIsTouched) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, "", uuid);
+  fs::remove(TargetLink());
+
+  EXPECT_EQ("Util: Failed to remove target symlink: " + TargetLink() +
+                " with error: No such file or directory",
+            Failure([] { Util::DeleteTargetNamespace(kTarget); }));
+  EXPECT_TRUE(Util::PathExists(Root() + "/" + kTarget));
+}
+
+TEST_F(TargetNamespace, NamespaceAlreadyGoneIsReportedAndTheLinkRemoved) {
+  MakeConfigNamespace();
+  std::string uuid;
+  Util::CreateTargetNamespace(kTarget, "", uuid);
+  fs::remove_all(Root() + "/" + kTarget);
+
+  Util::DeleteTargetNamespace(kTarget);
+  EXPECT_THAT(Logged(LogLevel::Error),
+              ElementsAre("Util: Cannot find target namespace dir for target " + kTarget));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(TargetLink())));
+}
+
+}  // namespace
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl

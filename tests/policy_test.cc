@@ -1,0 +1,333 @@
+// Storage policies: the rule language and its messages, the datastore's
+// default policy from the host configuration, compliance judged against the
+// cluster's membership, and policy updates reaching the namespace objects.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "directory/EntryMarshal.h"
+#include "local_directory_support.h"
+#include "platform/AtomicFile.h"
+#include "platform/Host.h"
+#include "platform/HostServices.h"
+#include "platform/LocalNamespaces.h"
+#include "platform/LocalPolicyService.h"
+#include "platform/SqliteDirectory.h"
+#include "storage/Compliance.h"
+#include "storage/Namespace.h"
+#include "storage/Policy.h"
+#include "support/TestHost.h"
+#include "zel/OrvaCtlException.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace {
+
+namespace fs = std::filesystem;
+using HostCtl::Lib::Orva::OrvaCtlException;
+using zel::platform::ClusterFacts;
+using zel::platform::ClusterInfo;
+using zel::platform::ClusterMember;
+using zel::platform::Compliance;
+using zel::platform::CurrentHost;
+using zel::platform::LocalPolicyService;
+using zel::storage::ParsePolicyRules;
+using zel::storage::PolicyRules;
+
+const std::string kHost = "11111111-2222-4333-8444-555555555555";
+const std::string kObject = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
+
+std::string Failure(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const OrvaCtlException& e) {
+    return e.GetMessage();
+  }
+  return "";
+}
+
+std::string VerifyFailure(const std::string& policy) {
+  return Failure([&] { Util::VerifyPolicy(policy); });
+}
+
+// ---- The rule language -------------------------------------------------
+
+TEST(PolicyText, EveryKnownRuleIsReadWithItsValue) {
+  PolicyRules rules;
+  std::string why;
+  ASSERT_TRUE(ParsePolicyRules(
+      " \"locality\" \"NonPreferred\"  \"failuresToTolerate\" \"3\" \"stripeWidth\" \"12\" "
+      "\"thinProvisioned\" \"false\" ",
+      &rules, &why))
+      << why;
+  EXPECT_EQ("NonPreferred", rules.locality.value_or(""));
+  EXPECT_EQ(3, rules.failuresToTolerate.value_or(-1));
+  EXPECT_EQ(12, rules.stripeWidth.value_or(-1));
+  EXPECT_EQ(false, rules.thinProvisioned.value_or(true));
+  EXPECT_EQ("", VerifyFailure("\"locality\" \"Preferred\" \"failuresToTolerate\" \"1\""));
+
+  ASSERT_TRUE(ParsePolicyRules("\"failuresToTolerate\" \"0\" \"stripeWidth\" \"1\"", &rules, &why));
+  EXPECT_FALSE(rules.locality.has_value());
+  EXPECT_EQ(0, rules.failuresToTolerate.value_or(-1));
+  EXPECT_EQ(1, rules.stripeWidth.value_or(-1));
+  EXPECT_FALSE(rules.thinProvisioned.has_value());
+
+  // A policy without rules asks for nothing.
+  ASSERT_TRUE(ParsePolicyRules("   ", &rules, &why));
+  EXPECT_FALSE(rules.failuresToTolerate.has_value());
+  EXPECT_EQ("", VerifyFailure(""));
+}
+
+TEST(PolicyText, UnknownRuleIsNamed) {
+  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
+            VerifyFailure("\"copies\" \"2\""));
+  EXPECT_EQ("Invalid storage policy '\"Locality\" \"Preferred\"': unknown rule \"Locality\"",
+            VerifyFailure("\"Locality\" \"Preferred\""));
+}
+
+TEST(PolicyText, ValueOutsideItsRuleNamesTheRuleAndWhatItTakes) {
+  EXPECT_EQ("Invalid storage policy '\"locality\" \"preferred\"': rule \"locality\" takes "
+            "Preferred or NonPreferred, not \"preferred\"",
+            VerifyFailure("\"locality\" \"preferred\""));
+  EXPECT_EQ("Invalid storage policy '\"failuresToTolerate\" \"4\"': rule \"failuresToTolerate\" "
+            "takes a whole number from 0 to 3, not \"4\"",
+            VerifyFailure("\"failuresToTolerate\" \"4\""));
+  EXPECT_THAT(VerifyFailure("\"failuresToTolerate\" \"-1\""), ::testing::HasSubstr("not \"-1\""));
+  EXPECT_THAT(VerifyFailure("\"failuresToTolerate\" \"\""), ::testing::HasSubstr("not \"\""));
+  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"0\"': rule \"stripeWidth\" takes a whole "
+            "number from 1 to 12, not \"0\"",
+            VerifyFailure("\"stripeWidth\" \"0\""));
+  EXPECT_THAT(VerifyFailure("\"stripeWidth\" \"99999999999\""),
+              ::testing::HasSubstr("from 1 to 12"));
+  EXPECT_EQ("Invalid storage policy '\"thinProvisioned\" \"yes\"': rule \"thinProvisioned\" "
+            "takes true or false, not \"yes\"",
+            VerifyFailure("\"thinProvisioned\" \"yes\""));
+}
+
+TEST(PolicyText, MalformedTextSaysWhatIsWrongWhere) {
+  EXPECT_EQ("Invalid storage policy 'failuresToTolerate=1': expected a double-quoted rule name "
+            "at offset 0",
+            VerifyFailure("failuresToTolerate=1"));
+  // The locality check matches a rule with exactly one blank inside.
+  EXPECT_EQ("Invalid storage policy '\"locality\"  \"Preferred\"': rule \"locality\" needs one "
+            "blank and a double-quoted value",
+            VerifyFailure("\"locality\"  \"Preferred\""));
+  EXPECT_EQ("Invalid storage policy '\"locality\"': rule \"locality\" needs one blank and a "
+            "double-quoted value",
+            VerifyFailure("\"locality\""));
+  EXPECT_EQ("Invalid storage policy '\"locality\" \"Preferred': unterminated quoted text at "
+            "offset 11",
+            VerifyFailure("\"locality\" \"Preferred"));
+  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"2\"x': expected a blank after the value "
+            "of rule \"stripeWidth\" at offset 17",
+            VerifyFailure("\"stripeWidth\" \"2\"x"));
+}
+
+TEST(PolicyText, RuleGivenTwiceIsRefused) {
+  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"2\" \"stripeWidth\" \"2\"': rule "
+            "\"stripeWidth\" is given twice",
+            VerifyFailure("\"stripeWidth\" \"2\" \"stripeWidth\" \"2\""));
+}
+
+// ---- The datastore's default -------------------------------------------
+
+// A test host whose host.json sets `defaultPolicy`.
+class HostWithDefaultPolicy {
+ public:
+  explicit HostWithDefaultPolicy(const std::string& policy) {
+    zel::platform::WriteJsonFileAtomically(home_.Path() + "/host.json",
+                                           nlohmann::json{{"defaultPolicy", policy}}, 0644);
+    previous_ = zel::platform::SelectHost(std::make_unique<zel::platform::Host>(
+        zel::platform::LoadHostConfig(home_.Path()), std::make_unique<zel::test::TestClock>(),
+        std::make_unique<zel::test::RecordingLogSink>(), zel::platform::NewPosixFileSystem()));
+  }
+  ~HostWithDefaultPolicy() { zel::platform::SelectHost(std::move(previous_)); }
+
+ private:
+  zel::test::TempHome home_;
+  std::unique_ptr<zel::platform::Host> previous_;
+};
+
+TEST(DatastoreDefaultPolicy, IsTheHostConfigurationsAndToleratesOneFailureUnlessSet) {
+  {
+    zel::test::ScopedTestHost host;
+    EXPECT_EQ("\"failuresToTolerate\" \"1\"", Util::GetDatastoreDefaultPolicy());
+  }
+  HostWithDefaultPolicy host("\"locality\" \"Preferred\"");
+  EXPECT_EQ("\"locality\" \"Preferred\"", Util::GetDatastoreDefaultPolicy());
+}
+
+TEST(DatastoreDefaultPolicy, ThatIsInvalidIsRefusedRatherThanInherited) {
+  HostWithDefaultPolicy host("mirrored");
+  EXPECT_EQ("Invalid default storage policy 'mirrored' in the host configuration: expected a "
+            "double-quoted rule name at offset 0",
+            Failure([] { Util::GetDatastoreDefaultPolicy(); }));
+}
+
+// ---- Compliance --------------------------------------------------------
+
+class FixedCluster final : public ClusterFacts {
+ public:
+  std::string LocalHostUuid() override { return kHost; }
+  NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) override {
+    if (status != NOK_OK) return status;
+    info->isMember = true;
+    info->members = members;
+    return NOK_OK;
+  }
+
+  // `count` members, the first `sited` of them in a named fault domain.
+  void SetMembers(int count, int sited = 0) {
+    members.clear();
+    for (int i = 0; i < count; ++i) {
+      members.push_back({"host-" + std::to_string(i), "h" + std::to_string(i),
+                         i < sited ? "Preferred" : ""});
+    }
+  }
+
+  std::vector<ClusterMember> members;
+  NOK_ReturnStatus status = NOK_OK;
+};
+
+class PolicyCompliance : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    directory_ = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
+    service_ = std::make_unique<LocalPolicyService>(*directory_, kHost, &cluster_);
+  }
+
+  Compliance Judged(const std::string& policy) {
+    zel::platform::DirectoryEntry entry;
+    entry.type = zel::platform::kStorageObjectEntryType;
+    entry.key = kObject;
+    entry.entryId = kObject;
+    entry.ownerHost = kHost;
+    EXPECT_EQ(NOK_OK, zel::directory::MarshalStorageObjectRecord({kHost, policy}, &entry.payload));
+    EXPECT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, entry));
+    const zel::platform::PolicyStatus status = service_->GetObjectPolicyStatus(kObject);
+    EXPECT_EQ(policy, status.policy);
+    return status.compliance;
+  }
+
+  zel::test::ScopedTestHost host_;
+  FixedCluster cluster_;
+  std::unique_ptr<zel::platform::Directory> directory_;
+  std::unique_ptr<LocalPolicyService> service_;
+};
+
+TEST_F(PolicyCompliance, FailuresToTolerateNeedTwoPerFailurePlusOneMembers) {
+  struct Case {
+    int failures, members;
+    Compliance expected;
+  };
+  for (const Case& c : {Case{0, 1, Compliance::Compliant}, Case{1, 2, Compliance::NonCompliant},
+                        Case{1, 3, Compliance::Compliant}, Case{2, 4, Compliance::NonCompliant},
+                        Case{2, 5, Compliance::Compliant}, Case{3, 6, Compliance::NonCompliant},
+                        Case{3, 7, Compliance::Compliant}}) {
+    cluster_.SetMembers(c.members);
+    EXPECT_EQ(c.expected,
+              Judged("\"failuresToTolerate\" \"" + std::to_string(c.failures) + "\""))
+        << c.failures << " failures, " << c.members << " members";
+  }
+}
+
+TEST_F(PolicyCompliance, LocalityNeedsAStretchedCluster) {
+  cluster_.SetMembers(3);
+  EXPECT_EQ(Compliance::NonCompliant, Judged("\"locality\" \"Preferred\""));
+  cluster_.SetMembers(3, 1);
+  EXPECT_EQ(Compliance::Compliant, Judged("\"locality\" \"Preferred\""));
+  EXPECT_EQ(Compliance::NonCompliant,
+            Judged("\"locality\" \"Preferred\" \"failuresToTolerate\" \"2\""));
+}
+
+TEST_F(PolicyCompliance, LayoutRulesAndNoRulesAskNothingOfTheMembership) {
+  cluster_.status = NOK_TIMEOUT;
+  EXPECT_EQ(Compliance::Compliant, Judged(""));
+  EXPECT_EQ(Compliance::Compliant, Judged("\"stripeWidth\" \"12\" \"thinProvisioned\" \"true\""));
+}
+
+TEST_F(PolicyCompliance, UnknownMembershipLeavesComplianceUnknown) {
+  cluster_.status = NOK_TIMEOUT;
+  EXPECT_EQ(Compliance::Unknown, Judged("\"failuresToTolerate\" \"1\""));
+  EXPECT_TRUE(host_.Log().Contains("PolicyService: Cannot judge the compliance of storage object " +
+                                   kObject + ", the membership is unknown: Timeout"));
+}
+
+TEST_F(PolicyCompliance, StoredPolicyThatDoesNotParseIsNotCompliedWith) {
+  cluster_.SetMembers(5, 5);
+  EXPECT_EQ(Compliance::NonCompliant, Judged("mirrored"));
+  EXPECT_TRUE(host_.Log().Contains("PolicyService: Storage object " + kObject +
+                                   " has an unreadable policy: expected a double-quoted rule "
+                                   "name at offset 0"));
+}
+
+// ---- Policy updates of the service's namespaces ------------------------
+
+class PolicyUpdate : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(host_.Config().datastoreRoot);
+    zel::platform::HostConfig config = host_.Config();
+    config.hostUuid = kHost;
+    auto directory = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
+    auto cluster = std::make_unique<FixedCluster>();
+    cluster->SetMembers(3);
+    CurrentHost().SetPolicies(
+        std::make_unique<LocalPolicyService>(*directory, kHost, cluster.get()));
+    CurrentHost().SetCluster(std::move(cluster));
+    CurrentHost().SetDirectory(std::move(directory));
+    CurrentHost().SetNamespaces(zel::platform::NewLocalNamespaces(config));
+  }
+
+  void PolicyOf(const std::string& uuid, std::string* policy, bool* compliant) {
+    OrvaComplianceHandle handle{&CurrentHost().Policies()};
+    Util::GetPolicyComplianceStatusForObject(&handle, uuid, *policy, *compliant);
+  }
+
+  zel::test::ScopedTestHost host_;
+};
+
+TEST_F(PolicyUpdate, NewNamespacePolicyReachesItsObjectAndCompliance) {
+  Util::CreateNamespaceDir("\"failuresToTolerate\" \"1\"");
+  const std::string uuid = Util::GetNamespaceUuid();
+  std::string policy;
+  bool compliant = false;
+  PolicyOf(uuid, &policy, &compliant);
+  EXPECT_TRUE(compliant);
+
+  Util::UpdateNamespacePolicy("\"failuresToTolerate\" \"2\"");
+  PolicyOf(uuid, &policy, &compliant);
+  EXPECT_EQ("\"failuresToTolerate\" \"2\"", policy);
+  EXPECT_FALSE(compliant);
+}
+
+TEST_F(PolicyUpdate, TargetNamespacePolicyReachesItsObject) {
+  CurrentHost().GetNamespaces().CreateNamespace(host_.Config().datastoreRoot, kObject, "", 0);
+  Util::UpdateTargetNamespacePolicy(kObject, "\"stripeWidth\" \"3\"");
+  std::string policy;
+  bool compliant = false;
+  PolicyOf(kObject, &policy, &compliant);
+  EXPECT_EQ("\"stripeWidth\" \"3\"", policy);
+  EXPECT_TRUE(compliant);
+}
+
+TEST_F(PolicyUpdate, FailureNamesTheNamespaceAndIsLogged) {
+  const std::string message = "Failed to update storage policy of namespace " + kObject +
+                              " with error: Namespace " + kObject + " does not exist in " +
+                              host_.Config().datastoreRoot;
+  EXPECT_EQ(message, Failure([] { Util::UpdateTargetNamespacePolicy(kObject, ""); }));
+  EXPECT_TRUE(host_.Log().Contains("Util: " + message));
+}
+
+}  // namespace
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl

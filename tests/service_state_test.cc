@@ -1,0 +1,404 @@
+// The service's state on a host outside zel.conf, and what follows a save
+// of zel.conf: the enabled flag in the configuration store or the legacy
+// file (chosen by the feature switch), the defaults mirrored into the store
+// (never rewritten unchanged), the kernel options re-read on every call,
+// the generation announced in a real directory, and the backup copy.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include "cache/ConfigCache.h"
+#include "directory/DirectoryEntries.h"
+#include "platform/Host.h"
+#include "platform/JsonConfigStore.h"
+#include "platform/LocalKernelOptions.h"
+#include "platform/LocalLegacyConfig.h"
+#include "service/ConfigChange.h"
+#include "service/ServiceConfig.h"
+#include "storage/DatastoreLayout.h"
+#include "support/ServiceHome.h"
+#include "support/TestHost.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zel {
+namespace test {
+namespace {
+
+namespace Util = NokCtl::Orva::IscsiTarget::Util;
+using HostCtl::Lib::Orva::OrvaCtlException;
+using HostCtl::Orva::IscsiTarget::DefaultInfo;
+using NokCtl::Orva::IscsiTarget::ConfigCache;
+using platform::LogLevel;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
+
+std::string MessageOf(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const OrvaCtlException& e) {
+    return e.GetMessage();
+  }
+  return "";
+}
+
+// The defaults cache is process-wide: each test uses records no other test
+// has cached.
+DefaultInfo FreshDefaults() {
+  static int serial = 0;
+  DefaultInfo info;
+  info.networkInterface = "nok" + std::to_string(++serial);
+  info.port = 3260;
+  info.authType = "CHAP-Mutual";
+  info.userid = "user";
+  info.secret = "Secret#00001";
+  info.mutualUserid = "mutual";
+  info.mutualSecret = "Secret#00002";
+  return info;
+}
+
+// The local store, counting the writes of the defaults; reads or writes of
+// the defaults can be made to fail.
+class CountingStore final : public platform::ConfigStore {
+ public:
+  explicit CountingStore(const std::string& path) : real_(path) {}
+  bool GetOrvaIscsiServiceEnabled(bool* enabled) override {
+    return real_.GetOrvaIscsiServiceEnabled(enabled);
+  }
+  void SetOrvaIscsiServiceEnabled(bool enabled) override {
+    real_.SetOrvaIscsiServiceEnabled(enabled);
+  }
+  bool GetOrvaIscsiDefaultConfig(DefaultInfo* info) override {
+    if (failDefaults) throw OrvaCtlException("defaults unreadable");
+    return real_.GetOrvaIscsiDefaultConfig(info);
+  }
+  void SetOrvaIscsiDefaultConfig(const DefaultInfo& info) override {
+    ++defaultWrites;
+    if (failDefaults) throw OrvaCtlException("store is read-only");
+    real_.SetOrvaIscsiDefaultConfig(info);
+  }
+
+  int defaultWrites = 0;
+  bool failDefaults = false;
+
+ private:
+  platform::JsonConfigStore real_;
+};
+
+class ServiceStateTest : public ::testing::Test {
+ protected:
+  ServiceStateTest() {
+    platform::Host& host = platform::CurrentHost();
+    auto store = std::make_unique<CountingStore>(host_.Config().configStorePath);
+    store_ = store.get();
+    host.SetStore(std::move(store));
+    host.SetOptions(platform::NewLocalKernelOptions(host_.Config()));
+    host.SetLegacyConfig(platform::NewLocalLegacyConfigFile(host_.Config()));
+  }
+
+  void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
+  std::string StorePath() const { return host_.Config().configStorePath; }
+  std::string LegacyPath() const { return host_.Home() + "/legacy-config.json"; }
+
+  ScopedTestHost host_;
+  CountingStore* store_;
+};
+
+TEST_F(ServiceStateTest, StatusRoundTripsThroughTheConfigStore) {
+  Util::SetStatus(true);
+  bool enabled = false;
+  Util::LoadConfig(enabled);
+  EXPECT_TRUE(enabled);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
+              ElementsAre("Util: Stored zel status 'enabled' to config store successfully",
+                          "Util: Retrieved zel status 'enabled' from config store successfully"));
+  EXPECT_FALSE(std::filesystem::exists(LegacyPath()));
+}
+
+TEST_F(ServiceStateTest, StatusNeverStoredReadsDisabled) {
+  bool enabled = true;
+  Util::LoadConfig(enabled);
+  EXPECT_FALSE(enabled);
+  EXPECT_TRUE(host_.Log().Contains("Util: ZEL service enabled field not exist in config store."));
+}
+
+TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
+  WriteFile(StorePath(), "{");
+  const std::string stored = MessageOf([] { Util::SetStatus(true); });
+  ASSERT_THAT(stored, StartsWith("Configuration store " + StorePath()));
+  bool enabled = false;
+  const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
+  EXPECT_EQ(loaded, stored);
+  EXPECT_THAT(
+      host_.Log().Texts(LogLevel::Error),
+      ElementsAre(
+          "Util: ZEL failed to persist info for ZEL status to config store with exception " + stored,
+          "Util: ZEL failed to get info for ZEL status from config store with exception " + loaded));
+}
+
+TEST_F(ServiceStateTest, LoadConfigFailsWhenTheStoredDefaultsCannotBeRead) {
+  Util::SetStatus(true);
+  store_->failDefaults = true;
+  bool enabled = false;
+  EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
+              ElementsAre("Util: ZEL failed to get default config from config store with "
+                          "exception defaults unreadable"));
+}
+
+TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCache) {
+  const DefaultInfo stored = FreshDefaults();
+  platform::JsonConfigStore(StorePath()).SetOrvaIscsiDefaultConfig(stored);
+  bool enabled = false;
+  Util::LoadConfig(enabled);
+  EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
+  // What was just read is not written back.
+  Util::UpdateDefaultConfigToConfigStore(stored);
+  EXPECT_EQ(store_->defaultWrites, 0);
+}
+
+TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
+  WriteOptions(R"({"ORVA": {"configStore": 0}})");
+  bool enabled = true;
+  Util::LoadConfig(enabled);
+  EXPECT_FALSE(enabled);
+
+  Util::SetStatus(true);
+  Util::LoadConfig(enabled);
+  EXPECT_TRUE(enabled);
+  EXPECT_THAT(ReadFile(LegacyPath()), HasSubstr("\"/UserVars/ZelServiceEnabled\": true"));
+  EXPECT_FALSE(std::filesystem::exists(StorePath()));
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
+              ElementsAre("Util: Retrieved zel status 'disabled' successfully",
+                          "Util: Stored zel status 'enabled' successfully",
+                          "Util: Retrieved zel status 'enabled' successfully"));
+}
+
+TEST_F(ServiceStateTest, UnreadableLegacyFileFailsWithItsMessage) {
+  WriteOptions(R"({"ORVA": {"configStore": 0}})");
+  WriteFile(LegacyPath(), "[");
+  const std::string stored = MessageOf([] { Util::SetStatus(false); });
+  ASSERT_THAT(stored, StartsWith("Legacy configuration " + LegacyPath()));
+  bool enabled = false;
+  const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
+  EXPECT_EQ(loaded, stored);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
+              ElementsAre("Util: ZEL failed to persist info for ZEL  status with exception " + stored,
+                          "Util: ZEL failed to load info for ZEL  status with exception " + loaded));
+}
+
+TEST_F(ServiceStateTest, StoreFeatureFollowsTheOptionsFileWithoutRestart) {
+  Util::SetStatus(true);  // the store, while no option says otherwise
+  WriteOptions(R"({"ORVA": {"configStore": 0}})");
+  bool enabled = true;
+  Util::LoadConfig(enabled);
+  EXPECT_FALSE(enabled);  // the legacy file never held the flag
+  WriteOptions(R"({"ORVA": {"configStore": 1}})");
+  Util::LoadConfig(enabled);
+  EXPECT_TRUE(enabled);
+}
+
+TEST_F(ServiceStateTest, MissingOptionReadsZeroWithoutAWarning) {
+  WriteOptions(R"({"ORVA-iSCSI": {"zelLoadBalancePeriod": 30}})");
+  EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelNokNicCtlEnable"), 0);
+  EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA", "zelNokNicCtlEnable"), 0);
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
+}
+
+TEST_F(ServiceStateTest, UnreadableOptionReadsZeroWithAWarning) {
+  WriteOptions(R"({"ORVA-iSCSI": {"zelLunNaaEnable": "yes"}})");
+  EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
+  EXPECT_TRUE(host_.Log().Contains(
+      "Util: Failed to get component: ORVA-iSCSI, field: zelLunNaaEnable: Bad parameter"));
+
+  WriteOptions("{\"ORVA-iSCSI\": ");
+  EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
+  EXPECT_TRUE(host_.Log().Contains(
+      "Util: Failed to get component: ORVA-iSCSI, field: zelLunNaaEnable: I/O error"));
+}
+
+TEST(ServiceStateWithoutOptionsTest, OptionsReadZeroAndTheStoreStaysInUse) {
+  ScopedTestHost host;  // no kernel options at all
+  EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
+  EXPECT_TRUE(host.Log().Contains(
+      "Util: Failed to get component: ORVA-iSCSI, field: zelLunNaaEnable: The host service "
+      "'kernel options' is not available in this process"));
+}
+
+TEST_F(ServiceStateTest, FeatureSwitchIsLoggedByName) {
+  WriteOptions(R"({"ORVA": {"zelFeatureX": 1}})");
+  EXPECT_TRUE(Util::IsZelFeatureEnabled("zelFeatureX"));
+  EXPECT_FALSE(Util::IsZelFeatureEnabled("zelFeatureY"));
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
+              ElementsAre("Util: Retrieve Zel Feature (zelFeatureX): Enabled.",
+                          "Util: Retrieve Zel Feature (zelFeatureY): Disabled."));
+}
+
+TEST_F(ServiceStateTest, UnchangedDefaultsAreNeverRewritten) {
+  const DefaultInfo defaults = FreshDefaults();
+  Util::UpdateDefaultConfigToConfigStore(defaults);
+  Util::UpdateDefaultConfigToConfigStore(defaults);
+  EXPECT_EQ(store_->defaultWrites, 1);
+  DefaultInfo stored;
+  ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
+  EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
+}
+
+TEST_F(ServiceStateTest, AChangeOfAnyOneFieldIsWritten) {
+  DefaultInfo defaults = FreshDefaults();
+  Util::UpdateDefaultConfigToConfigStore(defaults);
+  const std::vector<std::function<void(DefaultInfo&)>> changes = {
+      [](DefaultInfo& d) { d.networkInterface += "x"; },
+      [](DefaultInfo& d) { d.port = 3261; },
+      [](DefaultInfo& d) { d.authType = "CHAP"; },
+      [](DefaultInfo& d) { d.userid += "x"; },
+      [](DefaultInfo& d) { d.secret += "x"; },
+      [](DefaultInfo& d) { d.mutualUserid += "x"; },
+      [](DefaultInfo& d) { d.mutualSecret += "x"; },
+  };
+  int writes = 1;
+  for (const auto& change : changes) {
+    change(defaults);
+    Util::UpdateDefaultConfigToConfigStore(defaults);
+    EXPECT_EQ(store_->defaultWrites, ++writes);
+  }
+}
+
+TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
+  const DefaultInfo defaults = FreshDefaults();
+  store_->failDefaults = true;
+  EXPECT_EQ(MessageOf([&] { Util::UpdateDefaultConfigToConfigStore(defaults); }),
+            "store is read-only");
+  EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
+              ElementsAre("Util: ZEL failed to persist default config to config store with "
+                          "exception store is read-only"));
+  store_->failDefaults = false;
+  Util::UpdateDefaultConfigToConfigStore(defaults);
+  EXPECT_EQ(store_->defaultWrites, 2);
+}
+
+TEST_F(ServiceStateTest, DefaultsStayOutOfTheStoreWhenTheFeatureIsOff) {
+  WriteOptions(R"({"ORVA": {"configStore": 0}})");
+  Util::UpdateDefaultConfigToConfigStore(FreshDefaults());
+  EXPECT_EQ(store_->defaultWrites, 0);
+  EXPECT_FALSE(std::filesystem::exists(StorePath()));
+}
+
+class ConfigChangeTest : public ::testing::Test {
+ protected:
+  ConfigChangeTest() { Util::ForgetBackupConfGenNumber(); }
+  ~ConfigChangeTest() override { Util::ForgetBackupConfGenNumber(); }
+
+  uint64_t Published() const {
+    uint64_t generation = 0;
+    EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_OK);
+    return generation;
+  }
+  std::string BackupPath() const { return Util::GetBackupConfFilePath(); }
+  void SaveGeneration(uint64_t generation) {
+    std::string text = kStandardConf;
+    text.replace(0, text.find('\n'), "generation " + std::to_string(generation));
+    home_.WriteConf(text);
+  }
+
+  ServiceHome home_;
+  TestServices host_ = home_.InstallTestHost();
+};
+
+TEST_F(ConfigChangeTest, AllOnesMeansNothingWasWrittenAndPublishesNothing) {
+  Util::DoActionForConfigChange(kNone);
+  uint64_t generation = 0;
+  EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_NOT_FOUND);
+}
+
+TEST_F(ConfigChangeTest, AFailedPublicationThrowsWithTheStatus) {
+  home_.RemoveNamespaceLink();  // no namespace identity to publish under
+  EXPECT_EQ(MessageOf([] { Util::DoActionForConfigChange(8); }),
+            "Failed to Update ZEL conf entry into BRIX with error: Failure");
+}
+
+TEST_F(ConfigChangeTest, AnOlderGenerationThanPublishedOnlyWarns) {
+  Util::DoActionForConfigChange(10);
+  EXPECT_EQ(Published(), 10u);
+  Util::DoActionForConfigChange(9);
+  EXPECT_EQ(Published(), 10u);
+  EXPECT_THAT(host_.log->Texts(LogLevel::Warning),
+              ElementsAre("Util: Update ZEL conf entry into BRIX with config genration number 9 "
+                          "failed with NOK_EXISTS"));
+  Util::DoActionForConfigChange(11);
+  EXPECT_EQ(Published(), 11u);
+}
+
+TEST_F(ConfigChangeTest, RefreshIsNeededOnlyForALaterCachedGeneration) {
+  uint64_t known = 3;
+  EXPECT_FALSE(Util::IsRefreshConfNeeded(known));  // nothing cached
+  EXPECT_EQ(known, 3u);
+
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_TRUE(Util::IsRefreshConfNeeded(known));
+  EXPECT_EQ(known, 7u);
+  EXPECT_FALSE(Util::IsRefreshConfNeeded(known));
+
+  SaveGeneration(8);
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_TRUE(Util::IsRefreshConfNeeded(known));
+  EXPECT_EQ(known, 8u);
+}
+
+TEST_F(ConfigChangeTest, BackupIsNeededBeforeTheFirstOneWhateverTheGeneration) {
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
+
+  ASSERT_TRUE(Util::CopyZelConfWithLock());
+  EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 7\n"));
+  EXPECT_FALSE(Util::IsBackupConfNeeded());
+
+  SaveGeneration(8);
+  EXPECT_FALSE(Util::IsBackupConfNeeded());  // the cache has not seen it yet
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
+}
+
+TEST_F(ConfigChangeTest, CopySkipsAGenerationAlreadyBackedUp) {
+  ASSERT_TRUE(Util::CopyZelConfWithLock());
+  WriteFile(BackupPath(), "kept");
+  EXPECT_TRUE(Util::CopyZelConfWithLock());
+  EXPECT_EQ(ReadFile(BackupPath()), "kept");
+  EXPECT_THAT(host_.log->Texts(LogLevel::Warning),
+              ElementsAre("Util: backup zel.conf gen: 7, global zel.conf gen: 7, skip backup"));
+
+  SaveGeneration(9);
+  EXPECT_TRUE(Util::CopyZelConfWithLock());
+  EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 9\n"));
+}
+
+TEST_F(ConfigChangeTest, CopyOfAnUnreachableFileFailsNamingIt) {
+  home_.RemoveNamespaceLink();
+  EXPECT_FALSE(Util::CopyZelConfWithLock());
+  const std::vector<std::string> errors = host_.log->Texts(LogLevel::Error);
+  ASSERT_FALSE(errors.empty());
+  EXPECT_THAT(errors.back(),
+              StartsWith("Util: Failed to copy file from " + Util::GetConfFilePath() + " due to: "));
+  EXPECT_FALSE(std::filesystem::exists(BackupPath()));
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
+}
+
+TEST_F(ConfigChangeTest, BackupOutsideTheManagementProcessNeverCopies) {
+  ASSERT_FALSE(Util::IsRunningInOrvaMgmtd());
+  Util::BackupConfigFile();
+  EXPECT_FALSE(std::filesystem::exists(BackupPath()));
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zel
