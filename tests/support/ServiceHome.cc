@@ -105,7 +105,10 @@ ServiceHome::ServiceHome() {
   hostUuid_ = config.hostUuid;
   SetServiceEnabled(true);
 
+  // The configuration namespace as the service lays it out: etc/ for
+  // zel.conf, and targets/ for the links to the targets' namespaces.
   std::filesystem::create_directories(NamespaceDir() + "/etc");
+  std::filesystem::create_directories(NamespaceDir() + "/targets");
   // Relative, as the platform makes it: the home may be reached by any path.
   std::filesystem::create_directory_symlink(kNamespaceUuid,
                                             config.datastoreRoot + "/.iSCSI-CONFIG");

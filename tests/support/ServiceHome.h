@@ -1,9 +1,10 @@
 // A prepared home of one host of the service, for the tests of the read
 // path: host.json with the host's identity, the configuration store with the
 // service enabled, the datastore whose ".iSCSI-CONFIG" link names the
-// configuration namespace holding etc/zel.conf, and the directory entries of
-// the storage objects (targets' namespaces and LUN disks), so that owner and
-// policy lookups answer. Everything is real: a forked child, zelctl or the
+// configuration namespace holding etc/zel.conf and an empty targets/, and the
+// directory entries of the storage objects (targets' namespaces and LUN
+// disks), so that owner and policy lookups answer. The targets' namespaces
+// and disks themselves exist only as those entries, not on the datastore. Everything is real: a forked child, zelctl or the
 // plug-in client can open the same home and sees what this process sees.
 //
 // The standard preparation (kStandardConf):
