@@ -47,6 +47,16 @@ TEST_F(ReaderErrorsTest, SyntaxErrorNamesLineAndTokenThenDumpsTheNumberedFile) {
               ElementsAre(StartsWith("Failed to parse config file " + path_ + ": ")));
 }
 
+TEST_F(ReaderErrorsTest, DumpMasksCredentialSecretsButKeepsUserNames) {
+  EXPECT_THAT(ReportFor("auth-group g {\n chap \"u1\" \"QWJjZGVmZ2gjMTIz\"\n"
+                        " chap-mutual \"u2\" \"QUJD\" \"m2\" \"REVG\"\n}\n}\n"),
+              ElementsAre("error in configuration file at line 5 near '}': syntax error",
+                          "Dumping zel.conf file...", "1: auth-group g {",
+                          "2:  chap \"u1\" \"****************\"",
+                          "3:  chap-mutual \"u2\" \"****\" \"m2\" \"****\"", "4: }",
+                          "5: }"));
+}
+
 TEST_F(ReaderErrorsTest, LinesAreCountedAcrossBlankLinesAndQuotedStrings) {
   EXPECT_THAT(ReportFor("\n\noption a \"b c\"\n\n}\n"),
               ElementsAre("error in configuration file at line 5 near '}': syntax error",

@@ -186,6 +186,23 @@ void ZeldCleanConf(void) {
   close_input();
 }
 
+// The dump must not carry credentials into the log: on a "chap" or
+// "chap-mutual" line, every second quoted text (the secrets) is masked.
+static void redact_secrets(char *line) {
+  const char *text = line + strspn(line, " \t");
+  if (strncmp(text, "chap", 4) != 0)
+    return;
+  int quoted = 0;
+  for (char *c = line; (c = strchr(c, '"')) != NULL;) {
+    char *end = strchr(c + 1, '"');
+    if (end == NULL)
+      end = c + strlen(c);
+    if (++quoted % 2 == 0)
+      memset(c + 1, '*', static_cast<size_t>(end - c - 1));
+    c = *end == '\0' ? end : end + 1;
+  }
+}
+
 void zeldParser_error(const char *message) {
   log_warnx("error in configuration file at line %d near '%s': %s", zeldParser_lineno,
             zeldParser_text != NULL ? zeldParser_text : "", message);
@@ -204,6 +221,7 @@ void zeldParser_error(const char *message) {
     bool complete = length > 0 && piece[length - 1] == '\n';
     if (complete)
       piece[length - 1] = '\0';
+    redact_secrets(piece);
     log_warnx("%d: %s", line, piece);
     if (complete)
       line++;
