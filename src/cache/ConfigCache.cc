@@ -25,6 +25,8 @@ bool ConfigCache::gZelConfDirty = false;
 bool ConfigCache::gIsBrixSubscribed = false;
 ConfigCache::SubscriptionHandle ConfigCache::gBrixSubscribeInstance = 0;
 bool ConfigCache::gZelConfBrixEntryExists = false;
+std::shared_ptr<const std::vector<TargetInfo>> ConfigCache::gConvertedTargets;
+std::mutex ConfigCache::gConvertedTargetsMutex;
 
 namespace {
 const char kTag[] = "ZelConfigCache";
@@ -76,6 +78,7 @@ void ConfigCache::UnsubscribeBrixNoLock() {
     conf_delete(gZelConfig);
     gZelConfig = nullptr;
   }
+  ForgetConvertedTargets();
   ZEL_LOG_INFO("%s: Unsubscribing ZEL config info is done\n", kTag);
 }
 
@@ -106,6 +109,12 @@ struct conf* ConfigCache::_CreateZelConf() {
 void ConfigCache::_UpdateZelConf(struct conf* fresh, struct conf*& cached) {
   if (cached != nullptr) conf_delete(cached);
   cached = fresh;
+  ForgetConvertedTargets();
+}
+
+void ConfigCache::ForgetConvertedTargets() {
+  std::lock_guard<std::mutex> guard(gConvertedTargetsMutex);
+  gConvertedTargets.reset();
 }
 
 void ConfigCache::_UpdateZelConfWithLock(struct conf* fresh, struct conf*& cached) {
@@ -120,6 +129,7 @@ void ConfigCache::CleanupCachedConfig() {
   ZEL_LOG_INFO("%s: Cleanup cached zel config\n", kTag);
   conf_delete(gZelConfig);
   gZelConfig = nullptr;
+  ForgetConvertedTargets();
   ZEL_LOG_INFO("%s: Cleanup cached zel config is done\n", kTag);
 }
 
@@ -176,6 +186,18 @@ DefaultInfo ConfigCache::GetConfigInfo(bool withSecrets) {
 }
 
 std::vector<TargetInfo> ConfigCache::GetTargetsInfos() {
+  {
+    boost::shared_lock<boost::shared_mutex> shared(cacheLock);
+    if (IsZelConfCacheAvailable()) {
+      std::lock_guard<std::mutex> guard(gConvertedTargetsMutex);
+      if (!gConvertedTargets) {
+        auto converted = std::make_shared<std::vector<TargetInfo>>();
+        Conversion::_GetTargetInfos(gZelConfig, *converted);
+        gConvertedTargets = std::move(converted);
+      }
+      return *gConvertedTargets;
+    }
+  }
   return Query<std::vector<TargetInfo>>("GetTargetsInfos", [](const struct conf* conf) {
     std::vector<TargetInfo> targets;
     Conversion::_GetTargetInfos(conf, targets);

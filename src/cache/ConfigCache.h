@@ -9,6 +9,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -76,8 +78,18 @@ class ConfigCache {
   template <typename Result, typename Convert>
   static Result Query(const char* name, Convert convert);
 
+  // Drops what was converted from gZelConfig. REQUIRES: the cache lock
+  // held exclusively.
+  static void ForgetConvertedTargets();
+
   static boost::shared_mutex cacheLock;
   static struct conf* gZelConfig;
+  // The targets converted from gZelConfig, built by the first query that
+  // trusts the cache and dropped whenever gZelConfig changes: converting is
+  // most of a cached query's cost.
+  static std::shared_ptr<const std::vector<HostCtl::Orva::IscsiTarget::TargetInfo>>
+      gConvertedTargets;
+  static std::mutex gConvertedTargetsMutex;
   static bool gZelConfDirty;
   static bool gIsBrixSubscribed;
   static SubscriptionHandle gBrixSubscribeInstance;
