@@ -124,11 +124,15 @@ void OrvaIscsiTargetImpl::CheckIscsiServiceStatus(bool quiet) {
 bool OrvaIscsiTargetImpl::GetIscsiTargetStatus(bool takeLock) {
   boost::shared_lock<boost::shared_mutex> status(serviceStatusMutex, boost::defer_lock);
   if (takeLock) status.lock();
-  Util::LoadConfig(_isEnabled);
+  LoadConfig();
   return _isEnabled;
 }
 
-void OrvaIscsiTargetImpl::LoadConfig() { Util::LoadConfig(_isEnabled); }
+void OrvaIscsiTargetImpl::LoadConfig() {
+  bool enabled = false;
+  Util::LoadConfig(enabled);
+  _isEnabled = enabled;
+}
 
 void OrvaIscsiTargetImpl::Refresh() {
   LoadConfig();

@@ -11,6 +11,7 @@
 // held while either is taken.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -95,7 +96,9 @@ class OrvaIscsiTargetImpl : public virtual Api::OrvaIscsiTarget {
   // Ends the subscription; a failure is only logged.
   void _UnsubscribeZelConfig();
 
-  bool _isEnabled = false;
+  // Read by every checked operation and written by every status read, on
+  // any thread and under a shared lock at most.
+  std::atomic<bool> _isEnabled{false};
   bool _volLibInitialized = false;
   bool _lunNaaEnabled = false;
   OrvaComplianceHandle* _complianceHandle = nullptr;
