@@ -9,12 +9,15 @@
 
 #include "conf/ConfHandle.h"
 #include "storage/DatastoreLayout.h"
+#include "support/Messages.h"
 #include "support/ConfText.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
 
 namespace {
+
+using zel::test::MessageOf;
 
 using HostCtl::Lib::Orva::OrvaCtlException;
 using NokCtl::Orva::IscsiTarget::ConfHandle;
@@ -43,15 +46,6 @@ std::vector<std::string> DirectoryEntries(const std::string& dir) {
   }
   closedir(d);
   return names;
-}
-
-std::string MessageOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
 }
 
 class SaveTest : public ::testing::Test {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "service/DaemonControl.h"
+#include "support/Messages.h"
 #include "support/FakeHostControl.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
@@ -15,6 +16,8 @@
 namespace zel {
 namespace test {
 namespace {
+
+using zel::test::MessageOf;
 
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
 using HostCtl::Lib::Orva::OrvaCtlException;
@@ -25,15 +28,6 @@ using ::testing::IsEmpty;
 const char kStart[] = "/etc/init.d/zeld ++group=host/kap/tmp restart";
 const char kStop[] = "/etc/init.d/zeld ++group=host/kap/tmp io_stop";
 const char kReload[] = "/etc/init.d/zeld ++group=host/kap/tmp reload";
-
-std::string MessageOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 class DaemonControlTest : public ::testing::Test {
  protected:

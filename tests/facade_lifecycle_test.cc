@@ -15,6 +15,7 @@
 
 #include "cache/ConfigCache.h"
 #include "platform/JsonConfigStore.h"
+#include "support/Messages.h"
 #include "support/FakeHostControl.h"
 #include "support/FakeNetworkInterfaces.h"
 #include "support/ServiceHome.h"
@@ -23,6 +24,9 @@
 namespace zel {
 namespace test {
 namespace {
+
+using zel::test::MessageOf;
+using zel::test::NewService;
 
 using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
@@ -131,22 +135,6 @@ class JournalingStore final : public platform::ConfigStore {
   Journal& journal_;
   platform::JsonConfigStore inner_;
 };
-
-std::unique_ptr<OrvaIscsiTarget> NewService() {
-  std::unique_ptr<HostCtl::Orva::OrvaAsyncPlugin> plugin(
-      HostCtl::Orva::OrvaAsyncPluginFactory::GetAsyncOrvaPlugin());
-  return std::unique_ptr<OrvaIscsiTarget>(plugin->GetOrvaIscsiTarget());
-}
-
-// The message `operation` throws, or "" when it does not throw.
-std::string MessageOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 class FacadeLifecycleTest : public ::testing::Test {
  protected:

@@ -11,12 +11,16 @@
 #include <vector>
 
 #include "cache/ConfigCache.h"
+#include "support/Messages.h"
 #include "support/ServiceHome.h"
 #include "zel/OrvaPlugin.h"
 
 namespace zel {
 namespace test {
 namespace {
+
+using zel::test::MessageOf;
+using zel::test::NewService;
 
 using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::LunInfo;
@@ -29,22 +33,6 @@ using ::testing::HasSubstr;
 const std::string kNotEnabled =
     "Orva iSCSI Target Service is not enabled or the enable task is in progress.";
 constexpr const char* kOrphanUuid = "0c9d8e7f-6a5b-4c3d-8e2f-1a0b9c8d7e6f";
-
-std::unique_ptr<OrvaIscsiTarget> NewService() {
-  std::unique_ptr<HostCtl::Orva::OrvaAsyncPlugin> plugin(
-      HostCtl::Orva::OrvaAsyncPluginFactory::GetAsyncOrvaPlugin());
-  return std::unique_ptr<OrvaIscsiTarget>(plugin->GetOrvaIscsiTarget());
-}
-
-// The message `operation` throws, or "" when it does not throw.
-std::string MessageOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 std::vector<std::string> Aliases(const std::vector<TargetInfo>& targets) {
   std::vector<std::string> aliases;

@@ -21,6 +21,7 @@
 #include "service/ConfigChange.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
+#include "support/Messages.h"
 #include "support/ServiceHome.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
@@ -28,6 +29,8 @@
 namespace zel {
 namespace test {
 namespace {
+
+using zel::test::MessageOf;
 
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
 using HostCtl::Lib::Orva::OrvaCtlException;
@@ -40,15 +43,6 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
-
-std::string MessageOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 // The defaults cache is process-wide: each test uses records no other test
 // has cached.
