@@ -28,8 +28,7 @@ namespace {
 using zel::test::Note;
 using zel::test::Notifications;
 
-// Generous, for loaded machines: only a broken backend comes near it.
-constexpr auto kPatience = std::chrono::seconds(20);
+constexpr auto kPatience = zel::test::kDirectoryPatience;
 
 constexpr uint32_t kConfigType = 37;
 constexpr uint32_t kInterfaceType = 38;

@@ -31,7 +31,7 @@ namespace {
 using zel::test::Note;
 using zel::test::Notifications;
 
-constexpr auto kPatience = std::chrono::seconds(20);
+constexpr auto kPatience = zel::test::kDirectoryPatience;
 constexpr uint32_t kConfigType = 37;
 const std::string kNamespace = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
 const std::string kHost = "11111111-2222-4333-8444-555555555555";

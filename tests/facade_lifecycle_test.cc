@@ -25,8 +25,6 @@ namespace zel {
 namespace test {
 namespace {
 
-using zel::test::MessageOf;
-using zel::test::NewService;
 
 using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;

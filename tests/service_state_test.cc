@@ -30,7 +30,6 @@ namespace zel {
 namespace test {
 namespace {
 
-using zel::test::MessageOf;
 
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
 using HostCtl::Lib::Orva::OrvaCtlException;
