@@ -3,6 +3,7 @@
 //   - the target list from the subscribed, clean cache next to the same list
 //     read afresh from the file (unsubscribed), in the same run, and next to
 //     a plain copy of the finished list, the floor of any by-value answer;
+//   - what freeing one answer costs the caller, a share of each figure above;
 //   - the time from another process's publication of a new generation in the
 //     SQLite directory until this process's subscribed cache is dirty,
 //     reported as the median of its rounds next to the median time the
@@ -152,6 +153,22 @@ void BM_CopyTargetListFloor(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_CopyTargetListFloor)->Unit(benchmark::kMicrosecond);
+
+// The caller giving one answer's heap blocks back, which every figure above
+// includes: the list's records are deep copies, so freeing them costs about
+// as much as allocating them did.
+void BM_FreeTargetList(benchmark::State& state) {
+  ConfigCache::SubscribeBrix();
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::vector<HostCtl::Orva::IscsiTarget::TargetInfo> answer = ConfigCache::GetTargetsInfos();
+    state.ResumeTiming();
+    answer = {};
+    benchmark::DoNotOptimize(answer);
+  }
+  if (ConfigCache::IsZelConfDirty()) state.SkipWithError("the cache turned dirty");
+}
+BENCHMARK(BM_FreeTargetList)->Unit(benchmark::kMicrosecond);
 
 void BM_PublishToDirtyLatency(benchmark::State& state) {
   static uint64_t generation = 1000;

@@ -174,7 +174,8 @@ TEST(HostConfigValues, KeysOverrideTheDefaultsAndRelativePathsStartAtTheHome) {
     "directory": {"backend": "sqlite", "path": "db/directory.db"},
     "configStorePath": "store.json",
     "options": {"ORVA-iSCSI.zelNokNicCtlEnable": 0, "ORVA-iSCSI.zelLoadBalancePeriod": 600},
-    "commands": {"zeld": "/opt/zel/bin/zeld"}
+    "commands": {"zeld": "/opt/zel/bin/zeld"},
+    "iqnDomain": "storage.example.net"
   })");
 
   const HostConfig config = LoadHostConfig(home);
@@ -191,6 +192,7 @@ TEST(HostConfigValues, KeysOverrideTheDefaultsAndRelativePathsStartAtTheHome) {
                                         {"ORVA-iSCSI.zelLoadBalancePeriod", 600}}),
             config.options);
   EXPECT_EQ((std::map<std::string, std::string>{{"zeld", "/opt/zel/bin/zeld"}}), config.commands);
+  EXPECT_EQ("storage.example.net", config.iqnDomain);
 }
 
 TEST(HostConfigValues, UpperCaseIdentityIsReadInCanonicalForm) {
@@ -221,6 +223,9 @@ TEST(HostConfigErrors, ValueOfTheWrongTypeNamesTheKey) {
     std::string members;
     std::string problem;
   };
+  const std::string kIqnDomainRule =
+      "'iqnDomain' must be a domain name of at most 100 bytes, labels of letters, digits and '-' "
+      "separated by dots: ";
   const Case cases[] = {
       {R"("clusterMember": "yes")", "'clusterMember' must be true or false"},
       {R"("faultDomain": 3)", "'faultDomain' must be a string"},
@@ -235,6 +240,10 @@ TEST(HostConfigErrors, ValueOfTheWrongTypeNamesTheKey) {
       {R"("commands": {"zeld": ["/bin/zeld"]})", "'commands.zeld' must be a string"},
       {R"("datastorePath": "")", "'datastorePath' must not be empty"},
       {R"("datastorPath": "/mnt")", "unknown key 'datastorPath'"},
+      {R"("iqnDomain": "pool_1.example.net")", kIqnDomainRule + "'pool_1.example.net'"},
+      {R"("iqnDomain": "example..net")", kIqnDomainRule + "'example..net'"},
+      {R"("iqnDomain": ")" + std::string(99, 'a') + R"(.b")",
+       kIqnDomainRule + "'" + std::string(99, 'a') + ".b'"},
   };
   for (const Case& c : cases) {
     WriteFile(path, "{" + identity + c.members + "}");

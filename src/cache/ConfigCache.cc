@@ -17,6 +17,7 @@ namespace IscsiTarget {
 using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using HostCtl::Orva::IscsiTarget::InitiatorgroupInfo;
+using HostCtl::Orva::IscsiTarget::LunInfo;
 using HostCtl::Orva::IscsiTarget::TargetInfo;
 
 boost::shared_mutex ConfigCache::cacheLock;
@@ -185,23 +186,48 @@ DefaultInfo ConfigCache::GetConfigInfo(bool withSecrets) {
   });
 }
 
+const std::vector<TargetInfo>& ConfigCache::ConvertedTargets() {
+  // Readers share the cache lock, so the first of them to get here converts
+  // while the others wait for it.
+  std::lock_guard<std::mutex> guard(gConvertedTargetsMutex);
+  if (!gConvertedTargets) {
+    auto converted = std::make_shared<std::vector<TargetInfo>>();
+    Conversion::_GetTargetInfos(gZelConfig, *converted);
+    gConvertedTargets = std::move(converted);
+  }
+  return *gConvertedTargets;
+}
+
 std::vector<TargetInfo> ConfigCache::GetTargetsInfos() {
   {
     boost::shared_lock<boost::shared_mutex> shared(cacheLock);
-    if (IsZelConfCacheAvailable()) {
-      std::lock_guard<std::mutex> guard(gConvertedTargetsMutex);
-      if (!gConvertedTargets) {
-        auto converted = std::make_shared<std::vector<TargetInfo>>();
-        Conversion::_GetTargetInfos(gZelConfig, *converted);
-        gConvertedTargets = std::move(converted);
-      }
-      return *gConvertedTargets;
-    }
+    if (IsZelConfCacheAvailable()) return ConvertedTargets();
   }
   return Query<std::vector<TargetInfo>>("GetTargetsInfos", [](const struct conf* conf) {
     std::vector<TargetInfo> targets;
     Conversion::_GetTargetInfos(conf, targets);
     return targets;
+  });
+}
+
+bool ConfigCache::GetLunInfos(const std::string& alias, std::vector<LunInfo>& luns) {
+  const auto copyLuns = [&alias, &luns](const std::vector<TargetInfo>& targets) {
+    for (const TargetInfo& target : targets) {
+      if (target.alias == alias) {
+        luns = target.luns;
+        return true;
+      }
+    }
+    return false;
+  };
+  {
+    boost::shared_lock<boost::shared_mutex> shared(cacheLock);
+    if (IsZelConfCacheAvailable()) return copyLuns(ConvertedTargets());
+  }
+  return Query<bool>("GetLunInfos", [&copyLuns](const struct conf* conf) {
+    std::vector<TargetInfo> targets;
+    Conversion::_GetTargetInfos(conf, targets);
+    return copyLuns(targets);
   });
 }
 

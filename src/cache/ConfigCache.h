@@ -20,6 +20,7 @@
 #include "platform/Directory.h"
 #include "zel/DefaultInfo.h"
 #include "zel/InitiatorgroupInfo.h"
+#include "zel/LunInfo.h"
 #include "zel/TargetInfo.h"
 
 namespace NokCtl {
@@ -63,6 +64,11 @@ class ConfigCache {
   // The queries: from the cache when it can be trusted, else from the file.
   static HostCtl::Orva::IscsiTarget::DefaultInfo GetConfigInfo(bool withSecrets);
   static std::vector<HostCtl::Orva::IscsiTarget::TargetInfo> GetTargetsInfos();
+  // Copies the LUNs of the target `alias` into `luns` and returns true, or
+  // returns false and leaves `luns` alone when no target has that alias.
+  // Only that target's LUNs are copied, not the whole list.
+  static bool GetLunInfos(const std::string& alias,
+                          std::vector<HostCtl::Orva::IscsiTarget::LunInfo>& luns);
   static std::vector<HostCtl::Orva::IscsiTarget::InitiatorgroupInfo> GetInitiatorGroupInfos();
   // The network interfaces the configuration listens on, each once.
   static std::vector<std::string> GetAllIscsiNoknics();
@@ -77,6 +83,11 @@ class ConfigCache {
   // file (no lock held), convert, and swap the fresh graph in.
   template <typename Result, typename Convert>
   static Result Query(const char* name, Convert convert);
+
+  // The targets converted from gZelConfig, converting them on first use.
+  // REQUIRES: the cache lock held (shared or exclusive) and the cache
+  // available; the list stays valid while the lock is held.
+  static const std::vector<HostCtl::Orva::IscsiTarget::TargetInfo>& ConvertedTargets();
 
   // Drops what was converted from gZelConfig. REQUIRES: the cache lock
   // held exclusively.

@@ -15,12 +15,20 @@ using HostCtl::Orva::IscsiTarget::InitiatorgroupInfo;
 using HostCtl::Orva::IscsiTarget::LunInfo;
 using HostCtl::Orva::IscsiTarget::TargetInfo;
 
+namespace {
+
+void LogTargetLoadFailure(const OrvaCtlException& e) {
+  ZEL_LOG_WARNING("%s: Failed to load targets from config file, error %s\n", "Parser",
+                  e.GetMessage().c_str());
+}
+
+}  // namespace
+
 std::vector<TargetInfo> GetTargets() {
   try {
     return ConfigCache::GetTargetsInfos();
   } catch (const OrvaCtlException& e) {
-    ZEL_LOG_WARNING("%s: Failed to load targets from config file, error %s\n", "Parser",
-                    e.GetMessage().c_str());
+    LogTargetLoadFailure(e);
     throw;
   }
 }
@@ -36,13 +44,14 @@ DefaultInfo GetDefaultInfo(bool withSecrets) {
 }
 
 void GetLunsForTarget(const std::string& alias, std::vector<LunInfo>& luns) {
-  for (const TargetInfo& target : GetTargets()) {
-    if (target.alias == alias) {
-      luns = target.luns;
-      return;
-    }
+  bool found;
+  try {
+    found = ConfigCache::GetLunInfos(alias, luns);
+  } catch (const OrvaCtlException& e) {
+    LogTargetLoadFailure(e);
+    throw;
   }
-  throw OrvaCtlException("Target " + alias + " not found");
+  if (!found) throw OrvaCtlException("Target " + alias + " not found");
 }
 
 std::vector<InitiatorgroupInfo> GetInitiatorgroupsFromConfFile(const std::string& name) {

@@ -92,6 +92,19 @@ void VerifyAuthParams(const std::string& type, const std::string& user, const st
   }
 }
 
+// The file holds the alias between double quotes on one line, so a line
+// break or a NUL byte would end it early and corrupt everything after it.
+void VerifyAliasText(const std::string& alias) {
+  if (boost::regex_match(alias, GetNamePatterns().whitespaceOnly)) {
+    throw OrvaCtlException("Invalid alias '" + alias +
+                           "'. The alias should not contain only whitespaces.");
+  }
+  if (alias.find_first_of(std::string("\n\0", 2)) != std::string::npos) {
+    throw OrvaCtlException("Invalid alias '" + alias +
+                           "'. The alias should not contain line breaks or NUL bytes.");
+  }
+}
+
 }  // namespace
 
 void VerifyLength(const std::string& value, size_t minimum, size_t maximum,
@@ -126,10 +139,13 @@ void VerifyTargetParams(const TargetCreateParam& param) {
   VerifyNoQuote(param.secret, "secret");
   VerifyNoQuote(param.mutualUserid, "mutual userid");
   VerifyNoQuote(param.mutualSecret, "mutual secret");
-  if (boost::regex_match(param.alias, GetNamePatterns().whitespaceOnly)) {
-    throw OrvaCtlException("Invalid alias '" + param.alias +
-                           "'. The alias should not contain only whitespaces.");
-  }
+  VerifyAliasText(param.alias);
+}
+
+void VerifyAlias(const std::string& alias) {
+  VerifyLength(alias, 1, kAliasLengthBound, "alias");
+  VerifyNoQuote(alias, "alias");
+  VerifyAliasText(alias);
 }
 
 void VerifyDefaultAuthParams(const DefaultInfo& info) {

@@ -29,6 +29,10 @@ void VerifyNoQuote(const std::string& value, const std::string& fieldName);
 // failure ends the check.
 void VerifyTargetParams(const HostCtl::Orva::IscsiTarget::TargetCreateParam& param);
 
+// The alias rules of VerifyTargetParams on their own, for a new alias given
+// to an existing target.
+void VerifyAlias(const std::string& alias);
+
 // Whether the authentication type and the four credentials fit together and
 // each credential meets its rule. Type names are exact, letter case
 // included; an empty type counts as "No-Authentication".

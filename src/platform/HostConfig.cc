@@ -183,6 +183,12 @@ void Apply(const Reader& reader, const json& document, HostConfig* config) {
       ApplyCommands(reader, value, config);
     } else if (key == "defaultPolicy") {
       config->defaultPolicy = reader.Text(value, key);
+    } else if (key == "iqnDomain") {
+      config->iqnDomain = reader.Text(value, key);
+      if (!IsValidIqnDomain(config->iqnDomain)) {
+        reader.Fail("'iqnDomain' must be a domain name of at most 100 bytes, labels of letters, "
+                    "digits and '-' separated by dots: '" + config->iqnDomain + "'");
+      }
     } else if (key == "profile") {
       const std::string profile = reader.Text(value, key);
       if (profile == "realHost") {
@@ -205,6 +211,23 @@ std::string ResolveHome(const std::string& explicitHome) {
   const char* fromEnvironment = std::getenv("ZEL_HOME");
   if (fromEnvironment != nullptr && *fromEnvironment != '\0') return fromEnvironment;
   return "/var/lib/zel";
+}
+
+bool IsValidIqnDomain(const std::string& domain) {
+  if (domain.empty() || domain.size() > 100) return false;
+  bool labelStart = true;
+  for (const char c : domain) {
+    if (c == '.') {
+      if (labelStart) return false;
+      labelStart = true;
+    } else if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '-') {
+      labelStart = false;
+    } else {
+      return false;
+    }
+  }
+  return !labelStart;
 }
 
 HostConfig EmbeddedHostConfig(const std::string& home) {

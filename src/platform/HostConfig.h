@@ -25,6 +25,9 @@ struct HostConfig {
   std::string directoryPath;    // the embedded directory database
   std::string configStorePath;  // the host configuration store (JSON)
   std::string defaultPolicy;    // the datastore's default storage policy
+  // Naming authority of the target IQNs this host generates, in forward
+  // form ("storage.example.net"); empty derives it from the host's domain.
+  std::string iqnDomain;
   std::map<std::string, int> options;         // kernel options, "GROUP.name" -> value
   std::map<std::string, std::string> commands; // command overrides by name
 };
@@ -35,6 +38,11 @@ std::string ResolveHome(const std::string& explicitHome);
 // The embedded profile's layout under `home`, without reading or writing
 // anything (the identity is left empty).
 HostConfig EmbeddedHostConfig(const std::string& home);
+
+// True when `domain` can name the authority of a target IQN: labels of
+// letters, digits and '-' joined by single dots, at most 100 bytes in all so
+// that a generated IQN keeps room for the target's alias.
+bool IsValidIqnDomain(const std::string& domain);
 
 // Reads `home`/host.json over the embedded defaults, creating the home and
 // the file with a fresh host identity on first use (safe against other

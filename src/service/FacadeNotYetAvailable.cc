@@ -14,29 +14,10 @@ namespace {
 }
 }  // namespace
 
-void OrvaIscsiTargetImpl::AddTarget(Api::TargetCreateParam&) { NotAvailable("AddTarget"); }
 void OrvaIscsiTargetImpl::AddLun(Api::LunInfo&) { NotAvailable("AddLun"); }
 void OrvaIscsiTargetImpl::RemoveLun(unsigned, const std::string&) { NotAvailable("RemoveLun"); }
 void OrvaIscsiTargetImpl::UpdateLun(Api::LunInfo&, int, const std::string&, bool) {
   NotAvailable("UpdateLun");
-}
-void OrvaIscsiTargetImpl::RemoveTarget(const std::string&) { NotAvailable("RemoveTarget"); }
-void OrvaIscsiTargetImpl::UpdateTargetConfig(Api::TargetCreateParam&) {
-  NotAvailable("UpdateTargetConfig");
-}
-void OrvaIscsiTargetImpl::AddInitiatorgroup(const std::string&) {
-  NotAvailable("AddInitiatorgroup");
-}
-void OrvaIscsiTargetImpl::RemoveInitiatorgroup(const std::string&, bool) {
-  NotAvailable("RemoveInitiatorgroup");
-}
-void OrvaIscsiTargetImpl::AddInitiatorsToInitiatorgroup(const std::string&,
-                                                        const std::vector<std::string>&) {
-  NotAvailable("AddInitiatorsToInitiatorgroup");
-}
-void OrvaIscsiTargetImpl::RemoveInitiatorsFromInitiatorgroup(const std::string&,
-                                                             const std::vector<std::string>&) {
-  NotAvailable("RemoveInitiatorsFromInitiatorgroup");
 }
 void OrvaIscsiTargetImpl::TransferTargetsOwner(std::vector<Api::TargetInfo>&, int) {
   NotAvailable("TransferTargetsOwner");

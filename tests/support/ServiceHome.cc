@@ -15,6 +15,7 @@
 #include "platform/JsonConfigStore.h"
 #include "platform/LocalClusterFacts.h"
 #include "platform/LocalDiskLibrary.h"
+#include "platform/LocalNamespaces.h"
 #include "platform/LocalKernelOptions.h"
 #include "platform/LocalPolicyService.h"
 #include "platform/SqliteDirectory.h"
@@ -203,6 +204,7 @@ TestServices ServiceHome::InstallTestHost() {
   host->SetStore(std::make_unique<platform::JsonConfigStore>(settled.configStorePath));
   host->SetPolicies(std::make_unique<platform::LocalPolicyService>(shared, settled.hostUuid));
   host->SetDisks(std::make_unique<platform::LocalDiskLibrary>(settled.datastoreRoot));
+  host->SetNamespaces(platform::NewLocalNamespaces(settled));
   host->SetOptions(platform::NewLocalKernelOptions(settled));
   Select(std::move(host));
   return services;

@@ -88,7 +88,7 @@ class ServiceHome {
 
   // Selects a host of this home whose clock is a TestClock, whose log is
   // recorded and whose file layer can be scripted to fail, with the local
-  // directory, cluster facts, store, policies and disks attached.
+  // directory, cluster facts, store, policies, disks and namespaces attached.
   TestServices InstallTestHost();
   // Selects the local service host of this home, as zelctl does.
   void InstallLocalServiceHost(platform::LogLevel maxLevel = platform::LogLevel::Warning);

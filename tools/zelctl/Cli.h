@@ -35,6 +35,11 @@ int RunReportingFailure(const std::function<int()>& command);
 // The service as the management process reaches it: through the plug-in.
 std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget> Service();
 
+// A secret given as "-" is read from standard input, one line per secret in
+// the order the calls are made, so that it never shows in the process list;
+// any other value is the secret itself.
+std::string SecretArgument(const std::string& value);
+
 // Adds a subcommand whose action runs against the local service host and
 // reports the service's refusal as exit code 1.
 CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,
@@ -48,5 +53,8 @@ void AddServiceCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
 // REQUIRES: AddServiceCommands ran (it adds the "namespace" and "defaults"
 // families that these extend).
 void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
+// REQUIRES: AddServiceCommands ran (it adds the "target" and
+// "initiator-group" families that these extend).
+void AddEditCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 
 }  // namespace zelctl

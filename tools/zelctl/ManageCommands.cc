@@ -19,15 +19,6 @@ using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using HostCtl::Orva::IscsiTarget::NamespaceCreateParam;
 using nlohmann::ordered_json;
 
-// A secret given as "-" is read from standard input (its first line), so
-// that it never shows in the process list.
-std::string SecretArgument(const std::string& value) {
-  if (value != "-") return value;
-  std::string line;
-  std::getline(std::cin, line);
-  return line;
-}
-
 struct DefaultsOptions {
   std::string networkInterface;
   int port = 3260;

@@ -1,3 +1,5 @@
+#include <iostream>
+
 #include "Cli.h"
 #include "zel/OrvaPlugin.h"
 
@@ -8,6 +10,13 @@ std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget> Service() {
       HostCtl::Orva::OrvaAsyncPluginFactory::GetAsyncOrvaPlugin());
   return std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget>(
       plugin->GetOrvaIscsiTarget());
+}
+
+std::string SecretArgument(const std::string& value) {
+  if (value != "-") return value;
+  std::string line;
+  std::getline(std::cin, line);
+  return line;
 }
 
 CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,

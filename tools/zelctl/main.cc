@@ -47,6 +47,7 @@ int main(int argc, char** argv) {
   zelctl::AddConfCommands(app, options, exitCode);
   zelctl::AddServiceCommands(app, options, exitCode);
   zelctl::AddManageCommands(app, options, exitCode);
+  zelctl::AddEditCommands(app, options, exitCode);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,146 @@
+// Site affinity against storage policies: which location and policy pairs
+// are refused, and with which message on creation and on update.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <vector>
+#include <string>
+
+#include "placement/Affinity.h"
+#include "zel/OrvaCtlException.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace Util {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using HostCtl::Orva::IscsiTarget::LunInfo;
+using HostCtl::Orva::IscsiTarget::TargetCreateParam;
+using HostCtl::Orva::IscsiTarget::TargetInfo;
+
+const std::string kPreferred = R"("locality" "Preferred" "failuresToTolerate" "1")";
+const std::string kNonPreferred = R"("stripeWidth" "2" "locality" "NonPreferred")";
+const std::string kNoLocality = R"("failuresToTolerate" "1")";
+const char kLunMessage[] = "Incompatible between target location and lun policy locality";
+
+// The policies of storage objects by UUID, as the policy service reports them.
+class FixedPolicies final : public zel::platform::PolicyService {
+ public:
+  explicit FixedPolicies(std::map<std::string, std::string> policies)
+      : policies_(std::move(policies)) {}
+  NOK_ReturnStatus Init() override { return NOK_OK; }
+  void Deinit() override {}
+  zel::platform::PolicyStatus GetObjectPolicyStatus(const std::string& uuid) override {
+    return {policies_.at(uuid), zel::platform::Compliance::Compliant};
+  }
+
+ private:
+  std::map<std::string, std::string> policies_;
+};
+
+std::string Refusal(const std::function<void()>& verify) {
+  try {
+    verify();
+  } catch (const OrvaCtlException& e) {
+    return e.GetMessage();
+  }
+  return "";
+}
+
+TargetCreateParam Param(const std::string& location, const std::string& policy) {
+  TargetCreateParam param;
+  param.alias = "t1";
+  param.faultDomain = location;
+  param.policy = policy;
+  return param;
+}
+
+TargetInfo Target(const std::string& location, const std::vector<std::string>& lunPolicies) {
+  TargetInfo target("t1", "iqn.1998-01.local.zel:t1", "ns-1", "", 3260, "No-Authentication", "",
+                    "", "ns-1", "", "", "", location, false);
+  for (size_t i = 0; i < lunPolicies.size(); ++i) {
+    LunInfo lun;
+    lun.id = static_cast<int32_t>(i);
+    lun.uuid = "lun-" + std::to_string(i);
+    lun.policy = lunPolicies[i];
+    target.luns.push_back(lun);
+  }
+  return target;
+}
+
+TEST(PolicyLocality, OnlyOppositeSitesAreIncompatible) {
+  struct Row {
+    std::string location, policy;
+    bool compatible;
+  };
+  const Row rows[] = {
+      {"Preferred", kPreferred, true},        {"Preferred", kNonPreferred, false},
+      {"NonPreferred", kPreferred, false},    {"NonPreferred", kNonPreferred, true},
+      {"Preferred", kNoLocality, true},       {"NonPreferred", "", true},
+      {"", kNonPreferred, true},              {"None", kPreferred, true},
+      // The rule is found by its exact text only, Preferred first.
+      {"Preferred", R"("locality"  "NonPreferred")", true},
+      {"NonPreferred", R"("locality" "NonPreferred" "locality" "Preferred")", false},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(row.compatible, IsLocationCompatibleWithPolicy(row.location, row.policy))
+        << row.location << " / " << row.policy;
+  }
+}
+
+TEST(NewTargetAffinity, OppositeSitePolicyIsRefusedAndMissingEitherSideIsNot) {
+  EXPECT_EQ("Incompatible between Target location and policy locality",
+            Refusal([] { VerifyNewTargetAffinity(Param("NonPreferred", kPreferred)); }));
+  EXPECT_EQ("", Refusal([] { VerifyNewTargetAffinity(Param("Preferred", kPreferred)); }));
+  EXPECT_EQ("", Refusal([] { VerifyNewTargetAffinity(Param("Preferred", "")); }));
+  EXPECT_EQ("", Refusal([] { VerifyNewTargetAffinity(Param("", kNonPreferred)); }));
+}
+
+TEST(UpdateTargetAffinity, NewPolicyIsTestedAgainstTheKeptLocation) {
+  EXPECT_EQ("Incompatible between target location and policy locality",
+            Refusal([] { VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred),
+                                                    Target("Preferred", {})); }));
+}
+
+TEST(UpdateTargetAffinity, NewLocationIsTestedAgainstEveryLun) {
+  const TargetInfo current = Target("NonPreferred", {kNoLocality, kNonPreferred});
+  EXPECT_EQ(kLunMessage, Refusal([&] {
+              VerifyUpdateTargetAffinity(nullptr, Param("Preferred", ""), current);
+            }));
+  EXPECT_EQ("", Refusal([&] {
+              VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred), current);
+            }));
+}
+
+TEST(UpdateTargetAffinity, NoneClearsTheLocationWhateverThePolicies) {
+  EXPECT_EQ("", Refusal([] {
+              VerifyUpdateTargetAffinity(nullptr, Param("None", kNonPreferred),
+                                         Target("Preferred", {kNonPreferred, ""}));
+            }));
+}
+
+TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObject) {
+  FixedPolicies policies({{"lun-0", kNoLocality}, {"lun-1", kPreferred}});
+  OrvaComplianceHandle handle{&policies};
+  const TargetInfo current = Target("Preferred", {"", ""});
+
+  EXPECT_EQ(kLunMessage, Refusal([&] {
+              VerifyUpdateTargetAffinity(&handle, Param("NonPreferred", ""), current);
+            }));
+  EXPECT_EQ("", Refusal([&] {
+              VerifyUpdateTargetAffinity(&handle, Param("", kPreferred), current);
+            }));
+  // Without a compliance session the policy cannot be seen, so it is not passed.
+  EXPECT_EQ("Orva compliance lib is not initialized", Refusal([&] {
+              VerifyUpdateTargetAffinity(nullptr, Param("NonPreferred", ""), current);
+            }));
+}
+
+}  // namespace
+}  // namespace Util
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl
