@@ -63,23 +63,35 @@ void ConfigCache::SubscribeBrix() {
 }
 
 void ConfigCache::UnsubscribeBrix() {
-  boost::unique_lock<boost::shared_mutex> exclusive(cacheLock);
-  UnsubscribeBrixNoLock();
+  SubscriptionHandle handle;
+  {
+    boost::unique_lock<boost::shared_mutex> exclusive(cacheLock);
+    handle = ForgetSubscription();
+  }
+  // Outside the lock: ending a subscription waits for a notice still being
+  // delivered, and that notice waits for the cache lock.
+  EndSubscription(handle);
 }
 
-void ConfigCache::UnsubscribeBrixNoLock() {
-  if (!gIsBrixSubscribed) return;
+void ConfigCache::UnsubscribeBrixNoLock() { EndSubscription(ForgetSubscription()); }
+
+ConfigCache::SubscriptionHandle ConfigCache::ForgetSubscription() {
+  if (!gIsBrixSubscribed) return 0;
   ZEL_LOG_INFO("%s: Unsubscribing ZEL config info from BRIX\n", kTag);
-  if (gBrixSubscribeInstance != 0) {
-    ZeldBrixUnsubscribeToConfigEntry(gBrixSubscribeInstance);
-    gBrixSubscribeInstance = 0;
-  }
+  const SubscriptionHandle handle = gBrixSubscribeInstance;
+  gBrixSubscribeInstance = 0;
   gIsBrixSubscribed = false;
   if (gZelConfig != nullptr) {
     conf_delete(gZelConfig);
     gZelConfig = nullptr;
   }
   ForgetConvertedTargets();
+  return handle;
+}
+
+void ConfigCache::EndSubscription(SubscriptionHandle handle) {
+  if (handle == 0) return;
+  ZeldBrixUnsubscribeToConfigEntry(handle);
   ZEL_LOG_INFO("%s: Unsubscribing ZEL config info is done\n", kTag);
 }
 

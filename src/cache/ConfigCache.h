@@ -44,7 +44,10 @@ class ConfigCache {
   static void SubscribeBrix();
   // Ends the subscription and drops the cached conf.
   static void UnsubscribeBrix();
-  // The same, for callers that hold the cache lock or run at unload.
+  // The same without taking the cache lock, for the library's unload when
+  // no other thread uses the cache. Never call either while holding the
+  // cache lock: ending a subscription waits for a notice being delivered,
+  // and the notice takes that lock.
   static void UnsubscribeBrixNoLock();
 
   // Re-reads the file into the cache without touching the dirty flag.
@@ -92,6 +95,14 @@ class ConfigCache {
   // Drops what was converted from gZelConfig. REQUIRES: the cache lock
   // held exclusively.
   static void ForgetConvertedTargets();
+
+  // Clears the subscription state and the cached conf and returns the
+  // handle to end (0 when there was none). REQUIRES: the cache lock held
+  // exclusively, or no other thread using the cache.
+  static SubscriptionHandle ForgetSubscription();
+  // Ends the directory subscription `handle`. REQUIRES: the cache lock not
+  // held by this thread.
+  static void EndSubscription(SubscriptionHandle handle);
 
   static boost::shared_mutex cacheLock;
   static struct conf* gZelConfig;

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "cache/ConfigCache.h"
 #include "conf/ConfHandle.h"
 #include "edit/Parser.h"
 #include "platform/Log.h"
@@ -55,13 +54,7 @@ void UpdateDefaultConfig(const DefaultInfo& info) {
   if (!info.networkInterface.empty()) {
     ReplaceListen(pg, info.networkInterface + ":" + std::to_string(info.port));
   }
-  const uint64_t generation = handle.WriteConfFile();
-  // The file has changed whatever the announcement does next: a failed
-  // publication must not leave this process trusting a copy of the old file.
-  ConfigCache::CleanupCachedConfig();
-  // Announced while the file is still locked: the next writer waits for the
-  // lock, so generations reach the directory in the order they were saved.
-  Util::DoActionForConfigChange(generation);
+  const uint64_t generation = Util::SaveAndAnnounceConfig(handle);
   ZEL_LOG_INFO("%s: Updated default config to generation %lu\n", kTag,
                static_cast<unsigned long>(generation));
 }

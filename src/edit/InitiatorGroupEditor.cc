@@ -1,11 +1,9 @@
 #include "edit/InitiatorGroupEditor.h"
 
 #include <cctype>
-#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "cache/ConfigCache.h"
 #include "conf/ConfHandle.h"
 #include "edit/Parser.h"
 #include "edit/Validation.h"
@@ -38,16 +36,6 @@ struct initiator_group* FindGroup(const struct conf* conf, const std::string& na
   return ig;
 }
 
-// Saves the edited graph and makes it visible. The cache is dropped before
-// the announcement, whose failure must not leave this process trusting a
-// copy of the old file; the announcement runs while `handle` still holds
-// the file, so generations reach the directory in the order they were saved.
-void SaveAndAnnounce(ConfHandle& handle) {
-  const uint64_t generation = handle.WriteConfFile();
-  ConfigCache::CleanupCachedConfig();
-  Util::DoActionForConfigChange(generation);
-}
-
 [[noreturn]] void Rethrow(const std::string& message) {
   ZEL_LOG_ERROR("%s: %s\n", kTag, message.c_str());
   throw OrvaCtlException(message);
@@ -74,7 +62,7 @@ void AddNewInitiatorgroupToConfFile(const std::string& name) {
     if (initiator_group_new(handle.conf, name.c_str()) == nullptr) {
       throw OrvaCtlException("Failed add new initiator group.");
     }
-    SaveAndAnnounce(handle);
+    Util::SaveAndAnnounceConfig(handle);
   } catch (const OrvaCtlException& e) {
     Rethrow("Failed to add initiator group " + name + " with error: " + e.GetMessage());
   }
@@ -94,7 +82,7 @@ void RemoveInitiatorgroupFromConfFile(const std::string& name, bool force) {
     // References first: the group's deletion does not follow them.
     initiator_group_delete_all_refs(handle.conf, name.c_str());
     initiator_group_delete(ig);
-    SaveAndAnnounce(handle);
+    Util::SaveAndAnnounceConfig(handle);
   } catch (const OrvaCtlException& e) {
     Rethrow("Failed to remove initiator group " + name + " with error " + e.GetMessage());
   }
@@ -121,7 +109,7 @@ void AddInitiatorsToInitiatorgroup(const std::string& name,
                                name);
       }
     }
-    SaveAndAnnounce(handle);
+    Util::SaveAndAnnounceConfig(handle);
   } catch (const OrvaCtlException& e) {
     Rethrow("Failed to add initiators to initiator group " + name +
             " with error: " + e.GetMessage());
@@ -145,7 +133,7 @@ void RemoveInitiatorsFromInitiatorgroup(const std::string& name,
       }
       initiator_delete(member);
     }
-    SaveAndAnnounce(handle);
+    Util::SaveAndAnnounceConfig(handle);
   } catch (const OrvaCtlException& e) {
     Rethrow("Failed to remove initiators from initiator group " + name + " with error " +
             e.GetMessage());

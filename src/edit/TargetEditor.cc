@@ -27,16 +27,6 @@ namespace {
 
 const char kTag[] = "Parser";
 
-// Saves the handle's graph and makes the change known: this process's cache
-// first (the file has changed whatever the announcement does), then the
-// cluster, while the file is still locked so that generations reach the
-// directory in the order they were saved.
-void SaveAndPublish(ConfHandle& handle) {
-  const uint64_t generation = handle.WriteConfFile();
-  ConfigCache::CleanupCachedConfig();
-  Util::DoActionForConfigChange(generation);
-}
-
 // Refuses a target that would repeat an alias (exactly) or an IQN (in any
 // letter case), or exceed the cluster's target limit.
 void CheckNewTargetFits(struct conf* conf, const TargetCreateParam& param) {
@@ -125,7 +115,7 @@ void RemoveTargetFromConfFile(const std::string& alias) {
     struct target* target = FindTargetByAlias(handle.conf, alias);
     DetachTargetGroups(target);
     target_delete(target);
-    SaveAndPublish(handle);
+    Util::SaveAndAnnounceConfig(handle);
   } catch (const OrvaCtlException& e) {
     ZEL_LOG_ERROR("%s: Failed to remove target %s from conf file with error %s\n", kTag,
                   alias.c_str(), e.GetMessage().c_str());

@@ -45,6 +45,13 @@ void DoActionForConfigChange(uint64_t generation) {
                          NOK_ReturnStatusToString(status));
 }
 
+uint64_t SaveAndAnnounceConfig(ConfHandle& handle) {
+  const uint64_t generation = handle.WriteConfFile();
+  ConfigCache::CleanupCachedConfig();
+  DoActionForConfigChange(generation);
+  return generation;
+}
+
 bool IsRefreshConfNeeded(uint64_t& known) {
   const uint64_t cached = ConfigCache::GetCachedConfGenNumber();
   // All ones is the empty cache, not a generation: taking it as one would

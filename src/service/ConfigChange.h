@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "conf/ConfHandle.h"
+
 namespace NokCtl {
 namespace Orva {
 namespace IscsiTarget {
@@ -16,6 +18,13 @@ namespace Util {
 // failure throws "Failed to Update ZEL conf entry into BRIX with error: "
 // and the status text.
 void DoActionForConfigChange(uint64_t generation);
+
+// Saves the graph of `handle` and makes the change known: this process's
+// configuration cache is dropped first (the file has changed whatever the
+// announcement does next), then the generation is announced while the
+// handle still holds the file, so that generations reach the directory in
+// the order they were saved. Returns the new generation.
+uint64_t SaveAndAnnounceConfig(ConfHandle& handle);
 
 // True, storing the cached generation into `known`, when the configuration
 // cache holds a generation later than `known`. An empty cache tells

@@ -5,7 +5,6 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
-#include "cache/ConfigCache.h"
 #include "conf/ConfHandle.h"
 #include "edit/DefaultIqn.h"
 #include "edit/NetworkValidation.h"
@@ -80,9 +79,7 @@ void OrvaIscsiTargetImpl::UpdateTargetConfig(Api::TargetCreateParam& param) {
       Util::VerifyPolicy(param.policy);
       Util::UpdateTargetNamespacePolicy(current.uuid, param.policy);
     }
-    const uint64_t generation = handle.WriteConfFile();
-    ConfigCache::CleanupCachedConfig();
-    Util::DoActionForConfigChange(generation);
+    Util::SaveAndAnnounceConfig(handle);
   } catch (const OrvaCtlException& e) {
     ZEL_LOG_ERROR("%s: Failed to update target '%s' configuration: %s\n", kTag,
                   param.alias.c_str(), e.GetMessage().c_str());
