@@ -52,6 +52,9 @@ class TargetEditingTest : public ::testing::Test {
     auto nics = std::make_unique<FakeNetworkInterfaces>();
     nics->Set("nok0", platform::NOKNIC_UP);
     nics->Set("nok1", platform::NOKNIC_UP);
+    // Real kernel names that zel.conf cannot keep in an unquoted word.
+    nics->Set("nok1:1", platform::NOKNIC_UP);
+    nics->Set("nok#2", platform::NOKNIC_UP);
     platform::CurrentHost().SetNics(std::move(nics));
     service_ = NewService();
   }
@@ -177,6 +180,17 @@ TEST_F(TargetEditingTest, DefaultPortalGroupWithoutInterfaceRefusesNewTargets) {
   TargetCreateParam param = Param("nowhere", "iqn.2026-11.local.zel:nowhere");
   EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(param); }),
             "Default network interface not found.");
+}
+
+TEST_F(TargetEditingTest, InterfaceNamesTheFileCannotKeepAreRefused) {
+  for (const std::string name : {"nok1:1", "nok#2"}) {
+    TargetCreateParam param = Param("odd", "iqn.2026-11.local.zel:odd");
+    param.networkInterface = name;
+    EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(param); }),
+              "Network interface " + name +
+                  " cannot be used: only letters, digits, '.', '_' and '-' can be stored in its "
+                  "name");
+  }
 }
 
 TEST_F(TargetEditingTest, FailedSaveRemovesTheNewNamespaceAgain) {

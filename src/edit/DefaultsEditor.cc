@@ -4,6 +4,7 @@
 #include <string>
 
 #include "conf/ConfHandle.h"
+#include "edit/NetworkValidation.h"
 #include "edit/Parser.h"
 #include "platform/Log.h"
 #include "service/ConfigChange.h"
@@ -52,6 +53,7 @@ void UpdateDefaultConfig(const DefaultInfo& info) {
   struct portal_group* pg = portal_group_find(handle.conf, kDefaultGroup);
   UpdateAuthGroupAuth(ag, DefaultAuth(info));
   if (!info.networkInterface.empty()) {
+    Util::VerifyInterfaceNameStorable(info.networkInterface);
     ReplaceListen(pg, info.networkInterface + ":" + std::to_string(info.port));
   }
   const uint64_t generation = Util::SaveAndAnnounceConfig(handle);

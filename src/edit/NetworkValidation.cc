@@ -1,6 +1,7 @@
 #include "edit/NetworkValidation.h"
 
 #include <algorithm>
+#include <cctype>
 #include <vector>
 
 #include "platform/Log.h"
@@ -34,6 +35,18 @@ void VerifyNetworkConfig(const std::string& networkInterface, int32_t port) {
                            networkInterface + ", valid port range is " +
                            std::to_string(kZelMinPortExclusive) +
                            " < port <= " + std::to_string(kZelMaxPort));
+  }
+}
+
+void VerifyInterfaceNameStorable(const std::string& networkInterface) {
+  const bool storable =
+      std::all_of(networkInterface.begin(), networkInterface.end(), [](unsigned char c) {
+        return std::isalnum(c) || c == '.' || c == '_' || c == '-';
+      });
+  if (!storable) {
+    throw OrvaCtlException("Network interface " + networkInterface +
+                           " cannot be used: only letters, digits, '.', '_' and '-' can be "
+                           "stored in its name");
   }
 }
 

@@ -22,6 +22,11 @@ constexpr int32_t kZelMaxPort = 65535;
 // port only with an interface and within the range above.
 void VerifyNetworkConfig(const std::string& networkInterface, int32_t port);
 
+// Throws unless the interface name can stand in zel.conf as it is written:
+// an unquoted word of letters, digits, '.', '_' and '-'. The kernel admits
+// names (an address label with ':', a '#') that would end the word early.
+void VerifyInterfaceNameStorable(const std::string& networkInterface);
+
 }  // namespace Util
 }  // namespace IscsiTarget
 }  // namespace Orva
