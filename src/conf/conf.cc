@@ -36,6 +36,7 @@ void conf_delete(struct conf *conf) {
   struct lun *lun;
   while ((lun = TAILQ_FIRST(&conf->conf_luns)) != NULL)
     lun_destroy(lun);
+  lun_index_delete(conf);
   struct target *target;
   while ((target = TAILQ_FIRST(&conf->conf_targets)) != NULL)
     target_delete(target);

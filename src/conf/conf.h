@@ -40,6 +40,7 @@ struct auth_group;
 struct portal_group;
 struct initiator_group;
 struct pport;
+struct lun_index;
 
 struct option {
   TAILQ_ENTRY(option) o_next;
@@ -207,6 +208,7 @@ struct target {
 
 struct conf {
   TAILQ_HEAD(, lun) conf_luns;
+  struct lun_index *conf_lun_index;  // conf_luns by name; null while empty
   TAILQ_HEAD(, target) conf_targets;
   TAILQ_HEAD(, auth_group) conf_auth_groups;
   TAILQ_HEAD(, port) conf_ports;

@@ -25,3 +25,5 @@ void conf_replace_string(char **field, const char *value);
 // it. REQUIRES: no target table references it, or every target is deleted
 // next without reading its table (conf_delete).
 void lun_destroy(struct lun *lun);
+// Frees the conf's LUN index, once its LUNs are gone.
+void lun_index_delete(struct conf *conf);

@@ -3,8 +3,17 @@
 #include <string.h>
 #include <strings.h>
 
+#include <string>
+#include <unordered_map>
+
 #include "conf/conf.h"
 #include "conf/conf_alloc.h"
+
+// Every LUN name is looked up once as its LUN is created, so a read of a
+// large file would otherwise compare each new name with all earlier ones.
+struct lun_index {
+  std::unordered_map<std::string, struct lun *> by_name;
+};
 
 struct lun *lun_new(struct conf *conf, const char *name) {
   if (lun_find(conf, name) != NULL) {
@@ -18,16 +27,22 @@ struct lun *lun_new(struct conf *conf, const char *name) {
   lun->l_ctl_lun = ZELD_LUN_UNSET;
   lun->l_zeld_lun = ZELD_LUN_UNSET;
   TAILQ_INSERT_TAIL(&conf->conf_luns, lun, l_next);
+  if (conf->conf_lun_index == NULL)
+    conf->conf_lun_index = new lun_index();
+  conf->conf_lun_index->by_name.emplace(lun->l_name, lun);
   return lun;
 }
 
 struct lun *lun_find(const struct conf *conf, const char *name) {
-  struct lun *lun;
-  TAILQ_FOREACH(lun, &conf->conf_luns, l_next) {
-    if (strcmp(lun->l_name, name) == 0)
-      return lun;
-  }
-  return NULL;
+  if (conf->conf_lun_index == NULL)
+    return NULL;
+  const auto found = conf->conf_lun_index->by_name.find(name);
+  return found == conf->conf_lun_index->by_name.end() ? NULL : found->second;
+}
+
+void lun_index_delete(struct conf *conf) {
+  delete conf->conf_lun_index;
+  conf->conf_lun_index = NULL;
 }
 
 // No target table may keep pointing at a freed LUN.
@@ -44,6 +59,7 @@ void lun_delete(struct lun *lun) {
 
 void lun_destroy(struct lun *lun) {
   TAILQ_REMOVE(&lun->l_conf->conf_luns, lun, l_next);
+  lun->l_conf->conf_lun_index->by_name.erase(lun->l_name);
   struct option *o;
   while ((o = TAILQ_FIRST(&lun->l_options)) != NULL)
     option_delete(&lun->l_options, o);
