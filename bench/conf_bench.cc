@@ -2,16 +2,14 @@
 // a durable save of the same bytes measured in the same run. The file comes
 // from gen_max_conf.py through ZEL_BENCH_CONF (bench/run.sh sets it).
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
+#include "BenchSupport.h"
 #include "conf/ConfHandle.h"
 #include "edit/Parser.h"
 #include "platform/Host.h"
@@ -20,15 +18,6 @@
 namespace {
 
 using NokCtl::Orva::IscsiTarget::ConfHandle;
-
-std::string MaxConfText() {
-  const char* path = std::getenv("ZEL_BENCH_CONF");
-  if (path == nullptr) throw std::runtime_error("set ZEL_BENCH_CONF (see bench/run.sh)");
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // A home of its own holding the maximum configuration as zel.conf.
 class BenchHome {
@@ -40,7 +29,7 @@ class BenchHome {
         zel::platform::EmbeddedHostConfig(home_), zel::platform::LogLevel::Error));
     NokCtl::Orva::IscsiTarget::Parser::InitZelParserLib();
     log_init(0);  // the benchmark measures work, not logging
-    text_ = MaxConfText();
+    text_ = zel::bench::BenchConfText();
     const std::string conf = NokCtl::Orva::IscsiTarget::Util::GetConfFilePath();
     std::filesystem::create_directories(std::filesystem::path(conf).parent_path());
     std::ofstream(conf) << text_;
@@ -78,22 +67,7 @@ BENCHMARK(BM_SaveMaxConf)->Unit(benchmark::kMillisecond);
 // The least a durable atomic save of these bytes can cost: write a temporary
 // file, fsync it, rename it into place, fsync the directory.
 void BM_RawSaveFloor(benchmark::State& state) {
-  const std::string dir = Home().Dir();
-  const std::string& text = Home().Text();
-  const std::string temp = dir + "floor.tmp";
-  const std::string target = dir + "floor.conf";
-  for (auto _ : state) {
-    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-      state.SkipWithError("write failed");
-    }
-    fsync(fd);
-    close(fd);
-    rename(temp.c_str(), target.c_str());
-    const int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-    fsync(dirFd);
-    close(dirFd);
-  }
+  zel::bench::MeasureRawSaveFloor(state, Home().Dir(), Home().Text());
 }
 BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
 

@@ -23,14 +23,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "conf/conf.h"
 #include "directory/DirectoryEntries.h"
 #include "storage/TargetNamespace.h"
@@ -63,15 +62,6 @@ void Fail(benchmark::State& state, const std::string& message) {
   std::fprintf(stderr, "edit_bench: %s\n", message.c_str());
   gFailed = true;
   state.SkipWithError(message.c_str());
-}
-
-std::string MaxConfText() {
-  const char* path = std::getenv("ZEL_BENCH_CONF");
-  if (path == nullptr) throw std::runtime_error("set ZEL_BENCH_CONF (see bench/run.sh)");
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 TargetCreateParam NewTarget(const std::string& alias) {
@@ -353,23 +343,8 @@ BENCHMARK(BM_DeleteTargetNamespace)->Unit(benchmark::kMillisecond);
 // it into place, fsync the directory.
 void BM_RawSaveFloor(benchmark::State& state) {
   const std::string confPath = gBench.editHome->ConfPath();
-  const std::string dir = confPath.substr(0, confPath.rfind('/') + 1);
-  const std::string& text = gBench.editText;
-  const std::string temp = dir + "floor.tmp";
-  const std::string target = dir + "floor.conf";
-  for (auto _ : state) {
-    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-      state.SkipWithError("write failed");
-    }
-    fsync(fd);
-    close(fd);
-    rename(temp.c_str(), target.c_str());
-    const int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-    fsync(dirFd);
-    close(dirFd);
-  }
-  unlink(target.c_str());
+  zel::bench::MeasureRawSaveFloor(state, confPath.substr(0, confPath.rfind('/') + 1),
+                                  gBench.editText);
 }
 BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
 
@@ -460,7 +435,7 @@ int main(int argc, char** argv) {
 
   zel::test::ServiceHome editHome;
   zel::test::ServiceHome throughputHome;
-  editHome.WriteConf(MaxConfText());
+  editHome.WriteConf(zel::bench::BenchConfText());
   {
     std::vector<std::unique_ptr<Worker>> workers;
     for (int w = 0; w < kMaxWorkers; ++w) {

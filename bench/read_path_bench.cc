@@ -16,13 +16,12 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "cache/ConfigCache.h"
 #include "conf/reader.h"
 #include "directory/DirectoryEntries.h"
@@ -32,15 +31,6 @@ namespace {
 
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 using Clock = std::chrono::steady_clock;
-
-std::string MaxConfText() {
-  const char* path = std::getenv("ZEL_BENCH_CONF");
-  if (path == nullptr) throw std::runtime_error("set ZEL_BENCH_CONF (see bench/run.sh)");
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 double Median(std::vector<double> values) {
   if (values.empty()) return 0;
@@ -211,7 +201,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
   zel::test::ServiceHome home;
-  home.WriteConf(MaxConfText());
+  home.WriteConf(zel::bench::BenchConfText());
   Publisher publisher(home);
   home.InstallLocalServiceHost(zel::platform::LogLevel::Error);
   log_init(0);  // the benchmark measures work, not the reader's logging
