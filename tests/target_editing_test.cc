@@ -235,6 +235,22 @@ TEST_F(TargetEditingTest, RemovalTakesItsGroupsButKeepsSharedOnes) {
   EXPECT_EQ(PublishedGeneration(), 11u);
 }
 
+TEST_F(TargetEditingTest, RemovalKeepsAnOwnGroupThatAHandEditedTargetShares) {
+  TargetCreateParam solo = Param("solo", "iqn.2026-11.local.zel:solo");
+  solo.authType = "CHAP";
+  solo.userid = "solo";
+  solo.secret = "Solo#Secret123";
+  service_->AddTarget(solo);
+  home_.WriteConf(Conf() + "target iqn.2026-11.local.zel:twin {\n\talias \"twin\"\n"
+                           "\tauth-group " + solo.uuid + "\n"
+                           "\toption uuid 00000000-0000-4000-8000-000000000001\n}\n");
+  service_->RemoveTarget("solo");
+  const std::vector<TargetInfo> left = service_->GetTargets(false, false);
+  ASSERT_EQ(left.back().alias, "twin");
+  EXPECT_EQ(left.back().userid, "solo");
+  EXPECT_NE(Conf().find("auth-group " + solo.uuid + " {"), std::string::npos);
+}
+
 TEST_F(TargetEditingTest, RemovalRefusesTargetsWithLunsAndUnknownAliases) {
   EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveTarget("finance"); }),
             "Target finance is not empty.");

@@ -171,11 +171,16 @@ void DetachTargetGroups(struct target* target) {
     port_delete(port);
     if (pg != nullptr) DeleteIfUnused(pg);
   }
-  if (OwnsAuthGroup(target)) {
-    struct auth_group* own = target->t_auth_group;
-    target->t_auth_group = nullptr;
-    auth_group_delete(own);
+  if (!OwnsAuthGroup(target)) return;
+  struct auth_group* own = target->t_auth_group;
+  target->t_auth_group = nullptr;
+  // A file edited by hand may let another target use this group too; it
+  // then stays, or that target would point at freed memory.
+  const struct target* other;
+  TAILQ_FOREACH(other, &target->t_conf->conf_targets, t_next) {
+    if (other->t_auth_group == own) return;
   }
+  auth_group_delete(own);
 }
 
 void SetNewTargetAuth(struct target* target, const AuthInfo& auth) {
