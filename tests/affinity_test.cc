@@ -2,13 +2,12 @@
 // are refused, and with which message on creation and on update.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <vector>
 #include <string>
 
 #include "placement/Affinity.h"
-#include "zel/OrvaCtlException.h"
+#include "support/Messages.h"
 
 namespace NokCtl {
 namespace Orva {
@@ -16,7 +15,7 @@ namespace IscsiTarget {
 namespace Util {
 namespace {
 
-using HostCtl::Lib::Orva::OrvaCtlException;
+using zel::test::MessageOf;
 using HostCtl::Orva::IscsiTarget::LunInfo;
 using HostCtl::Orva::IscsiTarget::TargetCreateParam;
 using HostCtl::Orva::IscsiTarget::TargetInfo;
@@ -40,15 +39,6 @@ class FixedPolicies final : public zel::platform::PolicyService {
  private:
   std::map<std::string, std::string> policies_;
 };
-
-std::string Refusal(const std::function<void()>& verify) {
-  try {
-    verify();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 TargetCreateParam Param(const std::string& location, const std::string& policy) {
   TargetCreateParam param;
@@ -93,30 +83,30 @@ TEST(PolicyLocality, OnlyOppositeSitesAreIncompatible) {
 
 TEST(NewTargetAffinity, OppositeSitePolicyIsRefusedAndMissingEitherSideIsNot) {
   EXPECT_EQ("Incompatible between Target location and policy locality",
-            Refusal([] { VerifyNewTargetAffinity(Param("NonPreferred", kPreferred)); }));
-  EXPECT_EQ("", Refusal([] { VerifyNewTargetAffinity(Param("Preferred", kPreferred)); }));
-  EXPECT_EQ("", Refusal([] { VerifyNewTargetAffinity(Param("Preferred", "")); }));
-  EXPECT_EQ("", Refusal([] { VerifyNewTargetAffinity(Param("", kNonPreferred)); }));
+            MessageOf([] { VerifyNewTargetAffinity(Param("NonPreferred", kPreferred)); }));
+  EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("Preferred", kPreferred)); }));
+  EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("Preferred", "")); }));
+  EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("", kNonPreferred)); }));
 }
 
 TEST(UpdateTargetAffinity, NewPolicyIsTestedAgainstTheKeptLocation) {
   EXPECT_EQ("Incompatible between target location and policy locality",
-            Refusal([] { VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred),
+            MessageOf([] { VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred),
                                                     Target("Preferred", {})); }));
 }
 
 TEST(UpdateTargetAffinity, NewLocationIsTestedAgainstEveryLun) {
   const TargetInfo current = Target("NonPreferred", {kNoLocality, kNonPreferred});
-  EXPECT_EQ(kLunMessage, Refusal([&] {
+  EXPECT_EQ(kLunMessage, MessageOf([&] {
               VerifyUpdateTargetAffinity(nullptr, Param("Preferred", ""), current);
             }));
-  EXPECT_EQ("", Refusal([&] {
+  EXPECT_EQ("", MessageOf([&] {
               VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred), current);
             }));
 }
 
 TEST(UpdateTargetAffinity, NoneClearsTheLocationWhateverThePolicies) {
-  EXPECT_EQ("", Refusal([] {
+  EXPECT_EQ("", MessageOf([] {
               VerifyUpdateTargetAffinity(nullptr, Param("None", kNonPreferred),
                                          Target("Preferred", {kNonPreferred, ""}));
             }));
@@ -127,14 +117,14 @@ TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObje
   OrvaComplianceHandle handle{&policies};
   const TargetInfo current = Target("Preferred", {"", ""});
 
-  EXPECT_EQ(kLunMessage, Refusal([&] {
+  EXPECT_EQ(kLunMessage, MessageOf([&] {
               VerifyUpdateTargetAffinity(&handle, Param("NonPreferred", ""), current);
             }));
-  EXPECT_EQ("", Refusal([&] {
+  EXPECT_EQ("", MessageOf([&] {
               VerifyUpdateTargetAffinity(&handle, Param("", kPreferred), current);
             }));
   // Without a compliance session the policy cannot be seen, so it is not passed.
-  EXPECT_EQ("Orva compliance lib is not initialized", Refusal([&] {
+  EXPECT_EQ("Orva compliance lib is not initialized", MessageOf([&] {
               VerifyUpdateTargetAffinity(nullptr, Param("NonPreferred", ""), current);
             }));
 }

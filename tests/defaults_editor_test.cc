@@ -10,7 +10,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 #include "cache/ConfigCache.h"
@@ -19,15 +18,14 @@
 #include "edit/DefaultsEditor.h"
 #include "edit/ParserQueries.h"
 #include "storage/DatastoreLayout.h"
+#include "support/Messages.h"
 #include "support/Process.h"
 #include "support/ServiceHome.h"
-#include "zel/OrvaCtlException.h"
 
 namespace zel {
 namespace test {
 namespace {
 
-using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using NokCtl::Orva::IscsiTarget::ConfHandle;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
@@ -59,15 +57,6 @@ std::string StandardWith(const std::string& from, const std::string& to,
   EXPECT_NE(at, std::string::npos) << from;
   if (at != std::string::npos) result.replace(at, from.size(), to);
   return result;
-}
-
-std::string Refusal(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
 }
 
 class DefaultsEditorTest : public ::testing::Test {
@@ -190,7 +179,7 @@ TEST_F(DefaultsEditorTest, FailedPublicationKeepsTheSaveAndStillDropsTheCache) {
   std::filesystem::remove(root + "/.iSCSI-CONFIG");
   std::filesystem::create_directory_symlink("not-a-namespace-identity", root + "/.iSCSI-CONFIG");
 
-  EXPECT_EQ(Refusal([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
+  EXPECT_EQ(MessageOf([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
             "Failed to Update ZEL conf entry into BRIX with error: Failure");
   EXPECT_EQ(ReadFile(root + "/.iSCSI-CONFIG/etc/zel.conf").rfind("generation 8\n", 0), 0u);
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNoGeneration);
@@ -201,7 +190,7 @@ TEST_F(DefaultsEditorTest, SecretTooLongToEncodeChangesNothing) {
   // 24 bytes need 32 Base64 characters: one more than the writer's buffer
   // leaves room for.
   const std::string secret = "Abcdefgh#123Abcdefgh#123";
-  EXPECT_EQ(Refusal([&] { Parser::UpdateDefaultConfig(Defaults("CHAP", "u", secret)); }),
+  EXPECT_EQ(MessageOf([&] { Parser::UpdateDefaultConfig(Defaults("CHAP", "u", secret)); }),
             "Base64_Encode failed: Unexpected encoding size");
 
   EXPECT_EQ(Conf(), kStandardConf);
@@ -212,7 +201,7 @@ TEST_F(DefaultsEditorTest, SecretTooLongToEncodeChangesNothing) {
 TEST_F(DefaultsEditorTest, FailedSwapChangesNothing) {
   const uint64_t published = PublishedGeneration();
   services_.files->FailNext(FileOp::AtomicUpdate, FILEIO_ERROR);
-  EXPECT_EQ(Refusal([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
+  EXPECT_EQ(MessageOf([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
             "Failed to swap config and temp config");
 
   EXPECT_EQ(Conf(), kStandardConf);
@@ -230,7 +219,7 @@ TEST_F(DefaultsEditorTest, FileLockedByAnotherProcessChangesNothing) {
   });
   ASSERT_TRUE(reader.AwaitReady());
 
-  EXPECT_EQ(Refusal([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
+  EXPECT_EQ(MessageOf([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
             "Parser: exclusive lock failed on " + path);
   reader.Release();
   EXPECT_EQ(reader.Join(), 0);

@@ -5,19 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "edit/HostState.h"
 #include "platform/Host.h"
+#include "support/Messages.h"
 #include "support/TestHost.h"
-#include "zel/OrvaCtlException.h"
 
 namespace {
 
-using HostCtl::Lib::Orva::OrvaCtlException;
+using zel::test::MessageOf;
 using ::testing::ElementsAre;
 using zel::platform::LogLevel;
 using zel::test::ScopedTestHost;
@@ -47,15 +46,6 @@ class ScriptedClusterFacts final : public zel::platform::ClusterFacts {
   NOK_ReturnStatus status_;
 };
 
-std::string Refusal(const std::function<void()>& check) {
-  try {
-    check();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
-
 class HostStateTest : public ::testing::Test {
  protected:
   void SetMembership(bool member, NOK_ReturnStatus status = NOK_OK) {
@@ -80,25 +70,25 @@ class HostStateTest : public ::testing::Test {
 
 TEST_F(HostStateTest, NamespaceCreationNeedsClusterMembership) {
   SetMembership(true);
-  EXPECT_EQ(Refusal(Util::VerifyEnvForNamespaceCreate), "");
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForNamespaceCreate), "");
 
   SetMembership(false);
-  EXPECT_EQ(Refusal(Util::VerifyEnvForNamespaceCreate), kNotInCluster);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForNamespaceCreate), kNotInCluster);
 }
 
 TEST_F(HostStateTest, UnknownMembershipCountsAsNoneAndSaysWhy) {
   SetMembership(true, NOK_NO_CONNECTION);
-  EXPECT_EQ(Refusal(Util::VerifyEnvForNamespaceCreate), kNotInCluster);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForNamespaceCreate), kNotInCluster);
   EXPECT_TRUE(host_.Log().Contains(std::string("Util: Failed to get cluster info: ") +
                                    NOK_ReturnStatusToString(NOK_NO_CONNECTION)));
 }
 
 TEST_F(HostStateTest, EnableChecksMembershipBeforeTheNamespace) {
   SetMembership(false);
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), kNotInCluster);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNotInCluster);
 
   SetMembership(true);
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), kNoNamespace);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNoNamespace);
   EXPECT_TRUE(Errors().empty());
 }
 
@@ -107,7 +97,7 @@ TEST_F(HostStateTest, EnableLogsEveryMissingDirectoryBeforeRefusing) {
   MakeNamespace();
   const std::string root = host_.Config().datastoreRoot;
 
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), kBadNamespace);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kBadNamespace);
   EXPECT_THAT(Errors(),
               ElementsAre("Util: Target dir " + root + "/.iSCSI-CONFIG/targets does not exist",
                           "Util: Etc  dir " + root + "/.iSCSI-CONFIG/etc/ does not exist"));
@@ -119,14 +109,14 @@ TEST_F(HostStateTest, EnableRefusesWhenOnlyOneDirectoryIsMissing) {
   const std::string root = host_.Config().datastoreRoot;
 
   std::filesystem::create_directory(object + "/targets");
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), kBadNamespace);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kBadNamespace);
   EXPECT_THAT(Errors(),
               ElementsAre("Util: Etc  dir " + root + "/.iSCSI-CONFIG/etc/ does not exist"));
 
   host_.Log().Clear();
   std::filesystem::remove(object + "/targets");
   std::filesystem::create_directory(object + "/etc");
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), kBadNamespace);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kBadNamespace);
   EXPECT_THAT(Errors(),
               ElementsAre("Util: Target dir " + root + "/.iSCSI-CONFIG/targets does not exist"));
 }
@@ -137,7 +127,7 @@ TEST_F(HostStateTest, EnableAcceptsACompleteNamespace) {
   std::filesystem::create_directory(object + "/targets");
   std::filesystem::create_directory(object + "/etc");
 
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), "");
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), "");
   EXPECT_TRUE(Errors().empty());
 }
 
@@ -146,7 +136,7 @@ TEST_F(HostStateTest, NamespaceLinkToNothingIsNoNamespace) {
   std::filesystem::create_directories(host_.Config().datastoreRoot);
   std::filesystem::create_directory_symlink("gone",
                                             host_.Config().datastoreRoot + "/.iSCSI-CONFIG");
-  EXPECT_EQ(Refusal(Util::VerifyEnvForEnable), kNoNamespace);
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNoNamespace);
 }
 
 }  // namespace

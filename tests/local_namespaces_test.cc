@@ -23,6 +23,7 @@
 #include "platform/LocalNamespaces.h"
 #include "platform/LocalPolicyService.h"
 #include "platform/SqliteDirectory.h"
+#include "support/Messages.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
@@ -31,6 +32,7 @@ namespace zel {
 namespace platform {
 namespace {
 
+using zel::test::MessageOf;
 namespace fs = std::filesystem;
 using HostCtl::Lib::Orva::OrvaCtlException;
 using ::testing::HasSubstr;
@@ -42,15 +44,6 @@ const std::string kTarget = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
 const std::string kConfig = ".iSCSI-CONFIG";
 const std::string kPolicy = "\"failuresToTolerate\" \"1\"";
 const std::string kOtherPolicy = "\"stripeWidth\" \"2\"";
-
-std::string Failure(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 class LocalNamespacesTest : public ::testing::Test {
  protected:
@@ -153,7 +146,7 @@ TEST_F(LocalNamespaceCreation, TakenNameThrowsNamespaceExistsAndChangesNothing) 
   EXPECT_THROW(Spaces().CreateNamespace(Root(), kTarget, kOtherPolicy, 0),
                NamespaceExistsException);
   EXPECT_EQ("Namespace " + kConfig + " already exists in " + Root(),
-            Failure([&] { Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0); }));
+            MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0); }));
 
   EXPECT_EQ(before, RootEntries());
   EXPECT_EQ(kPolicy, Record(uuid)["policy"]);
@@ -162,25 +155,25 @@ TEST_F(LocalNamespaceCreation, TakenNameThrowsNamespaceExistsAndChangesNothing) 
 
 TEST_F(LocalNamespaceCreation, BadNameOrPolicyIsRefusedBeforeAnythingIsMade) {
   EXPECT_EQ("Invalid namespace name 'a/b'",
-            Failure([&] { Spaces().CreateNamespace(Root(), "a/b", kPolicy, 0); }));
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "a/b", kPolicy, 0); }));
   EXPECT_EQ("Invalid namespace name '..'",
-            Failure([&] { Spaces().CreateNamespace(Root(), "..", kPolicy, 0); }));
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "..", kPolicy, 0); }));
   EXPECT_EQ("Invalid namespace name ''",
-            Failure([&] { Spaces().CreateNamespace(Root(), "", kPolicy, 0); }));
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "", kPolicy, 0); }));
   EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
-            Failure([&] { Spaces().CreateNamespace(Root(), kConfig, "\"copies\" \"2\"", 0); }));
+            MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, "\"copies\" \"2\"", 0); }));
   EXPECT_TRUE(RootEntries().empty());
 }
 
 TEST_F(LocalNamespaceCreation, FailedAnnouncementLeavesNothingBehind) {
   InstallUnreachableDirectory(NOK_TIMEOUT);
   const std::string message =
-      Failure([&] { Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0); });
+      MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0); });
   EXPECT_THAT(message, StartsWith("Failed to announce namespace " + kConfig + " ("));
   EXPECT_THAT(message, HasSubstr(") in the cluster directory: Timeout"));
   EXPECT_TRUE(RootEntries().empty());
 
-  EXPECT_THAT(Failure([&] { Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0); }),
+  EXPECT_THAT(MessageOf([&] { Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0); }),
               StartsWith("Failed to announce namespace " + kTarget));
   EXPECT_TRUE(RootEntries().empty());
 }
@@ -206,12 +199,12 @@ TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncement) {
 
 TEST_F(LocalNamespaceRemoval, UnknownNamespaceDoesNotExist) {
   EXPECT_EQ("Namespace " + kConfig + " does not exist in " + Root(),
-            Failure([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
   EXPECT_EQ("Namespace " + kTarget + " does not exist in " + Root(),
-            Failure([&] { Spaces().DeleteNamespace(Root(), kTarget); }));
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kTarget); }));
   test::WriteFile(Root() + "/plain", "");
   EXPECT_EQ(Root() + "/plain is not a namespace link",
-            Failure([&] { Spaces().DeleteNamespace(Root(), "plain"); }));
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), "plain"); }));
 }
 
 TEST_F(LocalNamespaceRemoval, UnreachableDirectoryKeepsTheWholeNamespace) {
@@ -219,7 +212,7 @@ TEST_F(LocalNamespaceRemoval, UnreachableDirectoryKeepsTheWholeNamespace) {
   InstallUnreachableDirectory(NOK_IO_ERROR);
   EXPECT_EQ("Failed to withdraw namespace " + kConfig + " (" + uuid +
                 ") from the cluster directory: I/O error",
-            Failure([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
   EXPECT_EQ(fs::path(uuid), fs::read_symlink(Root() + "/" + kConfig));
   EXPECT_EQ(kPolicy, Record(uuid)["policy"]);
 }
@@ -265,7 +258,7 @@ TEST_F(LocalNamespacePolicyUpdate, UnannouncedChangeKeepsTheOldPolicyOnTheObject
   InstallUnreachableDirectory(NOK_TIMEOUT);
   EXPECT_EQ("Failed to announce namespace " + kTarget + " (" + kTarget +
                 ") in the cluster directory: Timeout",
-            Failure([&] { Spaces().UpdateNamespace(Root(), kTarget, kOtherPolicy); }));
+            MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, kOtherPolicy); }));
   EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
 }
 
@@ -273,7 +266,7 @@ TEST_F(LocalNamespacePolicyUpdate, InvalidPolicyChangesNothing) {
   Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
   EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"13\"': rule \"stripeWidth\" takes a whole "
             "number from 1 to 12, not \"13\"",
-            Failure([&] { Spaces().UpdateNamespace(Root(), kTarget, "\"stripeWidth\" \"13\""); }));
+            MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, "\"stripeWidth\" \"13\""); }));
   EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
 }
 

@@ -24,6 +24,7 @@
 #include "storage/Namespace.h"
 #include "storage/NamespaceDirs.h"
 #include "storage/TargetNamespace.h"
+#include "support/Messages.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
 
@@ -32,6 +33,7 @@ namespace Orva {
 namespace IscsiTarget {
 namespace {
 
+using zel::test::MessageOf;
 namespace fs = std::filesystem;
 using HostCtl::Lib::Orva::OrvaCtlException;
 using zel::platform::CurrentHost;
@@ -71,15 +73,6 @@ class HookedNamespaces final : public Namespaces {
  private:
   std::unique_ptr<Namespaces> real_;
 };
-
-std::string Failure(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
 
 void FailWith(Namespaces&, const std::string&) { throw OrvaCtlException("datastore busy"); }
 
@@ -177,7 +170,7 @@ TEST_F(ConfigNamespace, MadeByAnotherHostMeanwhileCountsAsMade) {
 
 TEST_F(ConfigNamespace, PlatformFailureIsLoggedAndThrownAsReported) {
   fs::remove(Root());
-  const std::string message = Failure([] { Util::CreateNamespaceDir(kPolicy); });
+  const std::string message = MessageOf([] { Util::CreateNamespaceDir(kPolicy); });
   EXPECT_THAT(message, StartsWith("Failed to create namespace directory " + Root() + "/"));
   EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: Failed to create namespace " + message));
 }
@@ -199,7 +192,7 @@ TEST_F(ConfigNamespace, DeletionFailureNamesTheNamespace) {
   spaces_->beforeDelete = FailWith;
   const std::string message = "Failed to delete Orva iSCSI target namespace " + ConfigNamespacePath() +
                               " with error: datastore busy";
-  EXPECT_EQ(message, Failure([] { Util::DeleteNamespaceDir(); }));
+  EXPECT_EQ(message, MessageOf([] { Util::DeleteNamespaceDir(); }));
   EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
   EXPECT_TRUE(Util::PathExists(Util::GetConfDirPath()));
 }
@@ -224,7 +217,7 @@ TEST_F(ConfigDirs, CreatingTwiceSucceedsAndTheSecondRunLogsBothAsPresent) {
 TEST_F(ConfigDirs, CreatingWithoutTheNamespaceGivesTheErrno) {
   const std::string message =
       "Failed to create dir " + Util::GetConfDirPath() + " with errno (2).";
-  EXPECT_EQ(message, Failure([] { Util::CreateConfigDirs(); }));
+  EXPECT_EQ(message, MessageOf([] { Util::CreateConfigDirs(); }));
   EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
 }
 
@@ -257,7 +250,7 @@ TEST_F(ConfigDirs, DeletingWhileATargetIsLinkedFailsAtTheTargetsDir) {
 
   EXPECT_EQ("Failed to delete config directory: Failed to remove dir " +
                 Util::GetTargetsDirPath() + " with (errno 39).",
-            Failure([] { Util::DeleteConfigDirs(); }));
+            MessageOf([] { Util::DeleteConfigDirs(); }));
   EXPECT_FALSE(Util::PathExists(Util::GetConfDirPath()));
   EXPECT_TRUE(Util::PathExists(TargetLink()));
 }
@@ -284,7 +277,7 @@ TEST_F(PathExistence, PathThatCannotBeLookedAtThrowsWithTheReason) {
   EXPECT_EQ("Failed to find path '" + Root() +
                 "/a' with error: Too many levels of symbolic links. Please check its "
                 "availability on this host manually and try again.",
-            Failure([&] { Util::PathExists(Root() + "/a"); }));
+            MessageOf([&] { Util::PathExists(Root() + "/a"); }));
 }
 
 // ---- Target namespaces -------------------------------------------------
@@ -317,7 +310,7 @@ TEST_F(TargetNamespace, LinkThatCannotBeMadeIsTriedTwelveTimesThenTheNamespaceIs
   std::string uuid = "unchanged";
 
   EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
-            Failure([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
+            MessageOf([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
 
   const std::string arrow = TargetLink() + "->../../" + kTarget;
   std::vector<std::string> retries;
@@ -342,7 +335,7 @@ TEST_F(TargetNamespace, FailedCleanUpIsLoggedAndTheLinkFailureReported) {
   std::string uuid;
 
   EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
-            Failure([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
+            MessageOf([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
   EXPECT_THAT(Logged(LogLevel::Error, "clean up"),
               ElementsAre("Util: Failed to delete (clean up) namespace for target UUID " + kTarget +
                           " with error: datastore busy"));
@@ -353,7 +346,7 @@ TEST_F(TargetNamespace, NamespaceFailureIsThrownAsReportedAndMakesNoLink) {
   fs::create_directory(Root() + "/" + kTarget);
   std::string uuid;
   EXPECT_EQ("Namespace " + kTarget + " already exists in " + Root(),
-            Failure([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
+            MessageOf([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
   EXPECT_FALSE(fs::is_symlink(fs::symlink_status(TargetLink())));
 }
 
@@ -379,7 +372,7 @@ TEST_F(TargetNamespace, FailedDeletionKeepsTheLinkAsBefore) {
 
   EXPECT_EQ("Failed to delete namespace for target with UUID " + kTarget +
                 " with error: datastore busy",
-            Failure([] { Util::DeleteTargetNamespace(kTarget); }));
+            MessageOf([] { Util::DeleteTargetNamespace(kTarget); }));
   EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
   EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
   EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
@@ -394,7 +387,7 @@ TEST_F(TargetNamespace, LinkThatCannotBeRestoredIsLogged) {
     FailWith(spaces, name);
   };
 
-  EXPECT_THAT(Failure([] { Util::DeleteTargetNamespace(kTarget); }),
+  EXPECT_THAT(MessageOf([] { Util::DeleteTargetNamespace(kTarget); }),
               StartsWith("Failed to delete namespace for target with UUID " + kTarget));
   EXPECT_THAT(Logged(LogLevel::Error),
               ElementsAre("Util: Failed to restore symlink for target with UUID " + kTarget +
@@ -409,7 +402,7 @@ TEST_F(TargetNamespace, MissingLinkFailsBeforeTheNamespaceIsTouched) {
 
   EXPECT_EQ("Util: Failed to remove target symlink: " + TargetLink() +
                 " with error: No such file or directory",
-            Failure([] { Util::DeleteTargetNamespace(kTarget); }));
+            MessageOf([] { Util::DeleteTargetNamespace(kTarget); }));
   EXPECT_TRUE(Util::PathExists(Root() + "/" + kTarget));
 }
 

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,16 +22,16 @@
 #include "storage/Compliance.h"
 #include "storage/Namespace.h"
 #include "storage/Policy.h"
+#include "support/Messages.h"
 #include "support/TestHost.h"
-#include "zel/OrvaCtlException.h"
 
 namespace NokCtl {
 namespace Orva {
 namespace IscsiTarget {
 namespace {
 
+using zel::test::MessageOf;
 namespace fs = std::filesystem;
-using HostCtl::Lib::Orva::OrvaCtlException;
 using zel::platform::ClusterFacts;
 using zel::platform::ClusterInfo;
 using zel::platform::ClusterMember;
@@ -45,17 +44,8 @@ using zel::storage::PolicyRules;
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kObject = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
 
-std::string Failure(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
-
 std::string VerifyFailure(const std::string& policy) {
-  return Failure([&] { Util::VerifyPolicy(policy); });
+  return MessageOf([&] { Util::VerifyPolicy(policy); });
 }
 
 // ---- The rule language -------------------------------------------------
@@ -169,7 +159,7 @@ TEST(DatastoreDefaultPolicy, ThatIsInvalidIsRefusedRatherThanInherited) {
   HostWithDefaultPolicy host("mirrored");
   EXPECT_EQ("Invalid default storage policy 'mirrored' in the host configuration: expected a "
             "double-quoted rule name at offset 0",
-            Failure([] { Util::GetDatastoreDefaultPolicy(); }));
+            MessageOf([] { Util::GetDatastoreDefaultPolicy(); }));
 }
 
 // ---- Compliance --------------------------------------------------------
@@ -323,7 +313,7 @@ TEST_F(PolicyUpdate, FailureNamesTheNamespaceAndIsLogged) {
   const std::string message = "Failed to update storage policy of namespace " + kObject +
                               " with error: Namespace " + kObject + " does not exist in " +
                               host_.Config().datastoreRoot;
-  EXPECT_EQ(message, Failure([] { Util::UpdateTargetNamespacePolicy(kObject, ""); }));
+  EXPECT_EQ(message, MessageOf([] { Util::UpdateTargetNamespacePolicy(kObject, ""); }));
   EXPECT_TRUE(host_.Log().Contains("Util: " + message));
 }
 

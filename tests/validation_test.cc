@@ -3,15 +3,14 @@
 // word for word.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 #include "edit/Validation.h"
-#include "zel/OrvaCtlException.h"
+#include "support/Messages.h"
 
 namespace {
 
-using HostCtl::Lib::Orva::OrvaCtlException;
+using zel::test::MessageOf;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using HostCtl::Orva::IscsiTarget::TargetCreateParam;
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
@@ -35,16 +34,6 @@ const std::string kInitiatorFormat =
     "'. Expected format for initiator IQN is 'iqn.YYYY-MM.domain:initiatorName' or "
     "'eui.YYYY-MM.domain:initiatorName'";
 
-// The message `check` throws, or "" when it passes.
-std::string Refusal(const std::function<void()>& check) {
-  try {
-    check();
-  } catch (const OrvaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
-
 // "iqn.2024-01.org.example:" padded with 'a' to `length` bytes.
 std::string IqnOfLength(size_t length, const std::string& prefix = "iqn.2024-01.org.example:") {
   return prefix + std::string(length - prefix.size(), 'a');
@@ -58,7 +47,7 @@ TargetCreateParam ValidTarget() {
 }
 
 std::string TargetRefusal(const TargetCreateParam& param) {
-  return Refusal([&] { Util::VerifyTargetParams(param); });
+  return MessageOf([&] { Util::VerifyTargetParams(param); });
 }
 
 std::string DefaultAuthRefusal(const std::string& type, const std::string& user,
@@ -70,7 +59,7 @@ std::string DefaultAuthRefusal(const std::string& type, const std::string& user,
   info.secret = secret;
   info.mutualUserid = mutualUser;
   info.mutualSecret = mutualSecret;
-  return Refusal([&] { Util::VerifyDefaultAuthParams(info); });
+  return MessageOf([&] { Util::VerifyDefaultAuthParams(info); });
 }
 
 // What the core said, with the defaults wrapper's context removed.
@@ -166,12 +155,12 @@ TEST(TargetParamsTest, WhitespaceOnlyAliasIsRefusedAfterTheQuoteChecks) {
 }
 
 TEST(GenericChecksTest, LengthBoundIsStrictAboveAndInclusiveBelow) {
-  EXPECT_EQ(Refusal([] { Util::VerifyLength("abc", 3, 4, "name"); }), "");
-  EXPECT_EQ(Refusal([] { Util::VerifyLength("abcd", 3, 4, "name"); }),
+  EXPECT_EQ(MessageOf([] { Util::VerifyLength("abc", 3, 4, "name"); }), "");
+  EXPECT_EQ(MessageOf([] { Util::VerifyLength("abcd", 3, 4, "name"); }),
             "Invalid name 'abcd'. Permitted length should be less than 4 bytes.");
-  EXPECT_EQ(Refusal([] { Util::VerifyLength("ab", 3, 4, "name"); }),
+  EXPECT_EQ(MessageOf([] { Util::VerifyLength("ab", 3, 4, "name"); }),
             "Invalid name 'ab'. Permitted length should be larger than 3 bytes.");
-  EXPECT_EQ(Refusal([] { Util::VerifyNoQuote("lun \"0\"", "alias"); }),
+  EXPECT_EQ(MessageOf([] { Util::VerifyNoQuote("lun \"0\"", "alias"); }),
             "'\"' not permitted in alias");
 }
 
@@ -264,30 +253,30 @@ TEST(AuthParamsTest, WrappersNameTheirContext) {
   TargetCreateParam param = ValidTarget();
   param.authType = "CHAP";
   param.userid = "u";
-  EXPECT_EQ(Refusal([&] { Util::VerifyTargetAuthParams(param); }),
+  EXPECT_EQ(MessageOf([&] { Util::VerifyTargetAuthParams(param); }),
             "Failed to verify authentication type CHAP for target finance with error: Secret "
             "should not be empty.");
   param.secret = "Abcdefgh#123";
-  EXPECT_EQ(Refusal([&] { Util::VerifyTargetAuthParams(param); }), "");
+  EXPECT_EQ(MessageOf([&] { Util::VerifyTargetAuthParams(param); }), "");
 }
 
 // ---- Initiator and group names ---------------------------------------------------
 
 TEST(InitiatorNameTest, HoldsAtMost223BytesCheckedBeforeTheForm) {
-  EXPECT_EQ(Refusal([] { Util::ValidateInitiatorIQN(IqnOfLength(223)); }), "");
+  EXPECT_EQ(MessageOf([] { Util::ValidateInitiatorIQN(IqnOfLength(223)); }), "");
   const std::string tooLong = IqnOfLength(224, "not an initiator ");
-  EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorIQN(tooLong); }),
+  EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorIQN(tooLong); }),
             "Invalid initiator IQN '" + tooLong + "'. Maximum permitted length is 223 bytes.");
 }
 
 TEST(InitiatorNameTest, AcceptsTheIqnAndEuiFormsOnly) {
   for (const std::string name :
        {"iqn.2024-01.org.example:host1", "eui.2024-01.org.example:host1", "iqn.1998-12.com.x"}) {
-    EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorIQN(name); }), "") << name;
+    EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorIQN(name); }), "") << name;
   }
   for (const std::string name : {"IQN.2024-01.org.example:host1", "eui.2024-13.org.example",
                                  "iqn.2024-01.org.example:host 1", "host1", ""}) {
-    EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorIQN(name); }),
+    EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorIQN(name); }),
               "Invalid initiator IQN: '" + name + kInitiatorFormat)
         << name;
   }
@@ -295,10 +284,10 @@ TEST(InitiatorNameTest, AcceptsTheIqnAndEuiFormsOnly) {
 
 TEST(InitiatorGroupNameTest, AllowsLettersDigitsAndFourSpecialsButNotOnlyDigits) {
   for (const std::string name : {"finance-hosts", "a.b:c_d-e", "0a", "iqn-hosts", "iqn"}) {
-    EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorGroupName(name); }), "") << name;
+    EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorGroupName(name); }), "") << name;
   }
   for (const std::string name : {"finance hosts", "hosts!", "12345", "", "h\"q"}) {
-    EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorGroupName(name); }),
+    EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorGroupName(name); }),
               "Invalid initiator group name '" + name + kGroupCharacters)
         << name;
   }
@@ -306,20 +295,20 @@ TEST(InitiatorGroupNameTest, AllowsLettersDigitsAndFourSpecialsButNotOnlyDigits)
 
 TEST(InitiatorGroupNameTest, HoldsAtMost223Bytes) {
   const std::string longest(223, 'g');
-  EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorGroupName(longest); }), "");
+  EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorGroupName(longest); }), "");
   const std::string tooLong(224, 'g');
   EXPECT_EQ(
-      Refusal([&] { Util::ValidateInitiatorGroupName(tooLong); }),
+      MessageOf([&] { Util::ValidateInitiatorGroupName(tooLong); }),
       "Invalid initiator group name '" + tooLong + "'. Maximum permitted length is 223 bytes.");
   // Characters first: 224 digits break the character rule.
   const std::string digits(224, '7');
-  EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorGroupName(digits); }),
+  EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorGroupName(digits); }),
             "Invalid initiator group name '" + digits + kGroupCharacters);
 }
 
 TEST(InitiatorGroupNameTest, MayNotStartLikeAnInitiatorNameInAnyCase) {
   for (const std::string name : {"iqn.hosts", "IqN.hosts", "EUI.hosts", "eui.2024-01.x"}) {
-    EXPECT_EQ(Refusal([&] { Util::ValidateInitiatorGroupName(name); }),
+    EXPECT_EQ(MessageOf([&] { Util::ValidateInitiatorGroupName(name); }),
               "Invalid initiator group name '" + name +
                   "'. Initiator group name cannot start with 'iqn.' or 'eui.'")
         << name;
@@ -327,7 +316,7 @@ TEST(InitiatorGroupNameTest, MayNotStartLikeAnInitiatorNameInAnyCase) {
   // Length speaks before the prefix.
   const std::string tooLong = "iqn." + std::string(220, 'g');
   EXPECT_EQ(
-      Refusal([&] { Util::ValidateInitiatorGroupName(tooLong); }),
+      MessageOf([&] { Util::ValidateInitiatorGroupName(tooLong); }),
       "Invalid initiator group name '" + tooLong + "'. Maximum permitted length is 223 bytes.");
 }
 
