@@ -4,7 +4,6 @@
 #include <string>
 
 #include "conf/ConfHandle.h"
-#include "edit/NetworkValidation.h"
 #include "edit/Parser.h"
 #include "platform/Log.h"
 #include "service/ConfigChange.h"
@@ -53,7 +52,6 @@ void UpdateDefaultConfig(const DefaultInfo& info) {
   struct portal_group* pg = portal_group_find(handle.conf, kDefaultGroup);
   UpdateAuthGroupAuth(ag, DefaultAuth(info));
   if (!info.networkInterface.empty()) {
-    Util::VerifyInterfaceNameStorable(info.networkInterface);
     ReplaceListen(pg, info.networkInterface + ":" + std::to_string(info.port));
   }
   const uint64_t generation = Util::SaveAndAnnounceConfig(handle);

@@ -15,6 +15,25 @@ namespace Util {
 
 using HostCtl::Lib::Orva::OrvaCtlException;
 
+namespace {
+
+// The name must stand in zel.conf as it is written: an unquoted word of
+// letters, digits, '.', '_' and '-'. The kernel admits names (an address
+// label with ':', a '#') that would end the word early.
+void VerifyInterfaceNameStorable(const std::string& networkInterface) {
+  const bool storable =
+      std::all_of(networkInterface.begin(), networkInterface.end(), [](unsigned char c) {
+        return std::isalnum(c) || c == '.' || c == '_' || c == '-';
+      });
+  if (!storable) {
+    throw OrvaCtlException("Network interface " + networkInterface +
+                           " cannot be used: only letters, digits, '.', '_' and '-' can be "
+                           "stored in its name");
+  }
+}
+
+}  // namespace
+
 void VerifyNetworkConfig(const std::string& networkInterface, int32_t port) {
   if (!networkInterface.empty()) {
     const std::vector<std::string> names = NokCtl::Network::NokKernelNicApi::GetNokKernelNicNames();
@@ -22,6 +41,7 @@ void VerifyNetworkConfig(const std::string& networkInterface, int32_t port) {
       throw OrvaCtlException("Network interface " + networkInterface +
                              " is not available on this host");
     }
+    VerifyInterfaceNameStorable(networkInterface);
   }
   if (port == kZelDefaultPort) return;
   if (networkInterface.empty()) {
@@ -35,18 +55,6 @@ void VerifyNetworkConfig(const std::string& networkInterface, int32_t port) {
                            networkInterface + ", valid port range is " +
                            std::to_string(kZelMinPortExclusive) +
                            " < port <= " + std::to_string(kZelMaxPort));
-  }
-}
-
-void VerifyInterfaceNameStorable(const std::string& networkInterface) {
-  const bool storable =
-      std::all_of(networkInterface.begin(), networkInterface.end(), [](unsigned char c) {
-        return std::isalnum(c) || c == '.' || c == '_' || c == '-';
-      });
-  if (!storable) {
-    throw OrvaCtlException("Network interface " + networkInterface +
-                           " cannot be used: only letters, digits, '.', '_' and '-' can be "
-                           "stored in its name");
   }
 }
 

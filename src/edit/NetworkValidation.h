@@ -18,14 +18,10 @@ constexpr int32_t kZelMinPortExclusive = 1024;
 constexpr int32_t kZelMaxPort = 65535;
 
 // Throws unless `networkInterface` is empty or one of this host's kernel
-// network interfaces, and `port` suits it: kZelDefaultPort always, another
-// port only with an interface and within the range above.
+// network interfaces whose name zel.conf can keep, and `port` suits it:
+// kZelDefaultPort always, another port only with an interface and within
+// the range above.
 void VerifyNetworkConfig(const std::string& networkInterface, int32_t port);
-
-// Throws unless the interface name can stand in zel.conf as it is written:
-// an unquoted word of letters, digits, '.', '_' and '-'. The kernel admits
-// names (an address label with ':', a '#') that would end the word early.
-void VerifyInterfaceNameStorable(const std::string& networkInterface);
 
 }  // namespace Util
 }  // namespace IscsiTarget

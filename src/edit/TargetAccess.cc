@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "edit/NamePatterns.h"
-#include "edit/NetworkValidation.h"
 #include "edit/Parser.h"
 #include "platform/Log.h"
 #include "zel/OrvaCtlException.h"
@@ -54,7 +53,6 @@ bool HasInterface(const struct portal_group* pg) {
 
 struct portal_group* InterfacePortalGroup(struct conf* conf, const std::string& networkInterface,
                                           int port) {
-  Util::VerifyInterfaceNameStorable(networkInterface);
   const std::string name = kPortalGroupPrefix + networkInterface + "-" + std::to_string(port);
   struct portal_group* pg = portal_group_find(conf, name.c_str());
   if (pg != nullptr) return pg;
