@@ -51,7 +51,7 @@ BenchHome& Home() {
 void BM_ReadAndVerifyMaxConf(benchmark::State& state) {
   Home();
   for (auto _ : state) {
-    ConfHandle handle(ConfHandle::kShareMode);
+    ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
     benchmark::DoNotOptimize(handle.conf);
   }
 }
@@ -59,7 +59,7 @@ BENCHMARK(BM_ReadAndVerifyMaxConf)->Unit(benchmark::kMillisecond);
 
 void BM_SaveMaxConf(benchmark::State& state) {
   Home();
-  ConfHandle handle(ConfHandle::kExclusiveMode);
+  ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   for (auto _ : state) benchmark::DoNotOptimize(handle.WriteConfFile());
 }
 BENCHMARK(BM_SaveMaxConf)->Unit(benchmark::kMillisecond);

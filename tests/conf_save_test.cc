@@ -9,8 +9,8 @@
 
 #include "conf/ConfHandle.h"
 #include "storage/DatastoreLayout.h"
-#include "support/Messages.h"
 #include "support/ConfText.h"
+#include "support/Messages.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
@@ -59,18 +59,18 @@ class SaveTest : public ::testing::Test {
 
 TEST_F(SaveTest, EachSaveRaisesTheGenerationByOne) {
   {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
     EXPECT_EQ(handle.WriteConfFile(), 8u);
     EXPECT_EQ(handle.WriteConfFile(), 9u);
   }
-  ConfHandle reread(ConfHandle::kShareMode);
+  ConfHandle reread(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_EQ(reread.GetCurrentGenerationNum(), 9u);
   EXPECT_THAT(ReadFile(GetConfFilePath()), ::testing::StartsWith("generation 9\n"));
 }
 
 TEST_F(SaveTest, SaveKeepsPermissionsAndLeavesNoTemporaryFile) {
   chmod(GetConfFilePath().c_str(), 0660);
-  ConfHandle handle(ConfHandle::kExclusiveMode);
+  ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   handle.WriteConfFile();
 
   struct stat st;
@@ -90,7 +90,7 @@ TEST_P(SaveFaultTest, FailedSaveLeavesThePreviousFileAndNoTemporary) {
   const std::string before = ReadFile(GetConfFilePath());
   host_.Files().FailNext(GetParam().op, FILEIO_ERROR);
   {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
     target_new(handle.conf, "iqn.2026-11.local.zel:lost");
     EXPECT_EQ(MessageOf([&] { handle.WriteConfFile(); }), GetParam().message);
   }
@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(SaveTest, WriterFailureMidFileLeavesThePreviousFile) {
   const std::string before = ReadFile(GetConfFilePath());
   {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
     auth_new_chap(auth_group_new(handle.conf, "long"), "u", std::string(24, 's').c_str(), false);
     EXPECT_EQ(MessageOf([&] { handle.WriteConfFile(); }),
               "Base64_Encode failed: Unexpected encoding size");
@@ -119,22 +119,22 @@ TEST_F(SaveTest, WriterFailureMidFileLeavesThePreviousFile) {
 TEST_F(SaveTest, TemporaryThatCannotBeRemovedIsOnlyAWarning) {
   host_.Files().FailNext(FileOp::AtomicUpdate, FILEIO_ERROR);
   host_.Files().FailNext(FileOp::CloseAndUnlink, FILEIO_ERROR);
-  ConfHandle handle(ConfHandle::kExclusiveMode);
+  ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_EQ(MessageOf([&] { handle.WriteConfFile(); }), "Failed to swap config and temp config");
   EXPECT_TRUE(host_.Log().Contains("Parser: Failed to remove temp config file"));
 }
 
 TEST_F(SaveTest, BackupHoldsTheSameTextWithTheGenerationUnchanged) {
-  ConfHandle handle(ConfHandle::kShareMode);
-  handle.UpdateBackupConfigFile();
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
+  handle.UpdateBackupConfigFile(NokCtl::Orva::IscsiTarget::Util::GetBackupConfFilePath());
   EXPECT_EQ(ReadFile(host_.Config().backupConfPath), zel::test::WrittenText(handle));
   EXPECT_EQ(handle.GetCurrentGenerationNum(), 7u);
 }
 
 TEST_F(SaveTest, UnwritableBackupPathIsReported) {
   zel::test::WriteFile(host_.Home() + "/var/run/log/zel.conf.backup/blocker", "");
-  ConfHandle handle(ConfHandle::kShareMode);
-  EXPECT_EQ(MessageOf([&] { handle.UpdateBackupConfigFile(); }),
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
+  EXPECT_EQ(MessageOf([&] { handle.UpdateBackupConfigFile(NokCtl::Orva::IscsiTarget::Util::GetBackupConfFilePath()); }),
             "Failed to open backup config file: Is a directory");
 }
 
@@ -146,7 +146,7 @@ TEST_F(SaveTest, ReadersInAnotherProcessNeverSeeAPartialFile) {
     control.Ready();
     for (int saved = 0; saved < kSaves;) {
       try {
-        ConfHandle handle(ConfHandle::kExclusiveMode);
+        ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
         target_new(handle.conf, ("iqn.2026-11.local.zel:t" + std::to_string(saved)).c_str());
         handle.WriteConfFile();
         ++saved;
@@ -160,7 +160,7 @@ TEST_F(SaveTest, ReadersInAnotherProcessNeverSeeAPartialFile) {
   int reads = 0;
   for (int i = 0; i < 2 * kSaves; ++i) {
     try {
-      ConfHandle reader(ConfHandle::kShareMode);
+      ConfHandle reader(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
       const uint64_t generation = reader.GetCurrentGenerationNum();
       ASSERT_GE(generation, last);
       // Every save adds one target: a whole file has exactly as many.
@@ -176,7 +176,7 @@ TEST_F(SaveTest, ReadersInAnotherProcessNeverSeeAPartialFile) {
   }
   EXPECT_EQ(writer.Join(), 0);
   EXPECT_GT(reads, 0);
-  ConfHandle final(ConfHandle::kShareMode);
+  ConfHandle final(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_EQ(final.GetCurrentGenerationNum(), 7u + kSaves);
 }
 
@@ -185,7 +185,7 @@ class HandleLockTest : public SaveTest {
   // A second process holding a handle in `mode` until released.
   std::unique_ptr<ChildProcess> HoldHandle(int mode) {
     auto child = std::make_unique<ChildProcess>([mode](ChildControl& control) {
-      ConfHandle held(mode);
+      ConfHandle held(mode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
       control.Ready();
       control.AwaitRelease();
       return 0;
@@ -197,21 +197,21 @@ class HandleLockTest : public SaveTest {
 
 TEST_F(HandleLockTest, SharedReadersReadTogether) {
   auto other = HoldHandle(ConfHandle::kShareMode);
-  ConfHandle reader(ConfHandle::kShareMode);
+  ConfHandle reader(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_EQ(reader.GetCurrentGenerationNum(), 7u);
   EXPECT_TRUE(host_.Clock().Sleeps().empty());
 }
 
 TEST_F(HandleLockTest, ExclusiveWriterElsewhereMakesAReaderGiveUpAfterTheLimit) {
   auto writer = HoldHandle(ConfHandle::kExclusiveMode);
-  EXPECT_EQ(MessageOf([] { ConfHandle reader(ConfHandle::kShareMode); }),
+  EXPECT_EQ(MessageOf([] { ConfHandle reader(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath()); }),
             "Parser: share lock failed on " + GetConfFilePath());
   EXPECT_EQ(host_.Clock().Sleeps(), std::vector<uint64_t>(1500, 200000));
 }
 
 TEST_F(HandleLockTest, ReaderElsewhereKeepsAnEditorOut) {
   auto reader = HoldHandle(ConfHandle::kShareMode);
-  EXPECT_EQ(MessageOf([] { ConfHandle editor(ConfHandle::kExclusiveMode); }),
+  EXPECT_EQ(MessageOf([] { ConfHandle editor(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath()); }),
             "Parser: exclusive lock failed on " + GetConfFilePath());
 }
 
@@ -219,13 +219,13 @@ TEST_F(HandleLockTest, EditorGetsInOnceTheOtherProcessLetsGo) {
   auto reader = HoldHandle(ConfHandle::kShareMode);
   reader->Release();
   ASSERT_EQ(reader->Join(), 0);
-  ConfHandle editor(ConfHandle::kExclusiveMode);
+  ConfHandle editor(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_EQ(editor.WriteConfFile(), 8u);
 }
 
 TEST_F(HandleLockTest, MissingFileIsWaitedForFiveTimesTwoSeconds) {
   ASSERT_EQ(unlink(GetConfFilePath().c_str()), 0);
-  EXPECT_EQ(MessageOf([] { ConfHandle reader(ConfHandle::kShareMode); }),
+  EXPECT_EQ(MessageOf([] { ConfHandle reader(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath()); }),
             "Parser: share lock failed on " + GetConfFilePath());
   EXPECT_EQ(host_.Clock().Sleeps(), std::vector<uint64_t>(5, 2000000));
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "conf/ConfHandle.h"
+#include "storage/DatastoreLayout.h"
 #include "support/ConfText.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
@@ -51,7 +52,7 @@ TEST_F(WriterTest, WritesEverySectionInFixedOrderAndSpacing) {
       "    option lun-alias \"x y\"\n  }\n"
       "  lun 1 {\n    path a/c.qdsk\n    size 8\n  }\n"
       "}\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
 
   EXPECT_EQ(WrittenText(handle),
             "generation 41\n"
@@ -97,7 +98,7 @@ TEST_F(WriterTest, WritesEverySectionInFixedOrderAndSpacing) {
 
 TEST_F(WriterTest, SkipsBuiltInGroupsWithAnInfoLine) {
   InstallConf("generation 1\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   host_.Log().Clear();
   const std::string text = WrittenText(handle);
 
@@ -111,7 +112,7 @@ TEST_F(WriterTest, SkipsBuiltInGroupsWithAnInfoLine) {
 
 TEST_F(WriterTest, NoneGroupHoldingACredentialHasNoLineEnd) {
   InstallConf("generation 1\nauth-group g {\n chap \"u\" \"QWJjZGVmZ2gjMTIz\"\n}\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   auth_group_find(handle.conf, "g")->ag_type = AG_TYPE_NO_AUTHENTICATION;
 
   EXPECT_THAT(WrittenText(handle), ::testing::HasSubstr("auth-group g {\n\t auth-type none}\n"));
@@ -119,7 +120,7 @@ TEST_F(WriterTest, NoneGroupHoldingACredentialHasNoLineEnd) {
 
 TEST_F(WriterTest, WritesOnlyTheFirstListenThatHasAHost) {
   InstallConf("generation 1\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   struct portal_group* pg = portal_group_new(handle.conf, "pg-three");
   portal_new(pg);  // an address-less portal comes first
   ASSERT_EQ(portal_group_add_listen(pg, "nok3:3300", false), 0);
@@ -131,7 +132,7 @@ TEST_F(WriterTest, WritesOnlyTheFirstListenThatHasAHost) {
 
 TEST_F(WriterTest, MutualChapIsWrittenWithBothSecretsEncoded) {
   InstallConf("generation 1\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   struct auth_group* ag = auth_group_new(handle.conf, "m");
   auth_new_chap_mutual(ag, "out", "Abcdefgh#123", "in", "Zyxwvuts#987", false);
 
@@ -142,7 +143,7 @@ TEST_F(WriterTest, MutualChapIsWrittenWithBothSecretsEncoded) {
 
 TEST_F(WriterTest, SecretWhoseEncodingNeedsMoreThan31CharactersCannotBeWritten) {
   InstallConf("generation 1\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   auth_new_chap(auth_group_new(handle.conf, "ok"), "u", std::string(21, 'a').c_str(), false);
   EXPECT_NO_THROW(WrittenText(handle));
 
@@ -157,7 +158,7 @@ TEST_F(WriterTest, SecretWhoseEncodingNeedsMoreThan31CharactersCannotBeWritten) 
 
 TEST_F(WriterTest, TargetWithPrivateCredentialsIsRefusedNotWrittenWrong) {
   InstallConf("generation 1\ntarget iqn.2026-11.local.zel:t {\n auth-type none\n}\n");
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_THROW(WrittenText(handle), OrvaCtlException);
 }
 
@@ -165,11 +166,11 @@ TEST_F(WriterTest, ReadWriteReadWriteGivesIdenticalText) {
   InstallConf(zel::test::ReadFile(std::string(ZEL_SAMPLES_DIR) + "/zel.conf"));
   std::string first;
   {
-    ConfHandle handle(ConfHandle::kShareMode);
+    ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
     first = WrittenText(handle);
   }
   InstallConf(first);
-  ConfHandle again(ConfHandle::kShareMode);
+  ConfHandle again(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   EXPECT_EQ(WrittenText(again), first);
   // The sample is kept in the writer's own shape.
   EXPECT_EQ(first, zel::test::ReadFile(std::string(ZEL_SAMPLES_DIR) + "/zel.conf"));

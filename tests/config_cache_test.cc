@@ -275,7 +275,7 @@ TEST(ConfigCacheAcrossProcessesTest, SaveAndPublishElsewhereMakesThisCacheReadTh
   ChildProcess writer([&home](ChildControl& control) {
     control.AwaitRelease();
     home.InstallLocalServiceHost(platform::LogLevel::Error);
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
     if (initiator_group_new(handle.conf, "added-group") == nullptr) return 2;
     const uint64_t generation = handle.WriteConfFile();
     if (generation != 8) return 3;

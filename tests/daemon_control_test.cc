@@ -8,8 +8,8 @@
 #include <string>
 
 #include "service/DaemonControl.h"
-#include "support/Messages.h"
 #include "support/FakeHostControl.h"
+#include "support/Messages.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
 

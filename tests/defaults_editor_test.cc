@@ -141,7 +141,7 @@ TEST_F(DefaultsEditorTest, GivenInterfaceLeavesExactlyOneListenAddress) {
   info.networkInterface = "nok5";
   Parser::UpdateDefaultConfig(info);
 
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
   const struct portal_group* pg = portal_group_find(handle.conf, "default");
   ASSERT_NE(pg, nullptr);
   const struct portal* portal = TAILQ_FIRST(&pg->pg_portals);

@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "platform/Directory.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/DirectoryNotes.h"
-#include "platform/SqliteDirectory.h"
 
 namespace zel {
 namespace platform {

@@ -18,14 +18,15 @@
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 
 namespace zel {
 namespace directory {
+using namespace platform;  // entry payloads
 namespace {
 
 namespace fs = std::filesystem;

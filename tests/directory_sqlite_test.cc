@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/SqliteDirectory.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/DirectoryNotes.h"
 
 extern char** environ;

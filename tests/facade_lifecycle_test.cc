@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "cache/ConfigCache.h"
-#include "platform/JsonConfigStore.h"
-#include "support/Messages.h"
+#include "platform/local/JsonConfigStore.h"
 #include "support/FakeHostControl.h"
 #include "support/FakeNetworkInterfaces.h"
+#include "support/Messages.h"
 #include "support/ServiceHome.h"
 #include "zel/OrvaPlugin.h"
 

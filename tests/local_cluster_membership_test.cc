@@ -10,8 +10,8 @@
 
 #include "local_directory_support.h"
 #include "platform/Host.h"
-#include "platform/LocalClusterFacts.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/LocalClusterFacts.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 

@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/JsonConfigStore.h"
+#include "platform/local/JsonConfigStore.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"

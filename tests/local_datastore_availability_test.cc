@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/LocalDiskLibrary.h"
+#include "platform/local/LocalDiskLibrary.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 

@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "platform/HostConfig.h"
-#include "platform/LocalCommandRunner.h"
-#include "platform/LocalHostControl.h"
-#include "platform/LocalKernelOptions.h"
-#include "platform/LocalLegacyConfig.h"
+#include "platform/local/LocalCommandRunner.h"
+#include "platform/local/LocalHostControl.h"
+#include "platform/local/LocalKernelOptions.h"
+#include "platform/local/LocalLegacyConfig.h"
 #include "support/FakeHostControl.h"
 #include "support/Process.h"
 #include "support/TestHost.h"

@@ -16,13 +16,13 @@
 #include <nlohmann/json.hpp>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
 #include "local_directory_support.h"
-#include "platform/AtomicFile.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
-#include "platform/LocalNamespaces.h"
-#include "platform/LocalPolicyService.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/LocalNamespaces.h"
+#include "platform/local/LocalPolicyService.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/Messages.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
@@ -76,7 +76,7 @@ class LocalNamespacesTest : public ::testing::Test {
   }
 
   // The announcement of `uuid`; NOK_NOT_FOUND when there is none.
-  NOK_ReturnStatus Announced(const std::string& uuid, directory::StorageObjectRecord* record,
+  NOK_ReturnStatus Announced(const std::string& uuid, platform::StorageObjectRecord* record,
                              std::string* owner = nullptr) {
     std::vector<DirectoryEntry> entries;
     const NOK_ReturnStatus status =
@@ -87,7 +87,7 @@ class LocalNamespacesTest : public ::testing::Test {
     if (owner != nullptr) *owner = entries.front().ownerHost;
     std::string error;
     EXPECT_EQ(NOK_OK,
-              directory::UnmarshalStorageObjectRecord(entries.front().payload, record, &error))
+              platform::UnmarshalStorageObjectRecord(entries.front().payload, record, &error))
         << error;
     return NOK_OK;
   }
@@ -120,7 +120,7 @@ TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryReachedByARelati
   EXPECT_EQ(kHost, record["ownerHost"]);
   EXPECT_EQ(kPolicy, record["policy"]);
 
-  directory::StorageObjectRecord announced;
+  platform::StorageObjectRecord announced;
   std::string owner;
   ASSERT_EQ(NOK_OK, Announced(uuid, &announced, &owner));
   EXPECT_EQ(kHost, owner);
@@ -131,7 +131,7 @@ TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryReachedByARelati
 TEST_F(LocalNamespaceCreation, UuidNameIsTheIdentityItselfWithoutALink) {
   EXPECT_EQ(kTarget, Spaces().CreateNamespace(Root(), kTarget, "", 0));
   EXPECT_EQ(std::set<std::string>{kTarget}, RootEntries());
-  directory::StorageObjectRecord announced;
+  platform::StorageObjectRecord announced;
   ASSERT_EQ(NOK_OK, Announced(kTarget, &announced));
   EXPECT_EQ("", announced.policy);
 }
@@ -192,7 +192,7 @@ TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncement) {
   Spaces().DeleteNamespace(Root(), kTarget);
 
   EXPECT_TRUE(RootEntries().empty());
-  directory::StorageObjectRecord announced;
+  platform::StorageObjectRecord announced;
   EXPECT_EQ(NOK_NOT_FOUND, Announced(uuid, &announced));
   EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
 }
@@ -228,7 +228,7 @@ TEST_F(LocalNamespaceRemoval, RemovalInterruptedAfterTheTreeIsFinishedByAskingAg
   Spaces().DeleteNamespace(Root(), kConfig);
   Spaces().DeleteNamespace(Root(), kTarget);
   EXPECT_TRUE(RootEntries().empty());
-  directory::StorageObjectRecord announced;
+  platform::StorageObjectRecord announced;
   EXPECT_EQ(NOK_NOT_FOUND, Announced(uuid, &announced));
   EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
 }
@@ -245,7 +245,7 @@ TEST_F(LocalNamespacePolicyUpdate, RewritesRecordAndAnnouncementAndKeepsTheOwner
 
   EXPECT_EQ(kOtherPolicy, Record(uuid)["policy"]);
   EXPECT_EQ(kHost, Record(uuid)["ownerHost"]);
-  directory::StorageObjectRecord announced;
+  platform::StorageObjectRecord announced;
   std::string owner;
   ASSERT_EQ(NOK_OK, Announced(uuid, &announced, &owner));
   EXPECT_EQ(kOtherPolicy, announced.policy);
@@ -310,7 +310,7 @@ TEST_F(LocalNamespaceRace, TwoProcessesCreatingOneNameLeaveExactlyOneNamespace) 
   std::string uuid;
   ASSERT_EQ(NOK_OK, ZeldGetNamespaceUuid(&uuid));
   EXPECT_EQ((std::set<std::string>{kConfig, uuid}), RootEntries());
-  directory::StorageObjectRecord announced;
+  platform::StorageObjectRecord announced;
   EXPECT_EQ(NOK_OK, Announced(uuid, &announced));
   std::vector<DirectoryEntry> owned;
   ASSERT_EQ(NOK_OK,

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/LocalNetworkInterfaces.h"
+#include "platform/local/LocalNetworkInterfaces.h"
 #include "support/TestHost.h"
 
 namespace zel {

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "local_directory_support.h"
-#include "platform/LocalPolicyService.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/LocalPolicyService.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"

@@ -15,11 +15,11 @@
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
-#include "platform/LocalNamespaces.h"
-#include "platform/LocalPolicyService.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/LocalNamespaces.h"
+#include "platform/local/LocalPolicyService.h"
+#include "platform/local/SqliteDirectory.h"
 #include "storage/DatastoreLayout.h"
 #include "storage/Namespace.h"
 #include "storage/NamespaceDirs.h"
@@ -113,9 +113,9 @@ class NamespaceDirsTest : public ::testing::Test {
                                            &entries) != NOK_OK) {
       return "(none)";
     }
-    zel::directory::StorageObjectRecord record;
+    zel::platform::StorageObjectRecord record;
     std::string error;
-    EXPECT_EQ(NOK_OK, zel::directory::UnmarshalStorageObjectRecord(entries.front().payload,
+    EXPECT_EQ(NOK_OK, zel::platform::UnmarshalStorageObjectRecord(entries.front().payload,
                                                                    &record, &error));
     return record.policy;
   }
@@ -223,7 +223,7 @@ TEST_F(ConfigDirs, CreatingWithoutTheNamespaceGivesTheErrno) {
 
 TEST_F(ConfigDirs, DeletingRemovesTheFileAndBothDirsAndToleratesTheirAbsence) {
   MakeConfigNamespace();
-  zel::test::WriteFile(Util::GetConfFilePath(), "generation 3\n");
+  zel::test::WriteFile(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath(), "generation 3\n");
 
   Util::DeleteConfigDirs();
   EXPECT_FALSE(Util::PathExists(Util::GetConfDirPath()));
@@ -235,7 +235,7 @@ TEST_F(ConfigDirs, DeletingRemovesTheFileAndBothDirsAndToleratesTheirAbsence) {
   host_.Log().Clear();
   Util::DeleteConfigDirs();
   EXPECT_THAT(Logged(LogLevel::Info),
-              ElementsAre("Util: Config file " + Util::GetConfFilePath() + " does not exist.",
+              ElementsAre("Util: Config file " + NokCtl::Orva::IscsiTarget::Util::GetConfFilePath() + " does not exist.",
                           "Util: Removing dir " + Util::GetConfDirPath(),
                           "Util: Dir " + Util::GetConfDirPath() + " does not exist.",
                           "Util: Removing dir " + Util::GetTargetsDirPath(),
@@ -244,7 +244,7 @@ TEST_F(ConfigDirs, DeletingRemovesTheFileAndBothDirsAndToleratesTheirAbsence) {
 
 TEST_F(ConfigDirs, DeletingWhileATargetIsLinkedFailsAtTheTargetsDir) {
   MakeConfigNamespace();
-  zel::test::WriteFile(Util::GetConfFilePath(), "generation 3\n");
+  zel::test::WriteFile(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath(), "generation 3\n");
   std::string uuid;
   Util::CreateTargetNamespace(kTarget, "", uuid);
 

@@ -16,11 +16,12 @@
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
 #include "directory/NicPublication.h"
+#include "service/DownNics.h"
 #include "local_directory_support.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/FakeNetworkInterfaces.h"
 #include "support/ServiceHome.h"
 #include "support/TestHost.h"
@@ -35,7 +36,7 @@ namespace {
 using HostCtl::Lib::Orva::OrvaCtlException;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using zel::directory::ZelInterfaceRecord;
+using zel::platform::ZelInterfaceRecord;
 using zel::platform::CurrentHost;
 using zel::platform::Directory;
 using zel::platform::DirectoryEntry;
@@ -153,7 +154,7 @@ class NicPublicationTest : public ::testing::Test {
     for (const DirectoryEntry& entry : entries) {
       EXPECT_EQ(hostUuid_, entry.ownerHost);
       ZelInterfaceRecord record;
-      EXPECT_EQ(NOK_OK, zel::directory::UnmarshalInterfaceRecord(entry.payload, &record, nullptr));
+      EXPECT_EQ(NOK_OK, zel::platform::UnmarshalInterfaceRecord(entry.payload, &record, nullptr));
       Published published{entry.entryId, entry.version, "", ""};
       EXPECT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(hostUuid_, record.name, &published.ipv4,
                                                     &published.ipv6));
@@ -281,7 +282,7 @@ TEST_F(NicPublicationTest, OtherHostsEntriesAreLeftAlone) {
   ZelInterfaceRecord record;
   record.name = "nok0";
   record.ipv4 = {10, 9, 9, 9};
-  ASSERT_EQ(NOK_OK, zel::directory::MarshalInterfaceRecord(record, &peer.payload));
+  ASSERT_EQ(NOK_OK, zel::platform::MarshalInterfaceRecord(record, &peer.payload));
   ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, peer));
   nics_->Set("nok1", NOKNIC_UP, "10.0.0.5", "");
 

@@ -24,9 +24,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/AtomicFile.h"
-#include "platform/LocalClusterFacts.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/LocalClusterFacts.h"
+#include "platform/local/SqliteDirectory.h"
 #include "support/Process.h"
 #include "support/ServiceHome.h"
 

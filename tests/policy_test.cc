@@ -11,14 +11,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "directory/EntryMarshal.h"
 #include "local_directory_support.h"
-#include "platform/AtomicFile.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/HostServices.h"
-#include "platform/LocalNamespaces.h"
-#include "platform/LocalPolicyService.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/LocalNamespaces.h"
+#include "platform/local/LocalPolicyService.h"
+#include "platform/local/SqliteDirectory.h"
 #include "storage/Compliance.h"
 #include "storage/Namespace.h"
 #include "storage/Policy.h"
@@ -38,8 +38,8 @@ using zel::platform::ClusterMember;
 using zel::platform::Compliance;
 using zel::platform::CurrentHost;
 using zel::platform::LocalPolicyService;
-using zel::storage::ParsePolicyRules;
-using zel::storage::PolicyRules;
+using zel::platform::ParsePolicyRules;
+using zel::platform::PolicyRules;
 
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kObject = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
@@ -200,7 +200,7 @@ class PolicyCompliance : public ::testing::Test {
     entry.key = kObject;
     entry.entryId = kObject;
     entry.ownerHost = kHost;
-    EXPECT_EQ(NOK_OK, zel::directory::MarshalStorageObjectRecord({kHost, policy}, &entry.payload));
+    EXPECT_EQ(NOK_OK, zel::platform::MarshalStorageObjectRecord({kHost, policy}, &entry.payload));
     EXPECT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, entry));
     const zel::platform::PolicyStatus status = service_->GetObjectPolicyStatus(kObject);
     EXPECT_EQ(policy, status.policy);

@@ -13,12 +13,13 @@
 #include <string>
 
 #include "cache/ConfigCache.h"
+#include "cache/ConfigSave.h"
 #include "directory/DirectoryEntries.h"
 #include "platform/Host.h"
-#include "platform/JsonConfigStore.h"
-#include "platform/LocalKernelOptions.h"
-#include "platform/LocalLegacyConfig.h"
-#include "service/ConfigChange.h"
+#include "platform/local/JsonConfigStore.h"
+#include "platform/local/LocalKernelOptions.h"
+#include "platform/local/LocalLegacyConfig.h"
+#include "service/ConfigBackup.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
 #include "support/Messages.h"
@@ -295,7 +296,7 @@ class ConfigChangeTest : public ::testing::Test {
     EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_OK);
     return generation;
   }
-  std::string BackupPath() const { return Util::GetBackupConfFilePath(); }
+  std::string BackupPath() const { return NokCtl::Orva::IscsiTarget::Util::GetBackupConfFilePath(); }
   void SaveGeneration(uint64_t generation) {
     std::string text = kStandardConf;
     text.replace(0, text.find('\n'), "generation " + std::to_string(generation));
@@ -380,7 +381,7 @@ TEST_F(ConfigChangeTest, CopyOfAnUnreachableFileFailsNamingIt) {
   const std::vector<std::string> errors = host_.log->Texts(LogLevel::Error);
   ASSERT_FALSE(errors.empty());
   EXPECT_THAT(errors.back(),
-              StartsWith("Util: Failed to copy file from " + Util::GetConfFilePath() + " due to: "));
+              StartsWith("Util: Failed to copy file from " + NokCtl::Orva::IscsiTarget::Util::GetConfFilePath() + " due to: "));
   EXPECT_FALSE(std::filesystem::exists(BackupPath()));
   EXPECT_TRUE(Util::IsBackupConfNeeded());
 }

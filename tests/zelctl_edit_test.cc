@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/LocalNetworkInterfaces.h"
+#include "platform/local/LocalNetworkInterfaces.h"
 #include "support/Process.h"
 #include "support/ServiceHome.h"
 

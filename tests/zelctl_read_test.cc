@@ -10,7 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 #include "support/Process.h"
 #include "support/ServiceHome.h"
 
@@ -106,7 +106,7 @@ TEST(ZelctlReadHostTest, HostInfoOnAFreshHomeNamesWhereEverythingLives) {
   EXPECT_THAT(keys, UnorderedElementsAre("hostUuid", "hostName", "home", "datastorePath",
                                          "confPath", "directory"));
   std::string canonical;
-  EXPECT_TRUE(directory::ParseUuidText(info["hostUuid"].get<std::string>(), &canonical));
+  EXPECT_TRUE(platform::ParseUuidText(info["hostUuid"].get<std::string>(), &canonical));
   EXPECT_NE(info["hostName"], "");
   EXPECT_EQ(info["home"], home);
   EXPECT_EQ(info["datastorePath"], home + "/datastore");

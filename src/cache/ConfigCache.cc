@@ -8,6 +8,7 @@
 #include "conf/ConfHandle.h"
 #include "directory/DirectoryEntries.h"
 #include "platform/Log.h"
+#include "storage/DatastoreLayout.h"
 #include "zel/OrvaCtlException.h"
 
 namespace NokCtl {
@@ -113,7 +114,7 @@ void ConfigCache::UpdateZelConfigCache(SubscriptionHandle subscribeInstance) {
 }
 
 struct conf* ConfigCache::_CreateZelConf() {
-  ConfHandle handle(ConfHandle::kShareMode);
+  ConfHandle handle(ConfHandle::kShareMode, Util::GetConfFilePath());
   struct conf* taken = handle.conf;
   handle.conf = nullptr;
   return taken;

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "edit/Parser.h"
+#include "conf/ParserAuth.h"
 #include "storage/LunPaths.h"
 #include "storage/Units.h"
 #include "zel/OrvaCtlException.h"

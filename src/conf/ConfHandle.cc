@@ -8,7 +8,6 @@
 
 #include "conf/reader.h"
 #include "platform/Log.h"
-#include "storage/DatastoreLayout.h"
 #include "zel/OrvaCtlException.h"
 
 namespace NokCtl {
@@ -18,8 +17,6 @@ namespace IscsiTarget {
 using HostCtl::Lib::Orva::OrvaCtlException;
 
 std::mutex ConfHandle::_fileLock;
-
-ConfHandle::ConfHandle(int mode) : ConfHandle(mode, Util::GetConfFilePath()) {}
 
 ConfHandle::ConfHandle(int mode, const std::string& filePath) : mode(mode) {
   try {
@@ -122,8 +119,7 @@ uint64_t ConfHandle::WriteConfFile() {
   return conf->conf_generation;
 }
 
-void ConfHandle::UpdateBackupConfigFile() {
-  const std::string backupPath = Util::GetBackupConfFilePath();
+void ConfHandle::UpdateBackupConfigFile(const std::string& backupPath) {
   std::error_code ignored;
   std::filesystem::create_directories(std::filesystem::path(backupPath).parent_path(), ignored);
   FILE* out = fopen(backupPath.c_str(), "w");

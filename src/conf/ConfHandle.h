@@ -27,10 +27,9 @@ class ConfHandle {
   static constexpr int kShareMode = 1;
   static constexpr int kLockTimeoutMs = 300000;
 
-  // Throws OrvaCtlException; on failure nothing stays locked or allocated.
-  explicit ConfHandle(int mode);
-  // The same for a named file instead of this host's zel.conf (tools that
-  // check or format a file an operator names).
+  // Opens `filePath` (this host's zel.conf is Util::GetConfFilePath(); tools
+  // also check or format a file an operator names). Throws
+  // OrvaCtlException; on failure nothing stays locked or allocated.
   ConfHandle(int mode, const std::string& filePath);
   ~ConfHandle();
   ConfHandle(const ConfHandle&) = delete;
@@ -44,8 +43,9 @@ class ConfHandle {
   // handle.
   uint64_t WriteConfFile();
 
-  // Writes the same text to the local backup path (generation unchanged).
-  void UpdateBackupConfigFile();
+  // Writes the same text to `backupPath`, this host's local backup copy
+  // (generation unchanged).
+  void UpdateBackupConfigFile(const std::string& backupPath);
 
   // Prints the whole graph in the file's fixed order and spacing.
   void _WriteConfigToFile(FILE* out);

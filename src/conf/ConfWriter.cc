@@ -6,7 +6,7 @@
 #include <string>
 
 #include "conf/ConfHandle.h"
-#include "edit/Parser.h"
+#include "conf/ParserAuth.h"
 #include "platform/Log.h"
 #include "zel/OrvaCtlException.h"
 

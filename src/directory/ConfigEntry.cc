@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/Log.h"
 
 using zel::directory::Brix;
-using zel::directory::ZelConfigRecord;
+using zel::platform::ZelConfigRecord;
 using zel::platform::Directory;
 using zel::platform::DirectoryEntry;
 
@@ -120,7 +120,7 @@ void ConfigEntryCallback(Directory* brix, const std::string& key, NOK_ReturnStat
   }
 
   ZelConfigRecord record;
-  if (zel::directory::UnmarshalConfigRecord(current->payload, &record, nullptr) != NOK_OK) {
+  if (zel::platform::UnmarshalConfigRecord(current->payload, &record, nullptr) != NOK_OK) {
     ZEL_LOG_WARNING("Can't unmarshal ZEL config entry from BRIX");
     UpdateConfigCache(current, status);
     return;
@@ -146,7 +146,7 @@ NOK_ReturnStatus ZeldGetConfigGenNumInBrix(uint64_t* generation) {
 
   ZelConfigRecord record;
   std::string error;
-  status = zel::directory::UnmarshalConfigRecord(entries.front().payload, &record, &error);
+  status = zel::platform::UnmarshalConfigRecord(entries.front().payload, &record, &error);
   if (status != NOK_OK) {
     ZEL_LOG_WARNING("Failed to unmarshal ZEL conf entry entry: %s", error.c_str());
     return status;
@@ -168,7 +168,7 @@ NOK_ReturnStatus ZeldUpdateBrixEntryForConfig(uint64_t generation) {
   entry.key = ns;
   entry.entryId = ns;
   entry.ownerHost = zel::platform::CurrentHost().Config().hostUuid;
-  status = zel::directory::MarshalConfigRecord(ZelConfigRecord{generation}, &entry.payload);
+  status = zel::platform::MarshalConfigRecord(ZelConfigRecord{generation}, &entry.payload);
   if (status != NOK_OK) {
     ZEL_LOG_WARNING("Failed to marshal BRIX ZEL Config entry: %s",
                     NOK_ReturnStatusToString(status));
@@ -187,7 +187,7 @@ NOK_ReturnStatus ZeldUpdateBrixEntryForConfig(uint64_t generation) {
       if (stored == nullptr) return true;
       ZelConfigRecord current;
       std::string error;
-      if (zel::directory::UnmarshalConfigRecord(stored->payload, &current, &error) != NOK_OK) {
+      if (zel::platform::UnmarshalConfigRecord(stored->payload, &current, &error) != NOK_OK) {
         std::lock_guard<std::mutex> guard(pending->mutex);
         pending->unreadable = error;
         return true;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/Log.h"
 
@@ -97,7 +97,7 @@ NOK_ReturnStatus ZeldGetNamespaceUuid(std::string* uuid) {
   // wherever the platform keeps it.
   const char* name = std::strrchr(target, '/');
   name = name == nullptr ? target : name + 1;
-  if (cut || !zel::directory::ParseUuidText(name, uuid)) {
+  if (cut || !zel::platform::ParseUuidText(name, uuid)) {
     ZEL_LOG_WARNING("%s: Failed to convert ZEL namespace UUID string %s to ORVA object type.",
                     __func__, target);
     return NOK_FAILURE;

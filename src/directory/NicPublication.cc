@@ -3,11 +3,9 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <future>
 
-#include "cache/ConfigCache.h"
 #include "directory/DirectoryEntries.h"
 #include "platform/Host.h"
 #include "platform/Log.h"
@@ -21,16 +19,10 @@ namespace Util {
 namespace {
 
 using HostCtl::Lib::Orva::OrvaCtlException;
-using zel::directory::ZelInterfaceRecord;
+using zel::platform::ZelInterfaceRecord;
 using zel::platform::DirectoryEntry;
 
 const char kTag[] = "Util";
-
-// Observations of an interface without uplinks, across the process. The
-// control thread looks every 15 seconds; only every 50th is logged. A lost
-// increment under a race costs at most one line more or less.
-std::atomic<uint32_t> gNoUplinksObservations{0};
-constexpr uint32_t kNoUplinksLogEvery = 50;
 
 const std::string& ThisHost() { return zel::platform::CurrentHost().Config().hostUuid; }
 
@@ -111,7 +103,7 @@ std::vector<ZelNetBrixEntry> GetBrixEntriesForNokNics() {
   for (const DirectoryEntry& entry : entries) {
     ZelInterfaceRecord record;
     std::string error;
-    if (zel::directory::UnmarshalInterfaceRecord(entry.payload, &record, &error) != NOK_OK) {
+    if (zel::platform::UnmarshalInterfaceRecord(entry.payload, &record, &error) != NOK_OK) {
       ZEL_LOG_WARNING("%s: Failed to umsh ZEL interface entry from BRIX with error %s\n", kTag,
                       error.c_str());
       // Left nameless (a failed unmarshal writes nothing), it matches no
@@ -162,7 +154,7 @@ void UpdateNetBrixEntry(const ZelInterfaceRecord& record, const std::string& ent
   entry.key = ThisHost();
   entry.ownerHost = ThisHost();
   entry.entryId = entryUuid;
-  NOK_ReturnStatus status = zel::directory::MarshalInterfaceRecord(record, &entry.payload);
+  NOK_ReturnStatus status = zel::platform::MarshalInterfaceRecord(record, &entry.payload);
   if (status != NOK_OK) {
     LogAndThrow(std::string("Failed to marshal BRIX ZEL interface entry: ") +
                 NOK_ReturnStatusToString(status));
@@ -193,30 +185,6 @@ void DeleteNetBrixEntry(const std::string& entryUuid) {
     LogAndThrow("Failed to delete interface entry UUID " + entryUuid + " with error " +
                 NOK_ReturnStatusToString(status));
   }
-}
-
-std::vector<std::string> GetZelDownNokNics() {
-  std::vector<std::string> down;
-  for (const std::string& name : ConfigCache::GetAllIscsiNoknics()) {
-    switch (NokCtl::Network::NokKernelNicApi::GetNokKernelNicState(name)) {
-      case zel::platform::NOKNIC_DOWN:
-      case zel::platform::NOKNIC_NO_CARRIER:
-        down.push_back(name);
-        break;
-      case zel::platform::NOKNIC_NO_UPLINKS:
-        if (++gNoUplinksObservations % kNoUplinksLogEvery == 0) {
-          ZEL_LOG_INFO("%s: Retrieve physical Nic uplinks Empty for iSCSI NokNic(%s)\n", kTag,
-                       name.c_str());
-        }
-        break;
-      case zel::platform::NOKNIC_NONE:
-        ZEL_LOG_WARNING("%s: Receive NOKNIC_NONE for iSCSI NokNic(%s)\n", kTag, name.c_str());
-        break;
-      default:
-        break;
-    }
-  }
-  return down;
 }
 
 }  // namespace Util

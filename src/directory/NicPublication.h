@@ -12,7 +12,7 @@
 // failure ends the pass; the next pass repairs the rest.
 //
 // Runs under its callers' locks (enable, restore, the network-change event)
-// and keeps no state except the uplink log counter of GetZelDownNokNics.
+// and keeps no state.
 #pragma once
 
 #include <array>
@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
-#include "directory/EntryMarshal.h"
 #include "platform/Directory.h"
+#include "platform/EntryMarshal.h"
 
 namespace NokCtl {
 namespace Orva {
@@ -39,7 +39,7 @@ class ZelNetBrixEntry {
   // Not yet published: no entry identity.
   ZelNetBrixEntry(std::string name, uint32_t ipv4, const Ipv6Address& ipv6);
   // As read from the directory entry `entryUuid`.
-  ZelNetBrixEntry(const zel::directory::ZelInterfaceRecord& record, std::string entryUuid);
+  ZelNetBrixEntry(const zel::platform::ZelInterfaceRecord& record, std::string entryUuid);
 
   const std::string& GetName() const { return name_; }
   // Network byte order; 0 when the interface has no IPv4 address.
@@ -51,7 +51,7 @@ class ZelNetBrixEntry {
   const std::string& GetEntryUuid() const { return entryUuid_; }
 
   // The directory record of this interface.
-  zel::directory::ZelInterfaceRecord GetBrixOrvaIscsiInterfaceMap() const;
+  zel::platform::ZelInterfaceRecord GetBrixOrvaIscsiInterfaceMap() const;
 
   // The same interface: names only.
   bool operator==(const ZelNetBrixEntry& other) const;
@@ -101,7 +101,7 @@ void PublishDiffNetBrixEntries(const std::vector<ZelNetBrixEntry>& existing,
 
 // Writes `record` into this host's entry `entryUuid`, which keeps its
 // identity; an empty `entryUuid` creates a new entry. Throws on failure.
-void UpdateNetBrixEntry(const zel::directory::ZelInterfaceRecord& record,
+void UpdateNetBrixEntry(const zel::platform::ZelInterfaceRecord& record,
                         const std::string& entryUuid);
 
 // Publishes `record` as a new entry of this host. Throws on failure.
@@ -110,12 +110,6 @@ void PublishNewNetBrixEntry(const ZelNetBrixEntry& record);
 // Deletes this host's entry `entryUuid`. One that is already gone is only
 // logged: the directory holds what was wanted. Throws on any other failure.
 void DeleteNetBrixEntry(const std::string& entryUuid);
-
-// The interfaces that configured targets listen on and that are down or
-// without carrier, in the configuration's order. An interface without
-// physical uplinks is not down; one the host does not have is warned about
-// and not reported either.
-std::vector<std::string> GetZelDownNokNics();
 
 }  // namespace Util
 }  // namespace IscsiTarget

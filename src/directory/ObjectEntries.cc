@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/Log.h"
 #include "zel/OrvaCtlException.h"
@@ -39,9 +39,9 @@ NOK_ReturnStatus ZeldBrixGetOwnerHost(const std::string& objectUuid, std::string
                     NOK_ReturnStatusToString(status));
     return status;
   }
-  zel::directory::StorageObjectRecord record;
+  zel::platform::StorageObjectRecord record;
   std::string error;
-  status = zel::directory::UnmarshalStorageObjectRecord(entries.front().payload, &record, &error);
+  status = zel::platform::UnmarshalStorageObjectRecord(entries.front().payload, &record, &error);
   if (status != NOK_OK) {
     ZEL_LOG_WARNING("Failed to unmarshal BRIX entry of object %s: %s", objectUuid.c_str(),
                     error.c_str());
@@ -78,10 +78,10 @@ NOK_ReturnStatus ZeldBrixGetInterfaceAddress(const std::string& hostUuid, const 
   }
 
   for (const DirectoryEntry& entry : entries) {
-    zel::directory::ZelInterfaceRecord record;
+    zel::platform::ZelInterfaceRecord record;
     std::string error;
     // One unreadable entry must not hide the host's other interfaces.
-    if (zel::directory::UnmarshalInterfaceRecord(entry.payload, &record, &error) != NOK_OK) {
+    if (zel::platform::UnmarshalInterfaceRecord(entry.payload, &record, &error) != NOK_OK) {
       ZEL_LOG_WARNING("Failed to unmarshal ZEL interface entry %s of host %s: %s",
                       entry.entryId.c_str(), hostUuid.c_str(), error.c_str());
       continue;

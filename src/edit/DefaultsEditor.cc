@@ -3,10 +3,11 @@
 #include <cstdint>
 #include <string>
 
+#include "cache/ConfigSave.h"
 #include "conf/ConfHandle.h"
 #include "edit/Parser.h"
 #include "platform/Log.h"
-#include "service/ConfigChange.h"
+#include "storage/DatastoreLayout.h"
 #include "zel/AuthInfo.h"
 #include "zel/OrvaCtlException.h"
 
@@ -47,7 +48,7 @@ void UpdateDefaultConfig(const DefaultInfo& info) {
   ZEL_LOG_INFO("%s: Updating default config: auth type '%s', network interface '%s', port %d\n",
                kTag, info.authType.c_str(), info.networkInterface.c_str(), info.port);
   // The reader gives every conf both built-in "default" groups.
-  ConfHandle handle(ConfHandle::kExclusiveMode);
+  ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
   struct auth_group* ag = auth_group_find(handle.conf, kDefaultGroup);
   struct portal_group* pg = portal_group_find(handle.conf, kDefaultGroup);
   UpdateAuthGroupAuth(ag, DefaultAuth(info));

@@ -4,11 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "cache/ConfigSave.h"
 #include "conf/ConfHandle.h"
 #include "edit/Parser.h"
 #include "edit/Validation.h"
 #include "platform/Log.h"
-#include "service/ConfigChange.h"
+#include "storage/DatastoreLayout.h"
 #include "zel/OrvaCtlException.h"
 
 namespace NokCtl {
@@ -45,7 +46,7 @@ struct initiator_group* FindGroup(const struct conf* conf, const std::string& na
 
 void AddNewInitiatorgroupToConfFile(const std::string& name) {
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     int count = 0;
     const struct initiator_group* ig;
     TAILQ_FOREACH(ig, &handle.conf->conf_initiator_groups, ig_next) {
@@ -73,7 +74,7 @@ void RemoveInitiatorgroupFromConfFile(const std::string& name, bool force) {
   ZEL_LOG_INFO("%s: Remove initiator group %s from conf file (force enabled: %d).\n", kTag,
                name.c_str(), force ? 1 : 0);
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     struct initiator_group* ig = FindGroup(handle.conf, name);
     if (!TAILQ_EMPTY(&ig->ig_initiators) && !force) {
       throw OrvaCtlException("Initiator group " + name +
@@ -94,7 +95,7 @@ void AddInitiatorsToInitiatorgroup(const std::string& name,
   ZEL_LOG_INFO("%s: Adding %zd initiators to initiator group %s.\n", kTag, initiators.size(),
                name.c_str());
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     struct initiator_group* ig = FindGroup(handle.conf, name);
     checkInitiatorCount(handle.conf, static_cast<int>(initiators.size()));
     for (const std::string& initiator : initiators) {
@@ -123,7 +124,7 @@ void RemoveInitiatorsFromInitiatorgroup(const std::string& name,
   ZEL_LOG_INFO("%s: Removing %zd initiators from initiator group %s.\n", kTag, initiators.size(),
                name.c_str());
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     struct initiator_group* ig = FindGroup(handle.conf, name);
     for (const std::string& initiator : initiators) {
       struct initiator* member = initiator_find(ig, LowerCase(initiator).c_str());

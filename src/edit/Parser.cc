@@ -1,6 +1,5 @@
 #include "edit/Parser.h"
 
-#include <sodium.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -18,15 +17,6 @@ namespace Orva {
 namespace IscsiTarget {
 
 using HostCtl::Lib::Orva::OrvaCtlException;
-
-const char* AuthTypeToStr(int type) {
-  switch (type) {
-    case AG_TYPE_CHAP: return "CHAP";
-    case AG_TYPE_CHAP_MUTUAL: return "CHAP-Mutual";
-    case AG_TYPE_NO_AUTHENTICATION: return "No-Authentication";
-    default: return "None";
-  }
-}
 
 namespace Parser {
 
@@ -71,30 +61,6 @@ void checkInitiatorCount(const struct conf* conf, int newCount) {
                            ". Current initiator count: " + std::to_string(count) +
                            ". New initiators count: " + std::to_string(newCount) + ".");
   }
-}
-
-void Base64EncodeWrapper(const unsigned char* data, unsigned long length, char* out,
-                         unsigned long outSize) {
-  const unsigned long encodedLength = 4 * ((length + 2) / 3);
-  if (outSize == 0 || encodedLength > outSize - 1) {
-    throw OrvaCtlException("Base64_Encode failed: Unexpected encoding size");
-  }
-  if (sodium_bin2base64(out, outSize, data, length, sodium_base64_VARIANT_ORIGINAL) == nullptr) {
-    throw OrvaCtlException("Base64_Encode failed");
-  }
-  out[encodedLength] = '\0';
-}
-
-const struct auth* GetAuthInfo(const struct auth_group* ag, std::string& type) {
-  if (ag == nullptr) {
-    type = "No-Authentication";
-    return nullptr;
-  }
-  type = AuthTypeToStr(ag->ag_type);
-  if (ag->ag_type == AG_TYPE_CHAP || ag->ag_type == AG_TYPE_CHAP_MUTUAL) {
-    return TAILQ_FIRST(&ag->ag_auths);
-  }
-  return nullptr;
 }
 
 void UpdateTargetAuthGroup(struct target* target, const AuthInfo& authInfo) {

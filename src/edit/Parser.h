@@ -1,19 +1,17 @@
 // Helpers that sit directly on the configuration file: parser start-up, the
-// empty file, the cluster-wide initiator limit, secret encoding, the
-// authentication type texts, and rewriting a target's CHAP settings.
+// empty file, the cluster-wide initiator limit, and rewriting a target's
+// CHAP settings (how the file keeps authentication is conf/ParserAuth.h).
 #pragma once
 
 #include <string>
 
+#include "conf/ParserAuth.h"
 #include "conf/conf.h"
 #include "zel/AuthInfo.h"
 
 namespace NokCtl {
 namespace Orva {
 namespace IscsiTarget {
-
-// 3 "CHAP", 4 "CHAP-Mutual", 2 "No-Authentication", anything else "None".
-const char* AuthTypeToStr(int type);
 
 namespace Parser {
 
@@ -28,14 +26,6 @@ void InitConf();
 // Throws when `newCount` more initiators would take the cluster past its
 // limit. Initiator entries of targets that name a group are not counted.
 void checkInitiatorCount(const struct conf* conf, int newCount);
-
-// Standard Base64 of `data` into `out`, NUL-terminated; throws when it does
-// not fit.
-void Base64EncodeWrapper(const unsigned char* data, unsigned long length, char* out,
-                         unsigned long outSize);
-
-// The group's type text, and its first credential when it is a CHAP group.
-const struct auth* GetAuthInfo(const struct auth_group* ag, std::string& type);
 
 // Makes the target's own auth group (named after its "uuid" option) carry
 // `authInfo`, creating the group when missing.

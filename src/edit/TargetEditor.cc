@@ -5,12 +5,13 @@
 #include <cstdint>
 
 #include "cache/ConfigCache.h"
+#include "cache/ConfigSave.h"
 #include "edit/Parser.h"
 #include "edit/ParserQueries.h"
 #include "edit/TargetAccess.h"
 #include "edit/Validation.h"
 #include "platform/Log.h"
-#include "service/ConfigChange.h"
+#include "storage/DatastoreLayout.h"
 #include "zel/AuthInfo.h"
 #include "zel/OrvaCtlException.h"
 
@@ -80,7 +81,7 @@ struct target* FindTargetByAlias(struct conf* conf, const std::string& alias) {
 void AddNewTargetToConfFile(TargetCreateParam& param, bool& rollback) {
   ZEL_LOG_INFO("%s: Adding new target to conf file.\n", kTag);
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     CheckNewTargetFits(handle.conf, param);
     struct target* target = target_new(handle.conf, param.iqn.c_str());
     if (target == nullptr) throw OrvaCtlException("Failed to create new target " + param.iqn);
@@ -111,7 +112,7 @@ void AddNewTargetToConfFile(TargetCreateParam& param, bool& rollback) {
 void RemoveTargetFromConfFile(const std::string& alias) {
   ZEL_LOG_INFO("%s: Removing target alias %s from config file\n", kTag, alias.c_str());
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     struct target* target = FindTargetByAlias(handle.conf, alias);
     DetachTargetGroups(target);
     target_delete(target);

@@ -16,7 +16,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/AtomicFile.h"
+#include "platform/local/AtomicFile.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {

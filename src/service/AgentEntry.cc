@@ -1,4 +1,4 @@
-#include "service/AgentEntry.h"
+#include "zel/AgentEntry.h"
 
 #include <algorithm>
 #include <exception>
@@ -10,8 +10,8 @@
 
 #include "platform/Events.h"
 #include "platform/Host.h"
-#include "platform/LocalClusterFacts.h"
 #include "platform/Log.h"
+#include "platform/local/LocalClusterFacts.h"
 #include "service/ServiceConfig.h"
 #include "zel/OrvaCtlException.h"
 

@@ -5,10 +5,10 @@
 
 #include "directory/NicPublication.h"
 #include "platform/Log.h"
-#include "service/AgentEntry.h"
 #include "service/DaemonControl.h"
 #include "service/OrvaIscsiTargetImpl.h"
 #include "service/ServiceConfig.h"
+#include "zel/AgentEntry.h"
 
 namespace NokCtl {
 namespace Orva {

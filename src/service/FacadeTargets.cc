@@ -5,6 +5,7 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
+#include "cache/ConfigSave.h"
 #include "conf/ConfHandle.h"
 #include "edit/DefaultIqn.h"
 #include "edit/NetworkValidation.h"
@@ -13,8 +14,8 @@
 #include "edit/Validation.h"
 #include "placement/Affinity.h"
 #include "platform/Log.h"
-#include "service/ConfigChange.h"
 #include "service/OrvaIscsiTargetImpl.h"
+#include "storage/DatastoreLayout.h"
 #include "storage/Policy.h"
 #include "storage/TargetNamespace.h"
 
@@ -72,7 +73,7 @@ void OrvaIscsiTargetImpl::UpdateTargetConfig(Api::TargetCreateParam& param) {
   Util::VerifyTargetAuthParams(param);
   const Api::TargetInfo current = Util::GetTargetInfoFromConfFile(param.alias);
   try {
-    ConfHandle handle(ConfHandle::kExclusiveMode);
+    ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     Parser::UpdateTargetConf(param, handle);
     Util::VerifyUpdateTargetAffinity(_complianceHandle, param, current);
     if (!param.policy.empty()) {

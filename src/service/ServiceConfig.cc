@@ -8,8 +8,8 @@
 
 #include "platform/ExecApi.h"
 #include "platform/Host.h"
-#include "platform/LocalLegacyConfig.h"
 #include "platform/Log.h"
+#include "platform/local/LocalLegacyConfig.h"
 #include "zel/OrvaCtlException.h"
 
 namespace NokCtl {

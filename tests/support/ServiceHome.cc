@@ -10,15 +10,15 @@
 
 #include "cache/ConfigCache.h"
 #include "directory/DirectoryEntries.h"
-#include "directory/EntryMarshal.h"
-#include "platform/AtomicFile.h"
-#include "platform/JsonConfigStore.h"
-#include "platform/LocalClusterFacts.h"
-#include "platform/LocalDiskLibrary.h"
-#include "platform/LocalNamespaces.h"
-#include "platform/LocalKernelOptions.h"
-#include "platform/LocalPolicyService.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/EntryMarshal.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/JsonConfigStore.h"
+#include "platform/local/LocalClusterFacts.h"
+#include "platform/local/LocalDiskLibrary.h"
+#include "platform/local/LocalKernelOptions.h"
+#include "platform/local/LocalNamespaces.h"
+#include "platform/local/LocalPolicyService.h"
+#include "platform/local/SqliteDirectory.h"
 
 namespace zel {
 namespace test {
@@ -168,7 +168,7 @@ void ServiceHome::AnnounceObject(const std::string& uuid, const std::string& own
   entry.key = uuid;
   entry.entryId = uuid;
   entry.ownerHost = ownerHost;
-  if (directory::MarshalStorageObjectRecord({ownerHost, policy}, &entry.payload) != NOK_OK) {
+  if (platform::MarshalStorageObjectRecord({ownerHost, policy}, &entry.payload) != NOK_OK) {
     throw std::runtime_error("cannot marshal storage object " + uuid);
   }
   Publish(*OpenDirectory(platform::LoadHostConfig(Path())), entry);

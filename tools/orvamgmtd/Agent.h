@@ -15,8 +15,8 @@
 
 #include <memory>
 
-#include "Daemon.h"
 #include "ZelLibrary.h"
+#include "common/Daemon.h"
 
 namespace orvamgmtd {
 

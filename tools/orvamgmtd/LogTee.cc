@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "Daemon.h"
+#include "common/Daemon.h"
 
 namespace orvamgmtd {
 namespace {

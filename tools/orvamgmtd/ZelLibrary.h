@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "service/AgentEntry.h"
+#include "zel/AgentEntry.h"
 #include "zel/OrvaPlugin.h"
 
 namespace orvamgmtd {

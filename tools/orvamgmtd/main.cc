@@ -24,9 +24,9 @@
 #include <string>
 
 #include "Agent.h"
-#include "Daemon.h"
 #include "LogTee.h"
 #include "ZelLibrary.h"
+#include "common/Daemon.h"
 
 #ifndef ZEL_AGENT_LIBRARY_PATH
 #error "ZEL_AGENT_LIBRARY_PATH must name the library the agent loads by default"

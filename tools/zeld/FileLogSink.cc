@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "Daemon.h"
+#include "common/Daemon.h"
 
 namespace zeltools {
 

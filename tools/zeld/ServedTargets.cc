@@ -66,7 +66,7 @@ void LogServedTargets() {
       ZEL_LOG_WARNING("%s: %s not found; serving nothing\n", kTag, path.c_str());
       return;
     }
-    ConfHandle handle(ConfHandle::kShareMode);
+    ConfHandle handle(ConfHandle::kShareMode, path);
     int targets = 0;
     const struct target* target;
     TAILQ_FOREACH(target, &handle.conf->conf_targets, t_next) { ++targets; }

@@ -20,9 +20,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "Daemon.h"
 #include "FileLogSink.h"
 #include "ServedTargets.h"
+#include "common/Daemon.h"
 #include "platform/Host.h"
 #include "zel/OrvaCtlException.h"
 

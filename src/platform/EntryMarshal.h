@@ -29,7 +29,7 @@ constexpr const char* BRIX_NAME_STORAGE_OBJECT = "BrixStorageObject";
 constexpr size_t BRIX_PAYLOAD_MAX = 1024;
 
 namespace zel {
-namespace directory {
+namespace platform {
 
 // The configuration generation entry (type 37): the generation of zel.conf
 // that every host should be reading.
@@ -73,5 +73,5 @@ NOK_ReturnStatus UnmarshalStorageObjectRecord(const std::string& payload,
 // other text.
 bool ParseUuidText(const std::string& text, std::string* canonical);
 
-}  // namespace directory
+}  // namespace platform
 }  // namespace zel

@@ -1,4 +1,4 @@
-#include "platform/SqliteDirectory.h"
+#include "platform/local/SqliteDirectory.h"
 
 #include <sqlite3.h>
 

@@ -1,11 +1,10 @@
-#include "service/ConfigChange.h"
+#include "service/ConfigBackup.h"
 
 #include <atomic>
 #include <limits>
 
 #include "cache/ConfigCache.h"
 #include "conf/ConfHandle.h"
-#include "directory/DirectoryEntries.h"
 #include "platform/Log.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
@@ -30,37 +29,6 @@ std::atomic<uint64_t> backupConfGenNumber{kNone};
 
 }  // namespace
 
-void DoActionForConfigChange(uint64_t generation) {
-  if (generation == kNone) return;
-  const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(generation);
-  if (status == NOK_OK) return;
-  if (status == NOK_EXISTS) {
-    ZEL_LOG_WARNING(
-        "%s: Update ZEL conf entry into BRIX with config genration number %ld failed with "
-        "NOK_EXISTS\n",
-        kTag, static_cast<long>(generation));
-    return;
-  }
-  throw OrvaCtlException(std::string("Failed to Update ZEL conf entry into BRIX with error: ") +
-                         NOK_ReturnStatusToString(status));
-}
-
-uint64_t SaveAndAnnounceConfig(ConfHandle& handle) {
-  const uint64_t generation = handle.WriteConfFile();
-  ConfigCache::CleanupCachedConfig();
-  DoActionForConfigChange(generation);
-  return generation;
-}
-
-bool IsRefreshConfNeeded(uint64_t& known) {
-  const uint64_t cached = ConfigCache::GetCachedConfGenNumber();
-  // All ones is the empty cache, not a generation: taking it as one would
-  // make every later generation look old.
-  if (cached == kNone || cached <= known) return false;
-  known = cached;
-  return true;
-}
-
 bool IsBackupConfNeeded() {
   const uint64_t backedUp = backupConfGenNumber.load();
   return backedUp == kNone || ConfigCache::GetCachedConfGenNumber() > backedUp;
@@ -72,7 +40,7 @@ void BackupConfigFile() {
 
 bool CopyZelConfWithLock() {
   try {
-    ConfHandle handle(ConfHandle::kShareMode);
+    ConfHandle handle(ConfHandle::kShareMode, Util::GetConfFilePath());
     const uint64_t generation = handle.GetCurrentGenerationNum();
     const uint64_t backedUp = backupConfGenNumber.load();
     if (backedUp != kNone && backedUp >= generation) {
@@ -80,7 +48,7 @@ bool CopyZelConfWithLock() {
                       kTag, static_cast<long>(backedUp), static_cast<long>(generation));
       return true;
     }
-    handle.UpdateBackupConfigFile();
+    handle.UpdateBackupConfigFile(GetBackupConfFilePath());
     backupConfGenNumber.store(generation);
     return true;
   } catch (const OrvaCtlException& e) {

@@ -1,12 +1,12 @@
-#include "platform/LocalKernelOptions.h"
+#include "platform/local/LocalKernelOptions.h"
 
 #include <limits>
 #include <map>
 
 #include <nlohmann/json.hpp>
 
-#include "platform/AtomicFile.h"
 #include "platform/Log.h"
+#include "platform/local/AtomicFile.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {

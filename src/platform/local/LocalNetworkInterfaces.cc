@@ -1,4 +1,4 @@
-#include "platform/LocalNetworkInterfaces.h"
+#include "platform/local/LocalNetworkInterfaces.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>

@@ -1,4 +1,4 @@
-#include "platform/LocalClusterFacts.h"
+#include "platform/local/LocalClusterFacts.h"
 
 #include <future>
 #include <vector>

@@ -17,6 +17,14 @@
 namespace zel {
 namespace platform {
 
+// The two halves of every atomic replacement on this host, zel.conf's
+// included: a temporary file created beside `path` (same file system, so
+// the rename cannot degrade into a copy), and a rename over `path` made
+// durable by an fsync of the directory. Each returns 0 or the errno of the
+// failed call; CreateTempFileBeside returns the open descriptor in `*fd`.
+int CreateTempFileBeside(const std::string& path, int* fd, std::string* tempPath);
+int RenameDurably(const std::string& tempPath, const std::string& path);
+
 // Replaces `path` with `contents`, permission bits `mode`: a temporary file
 // beside it is written, fsynced, renamed over `path`, and the directory is
 // fsynced. After a crash `path` holds the old or the new contents, never a

@@ -1,16 +1,16 @@
 // The local file layer: open(2) with flock(2) advisory locks, mkstemp beside
-// the target, fsync, rename(2) and an fsync of the directory.
+// the target, fsync, rename(2) and an fsync of the directory (the halves
+// of local/AtomicFile.h).
 #include <fcntl.h>
-#include <libgen.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
-#include <vector>
 
 #include "platform/Host.h"
+#include "platform/local/AtomicFile.h"
 
 namespace zel {
 namespace platform {
@@ -26,12 +26,6 @@ FileIOResult ResultFromErrno(int error) {
     case EWOULDBLOCK: return FILEIO_LOCK_FAILED;
     default: return FILEIO_ERROR;
   }
-}
-
-std::string DirectoryOf(const std::string& path) {
-  std::vector<char> copy(path.begin(), path.end());
-  copy.push_back('\0');
-  return dirname(copy.data());
 }
 
 class PosixFileSystem final : public FileSystem {
@@ -79,15 +73,13 @@ class PosixFileSystem final : public FileSystem {
   }
 
   FileIOResult AtomicTempFile(const std::string& path, FileIODescriptor* temp) override {
-    std::string pattern = path + ".tmpXXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    const int fd = ::mkostemp(name.data(), O_CLOEXEC);
-    if (fd < 0) return ResultFromErrno(errno);
+    int fd = -1;
+    std::string tempPath;
+    if (const int error = CreateTempFileBeside(path, &fd, &tempPath)) return ResultFromErrno(error);
     struct stat existing;
     if (::stat(path.c_str(), &existing) == 0) ::fchmod(fd, existing.st_mode & 07777);
     temp->fd = fd;
-    temp->path = name.data();
+    temp->path = tempPath;
     return FILEIO_SUCCESS;
   }
 
@@ -96,13 +88,7 @@ class PosixFileSystem final : public FileSystem {
   }
 
   FileIOResult AtomicUpdate(FileIODescriptor* temp, const std::string& path) override {
-    if (::rename(temp->path.c_str(), path.c_str()) != 0) return ResultFromErrno(errno);
-    const int dir = ::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir < 0) return ResultFromErrno(errno);
-    const int rc = ::fsync(dir);
-    const int error = errno;
-    ::close(dir);
-    if (rc != 0) return ResultFromErrno(error);
+    if (const int error = RenameDurably(temp->path, path)) return ResultFromErrno(error);
     ::close(temp->fd);
     FileIO_Invalidate(temp);
     return FILEIO_SUCCESS;

@@ -1,4 +1,4 @@
-#include "platform/LocalHostControl.h"
+#include "platform/local/LocalHostControl.h"
 
 #include <unistd.h>
 
@@ -10,9 +10,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/AtomicFile.h"
-#include "platform/LocalCommandRunner.h"
 #include "platform/Log.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/LocalCommandRunner.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {

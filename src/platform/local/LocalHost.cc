@@ -3,17 +3,17 @@
 #include <memory>
 
 #include "platform/Host.h"
-#include "platform/JsonConfigStore.h"
-#include "platform/LocalClusterFacts.h"
-#include "platform/LocalCommandRunner.h"
-#include "platform/LocalDiskLibrary.h"
-#include "platform/LocalHostControl.h"
-#include "platform/LocalKernelOptions.h"
-#include "platform/LocalLegacyConfig.h"
-#include "platform/LocalNamespaces.h"
-#include "platform/LocalNetworkInterfaces.h"
-#include "platform/LocalPolicyService.h"
-#include "platform/SqliteDirectory.h"
+#include "platform/local/JsonConfigStore.h"
+#include "platform/local/LocalClusterFacts.h"
+#include "platform/local/LocalCommandRunner.h"
+#include "platform/local/LocalDiskLibrary.h"
+#include "platform/local/LocalHostControl.h"
+#include "platform/local/LocalKernelOptions.h"
+#include "platform/local/LocalLegacyConfig.h"
+#include "platform/local/LocalNamespaces.h"
+#include "platform/local/LocalNetworkInterfaces.h"
+#include "platform/local/LocalPolicyService.h"
+#include "platform/local/SqliteDirectory.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {

@@ -1,4 +1,4 @@
-#include "platform/LocalPolicyService.h"
+#include "platform/local/LocalPolicyService.h"
 
 #include <algorithm>
 #include <vector>
@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/Log.h"
-#include "storage/Policy.h"
+#include "platform/PolicyRules.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {
@@ -78,9 +78,9 @@ PolicyStatus LocalPolicyService::GetObjectPolicyStatus(const std::string& object
 
 Compliance LocalPolicyService::Judge(const std::string& objectUuid, const std::string& policy) {
   if (cluster_ == nullptr) return Compliance::Unknown;
-  storage::PolicyRules rules;
+  platform::PolicyRules rules;
   std::string why;
-  if (!storage::ParsePolicyRules(policy, &rules, &why)) {
+  if (!platform::ParsePolicyRules(policy, &rules, &why)) {
     ZEL_LOG_WARNING("%s: Storage object %s has an unreadable policy: %s", kTag,
                     objectUuid.c_str(), why.c_str());
     return Compliance::NonCompliant;

@@ -1,8 +1,8 @@
-#include "platform/JsonConfigStore.h"
+#include "platform/local/JsonConfigStore.h"
 
 #include <limits>
 
-#include "platform/AtomicFile.h"
+#include "platform/local/AtomicFile.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {

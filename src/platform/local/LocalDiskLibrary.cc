@@ -1,4 +1,4 @@
-#include "platform/LocalDiskLibrary.h"
+#include "platform/local/LocalDiskLibrary.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

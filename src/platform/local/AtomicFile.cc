@@ -1,4 +1,4 @@
-#include "platform/AtomicFile.h"
+#include "platform/local/AtomicFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -66,13 +66,33 @@ std::string SyntaxErrorDetail(const nlohmann::json::parse_error& error) {
 
 }  // namespace
 
-void WriteFileAtomically(const std::string& path, const std::string& contents, mode_t mode) {
+int CreateTempFileBeside(const std::string& path, int* fd, std::string* tempPath) {
   std::string pattern = path + ".tmpXXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
-  const int fd = ::mkostemp(name.data(), O_CLOEXEC);
-  if (fd < 0) ThrowFileError("Failed to create a temporary file for", path, errno);
-  const std::string tempPath = name.data();
+  *fd = ::mkostemp(name.data(), O_CLOEXEC);
+  if (*fd < 0) return errno;
+  *tempPath = name.data();
+  return 0;
+}
+
+int RenameDurably(const std::string& tempPath, const std::string& path) {
+  if (::rename(tempPath.c_str(), path.c_str()) != 0) return errno;
+  // The rename is durable only once the directory is.
+  const int dirFd = ::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd < 0) return errno;
+  const int rc = ::fsync(dirFd);
+  const int error = errno;
+  ::close(dirFd);
+  return rc == 0 ? 0 : error;
+}
+
+void WriteFileAtomically(const std::string& path, const std::string& contents, mode_t mode) {
+  int fd = -1;
+  std::string tempPath;
+  if (const int error = CreateTempFileBeside(path, &fd, &tempPath)) {
+    ThrowFileError("Failed to create a temporary file for", path, error);
+  }
 
   // Until the rename the previous file is untouched; a failure only has to
   // remove the temporary file.
@@ -89,20 +109,12 @@ void WriteFileAtomically(const std::string& path, const std::string& contents, m
     ::unlink(tempPath.c_str());
     ThrowFileError("Failed to write", path, error);
   }
-  if (::rename(tempPath.c_str(), path.c_str()) != 0) {
-    const int error = errno;
+  if (const int error = RenameDurably(tempPath, path)) {
+    // A failed rename leaves the temporary file; a failed directory sync
+    // leaves nothing to remove.
     ::unlink(tempPath.c_str());
     ThrowFileError("Failed to write", path, error);
   }
-
-  // The rename is durable only once the directory is.
-  const std::string directory = DirectoryOf(path);
-  const int dirFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd < 0) ThrowFileError("Failed to sync the directory of", path, errno);
-  const int rc = ::fsync(dirFd);
-  const int error = errno;
-  ::close(dirFd);
-  if (rc != 0) ThrowFileError("Failed to sync the directory of", path, error);
 }
 
 bool ReadJsonFile(const std::string& path, const std::string& what, nlohmann::json* document) {

@@ -1,6 +1,6 @@
 // What follows a save of zel.conf: announcing its generation in the cluster
-// directory, telling whether the cached configuration moved on, and keeping
-// this host's backup copy of the file.
+// directory and telling whether the cached configuration moved on. Editors
+// save through here without knowing the facade.
 #pragma once
 
 #include <cstdint>
@@ -30,24 +30,6 @@ uint64_t SaveAndAnnounceConfig(ConfHandle& handle);
 // cache holds a generation later than `known`. An empty cache tells
 // nothing and answers false.
 bool IsRefreshConfNeeded(uint64_t& known);
-
-// True before the first backup of this process, and afterwards when the
-// cached generation is later than the last one backed up (or nothing is
-// cached, so the file must be asked).
-bool IsBackupConfNeeded();
-
-// Copies zel.conf to the backup path, only inside the management process
-// and only when IsBackupConfNeeded.
-void BackupConfigFile();
-
-// Copies zel.conf to the backup path under the file's shared lock, unless
-// this generation or a later one was copied already (a warning). False,
-// after logging, when the file cannot be read or copied.
-bool CopyZelConfWithLock();
-
-// Forgets the last backup, as at the start of the process: the next
-// BackupConfigFile copies whatever the generation.
-void ForgetBackupConfGenNumber();
 
 }  // namespace Util
 }  // namespace IscsiTarget

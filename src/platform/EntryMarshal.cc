@@ -1,11 +1,11 @@
-#include "directory/EntryMarshal.h"
+#include "platform/EntryMarshal.h"
 
 #include <cctype>
 
 #include <nlohmann/json.hpp>
 
 namespace zel {
-namespace directory {
+namespace platform {
 namespace {
 
 using nlohmann::json;
@@ -171,5 +171,5 @@ bool ParseUuidText(const std::string& text, std::string* canonical) {
   return true;
 }
 
-}  // namespace directory
+}  // namespace platform
 }  // namespace zel

@@ -1,8 +1,8 @@
-#include "platform/LocalLegacyConfig.h"
+#include "platform/local/LocalLegacyConfig.h"
 
 #include <nlohmann/json.hpp>
 
-#include "platform/AtomicFile.h"
+#include "platform/local/AtomicFile.h"
 #include "zel/OrvaCtlException.h"
 
 namespace zel {

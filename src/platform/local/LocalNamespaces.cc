@@ -1,4 +1,4 @@
-#include "platform/LocalNamespaces.h"
+#include "platform/local/LocalNamespaces.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,12 +14,12 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <nlohmann/json.hpp>
 
-#include "directory/EntryMarshal.h"
-#include "platform/AtomicFile.h"
+#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
-#include "platform/LocalPolicyService.h"
 #include "platform/Log.h"
-#include "storage/Policy.h"
+#include "platform/PolicyRules.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/LocalPolicyService.h"
 
 namespace zel {
 namespace platform {
@@ -84,7 +84,7 @@ void Announce(const std::string& name, const std::string& uuid, const std::strin
   entry.entryId = uuid;
   entry.ownerHost = owner;
   NOK_ReturnStatus status =
-      directory::MarshalStorageObjectRecord({owner, policy}, &entry.payload);
+      platform::MarshalStorageObjectRecord({owner, policy}, &entry.payload);
   if (status == NOK_OK) {
     std::promise<NOK_ReturnStatus> completed;
     std::future<NOK_ReturnStatus> result = completed.get_future();
@@ -118,7 +118,7 @@ class LocalNamespaces final : public Namespaces {
 Location Locate(const std::string& root, const std::string& name) {
   CheckName(name);
   Location where;
-  if (!directory::ParseUuidText(name, &where.uuid)) {
+  if (!platform::ParseUuidText(name, &where.uuid)) {
     where.link = root + "/" + name;
     char target[PATH_MAX];
     const ssize_t length = ::readlink(where.link.c_str(), target, sizeof target - 1);
@@ -132,7 +132,7 @@ Location Locate(const std::string& root, const std::string& name) {
     target[length] = '\0';
     // The link names the namespace's directory, whose name is its identity.
     const char* slash = std::strrchr(target, '/');
-    if (!directory::ParseUuidText(slash == nullptr ? target : slash + 1, &where.uuid)) {
+    if (!platform::ParseUuidText(slash == nullptr ? target : slash + 1, &where.uuid)) {
       throw OrvaCtlException(where.link + " is not a namespace link");
     }
   }
@@ -147,7 +147,7 @@ std::string LocalNamespaces::CreateNamespace(const std::string& root, const std:
   const std::string taken = "Namespace " + name + " already exists in " + root;
 
   Location where;
-  if (!directory::ParseUuidText(name, &where.uuid)) {
+  if (!platform::ParseUuidText(name, &where.uuid)) {
     where.uuid = boost::uuids::to_string(boost::uuids::random_generator()());
     where.link = root + "/" + name;
     if (PathPresent(where.link)) throw NamespaceExistsException(taken);

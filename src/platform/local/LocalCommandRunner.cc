@@ -1,4 +1,4 @@
-#include "platform/LocalCommandRunner.h"
+#include "platform/local/LocalCommandRunner.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/LocalHostControl.h"
 #include "platform/Log.h"
+#include "platform/local/LocalHostControl.h"
 #include "zel/OrvaCtlException.h"
 
 #ifndef ZEL_TOOLS_DIR

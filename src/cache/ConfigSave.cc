@@ -1,0 +1,59 @@
+#include "cache/ConfigSave.h"
+
+#include <limits>
+
+#include "cache/ConfigCache.h"
+#include "directory/DirectoryEntries.h"
+#include "platform/Log.h"
+#include "zel/OrvaCtlException.h"
+
+namespace NokCtl {
+namespace Orva {
+namespace IscsiTarget {
+namespace Util {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+
+namespace {
+
+const char kTag[] = "Util";
+// All ones: no file was written (as a generation), or nothing is cached.
+constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
+
+}  // namespace
+
+void DoActionForConfigChange(uint64_t generation) {
+  if (generation == kNone) return;
+  const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(generation);
+  if (status == NOK_OK) return;
+  if (status == NOK_EXISTS) {
+    ZEL_LOG_WARNING(
+        "%s: Update ZEL conf entry into BRIX with config genration number %ld failed with "
+        "NOK_EXISTS\n",
+        kTag, static_cast<long>(generation));
+    return;
+  }
+  throw OrvaCtlException(std::string("Failed to Update ZEL conf entry into BRIX with error: ") +
+                         NOK_ReturnStatusToString(status));
+}
+
+uint64_t SaveAndAnnounceConfig(ConfHandle& handle) {
+  const uint64_t generation = handle.WriteConfFile();
+  ConfigCache::CleanupCachedConfig();
+  DoActionForConfigChange(generation);
+  return generation;
+}
+
+bool IsRefreshConfNeeded(uint64_t& known) {
+  const uint64_t cached = ConfigCache::GetCachedConfGenNumber();
+  // All ones is the empty cache, not a generation: taking it as one would
+  // make every later generation look old.
+  if (cached == kNone || cached <= known) return false;
+  known = cached;
+  return true;
+}
+
+}  // namespace Util
+}  // namespace IscsiTarget
+}  // namespace Orva
+}  // namespace NokCtl
