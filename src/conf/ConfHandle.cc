@@ -1,5 +1,7 @@
 #include "conf/ConfHandle.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -120,10 +122,12 @@ uint64_t ConfHandle::WriteConfFile() {
 }
 
 void ConfHandle::UpdateBackupConfigFile(const std::string& backupPath) {
-  std::error_code ignored;
-  std::filesystem::create_directories(std::filesystem::path(backupPath).parent_path(), ignored);
-  FILE* out = fopen(backupPath.c_str(), "w");
+  // The copy holds the Base64 secrets: owner-only, whatever the umask.
+  FileIO_CreateOwnerOnlyDirectories(std::filesystem::path(backupPath).parent_path().string());
+  const int fd = open(backupPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  FILE* out = fd < 0 || fchmod(fd, 0600) != 0 ? nullptr : fdopen(fd, "w");
   if (out == nullptr) {
+    if (fd >= 0) close(fd);
     throw OrvaCtlException(std::string("Failed to open backup config file: ") + strerror(errno));
   }
   try {

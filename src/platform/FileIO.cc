@@ -1,5 +1,9 @@
 #include "platform/FileIO.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+
 #include "platform/Host.h"
 
 namespace {
@@ -37,3 +41,17 @@ FileIOResult FileIO_AtomicUpdate(FileIODescriptor* temp, const char* path) {
   return Files().AtomicUpdate(temp, path);
 }
 FileIOResult FileIO_CloseAndUnlink(FileIODescriptor* file) { return Files().CloseAndUnlink(file); }
+
+FileIOResult FileIO_CreateOwnerOnlyDirectories(const std::string& path) {
+  for (std::string::size_type end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string prefix = path.substr(0, end);
+    if (!prefix.empty() && ::mkdir(prefix.c_str(), 0700) == 0) {
+      // mkdir is subject to the umask, which may take bits away but also
+      // be looser than owner-only; chmod makes it exact.
+      if (::chmod(prefix.c_str(), 0700) != 0) return FILEIO_ERROR;
+    } else if (!prefix.empty() && errno != EEXIST) {
+      return errno == EACCES || errno == EPERM ? FILEIO_NO_PERMISSION : FILEIO_ERROR;
+    }
+    if (end == std::string::npos) return FILEIO_SUCCESS;
+  }
+}

@@ -43,7 +43,10 @@ class FileSystem {
   virtual FileIOResult Close(FileIODescriptor* file) = 0;
 
   // Creates an empty, writable temporary file in the directory of `path`,
-  // with the permission bits of `path` when it exists.
+  // with the permission bits of `path` when it exists. The caller holds the
+  // exclusive lock of `path`, so temporary files of `path` already there
+  // were left by a save that died: they are removed first (they may hold
+  // secrets).
   virtual FileIOResult AtomicTempFile(const std::string& path, FileIODescriptor* temp) = 0;
 
   virtual FileIOResult Sync(const FileIODescriptor& file) = 0;
@@ -71,3 +74,9 @@ FileIOResult FileIO_AtomicTempFile(const char* path, FileIODescriptor* temp);
 FileIOResult FileIO_Sync(const FileIODescriptor& file);
 FileIOResult FileIO_AtomicUpdate(FileIODescriptor* temp, const char* path);
 FileIOResult FileIO_CloseAndUnlink(FileIODescriptor* file);
+
+// Creates `path` and its missing parents as owner-only (0700) directories,
+// whatever the process's umask; existing ones are left as they are.
+// FILEIO_SUCCESS, or the failure with errno set. Not a host service: every
+// backend keeps its files in real directories.
+FileIOResult FileIO_CreateOwnerOnlyDirectories(const std::string& path);

@@ -16,6 +16,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/FileIO.h"
 #include "platform/local/AtomicFile.h"
 #include "zel/OrvaCtlException.h"
 
@@ -36,20 +37,10 @@ void EnsureHome(const std::string& home) {
     if (!S_ISDIR(existing.st_mode)) throw OrvaCtlException("Home " + home + " is not a directory");
     return;
   }
-  const std::filesystem::path parent = std::filesystem::path(home).parent_path();
-  std::error_code error;
-  if (!parent.empty()) std::filesystem::create_directories(parent, error);
-  if (error) {
-    throw OrvaCtlException("Failed to create home " + home + ": " + error.message());
-  }
-  if (::mkdir(home.c_str(), 0700) != 0) {
-    if (errno == EEXIST && ::stat(home.c_str(), &existing) == 0 && S_ISDIR(existing.st_mode)) {
-      return;
-    }
+  // The home holds the store's secrets.
+  if (FileIO_CreateOwnerOnlyDirectories(home) != FILEIO_SUCCESS) {
     throw OrvaCtlException("Failed to create home " + home + ": " + std::strerror(errno));
   }
-  // mkdir is subject to the umask; the home holds the store's secrets.
-  ::chmod(home.c_str(), 0700);
 }
 
 std::string LocalHostName() {
@@ -256,7 +247,7 @@ HostConfig LoadHostConfig(const std::string& home) {
     if (!ReadJsonFile(path, kWhat, &document)) document = json::object();
     if (!HasIdentity(document)) {
       CompleteIdentity(&document);
-      WriteJsonFileAtomically(path, document, 0644);
+      WriteJsonFileAtomically(path, document, 0600);
     }
   }
   HostConfig config = EmbeddedHostConfig(home);

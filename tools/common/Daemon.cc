@@ -56,7 +56,9 @@ bool SameFile(int fd, const std::string& path) {
 void MakeDirectories(const std::string& path, mode_t mode) {
   for (std::string::size_type slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     const std::string prefix = path.substr(0, slash);
-    if (::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
+    if (::mkdir(prefix.c_str(), mode) == 0) {
+      ::chmod(prefix.c_str(), mode);  // exactly `mode`, whatever the umask
+    } else if (errno != EEXIST) {
       throw SystemError("Failed to create " + prefix, errno);
     }
     if (slash == std::string::npos) return;
@@ -65,7 +67,7 @@ void MakeDirectories(const std::string& path, mode_t mode) {
 
 PidFile::PidFile(std::string path) : path_(std::move(path)) {
   for (;;) {
-    fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd_ < 0) throw SystemError("Failed to open " + path_, errno);
     if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
       const int error = errno;

@@ -12,6 +12,7 @@
 // of the agent and the library; in the foreground on standard error too).
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -64,7 +65,7 @@ int Run(const Options& options) {
   zeltools::MakeDirectories(home + "/log", 0700);
   zeltools::PidFile pidFile(home + "/run/orvamgmtd.pid");
   const std::string logPath = home + "/log/orvamgmtd.log";
-  const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+  const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (logFd < 0) {
     throw std::runtime_error("Failed to open " + logPath + ": " + std::strerror(errno));
   }
@@ -98,6 +99,9 @@ int Run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Everything the agent and the library it loads leave under the home is
+  // owner-only, whatever umask the agent was started with.
+  ::umask(077);
   CLI::App app{"orvamgmtd: the host agent of the iSCSI target service"};
   Options options;
   app.add_option("--home", options.home, "State root of this host")->envname("ZEL_HOME");

@@ -9,6 +9,7 @@
 // Files under the home: run/zeld.pid, run/zeld.loads, log/zeld.log.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -105,11 +106,11 @@ int Run(const std::string& explicitHome, bool foreground, bool verbose) {
   const std::string home =
       std::filesystem::absolute(zel::platform::ResolveHome(explicitHome)).lexically_normal();
   zel::platform::HostConfig config = zel::platform::LoadHostConfig(home);
-  zeltools::MakeDirectories(home + "/run", 0755);
-  zeltools::MakeDirectories(home + "/log", 0755);
+  zeltools::MakeDirectories(home + "/run", 0700);
+  zeltools::MakeDirectories(home + "/log", 0700);
   zeltools::PidFile pidFile(home + "/run/zeld.pid");
   const std::string logPath = home + "/log/zeld.log";
-  const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+  const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (logFd < 0) {
     throw std::runtime_error("Failed to open " + logPath + ": " + std::strerror(errno));
   }
@@ -135,6 +136,10 @@ int Run(const std::string& explicitHome, bool foreground, bool verbose) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Everything the daemon leaves under the home is owner-only, whatever
+  // umask it was started with: its logs name targets and its state files
+  // sit beside the secrets.
+  ::umask(077);
   CLI::App app{"zeld: the iSCSI target daemon"};
   std::string home;
   bool foreground = false;

@@ -23,6 +23,12 @@ namespace platform {
 // durable by an fsync of the directory. Each returns 0 or the errno of the
 // failed call; CreateTempFileBeside returns the open descriptor in `*fd`.
 int CreateTempFileBeside(const std::string& path, int* fd, std::string* tempPath);
+
+// Removes the temporary files of `path` that CreateTempFileBeside made and
+// no rename consumed: only a save that died leaves one. REQUIRES: the
+// caller holds the lock that serialises every replacement of `path`, or a
+// live save's file could be taken. Each removal is logged as a warning.
+void RemoveStaleTempFiles(const std::string& path);
 int RenameDurably(const std::string& tempPath, const std::string& path);
 
 // Replaces `path` with `contents`, permission bits `mode`: a temporary file

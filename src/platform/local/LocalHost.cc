@@ -34,8 +34,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
   // The embedded profile keeps the datastore inside the home; a real host
   // mounts it, and a missing mount must stay visible as such.
   if (config.profile == Profile::Embedded) {
-    std::error_code ignored;
-    std::filesystem::create_directories(config.datastoreRoot, ignored);
+    FileIO_CreateOwnerOnlyDirectories(config.datastoreRoot);
   }
   std::unique_ptr<Directory> directory = NewSqliteDirectory(config.directoryPath);
   if (!directory) {

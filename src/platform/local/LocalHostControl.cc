@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/FileIO.h"
 #include "platform/Log.h"
 #include "platform/local/AtomicFile.h"
 #include "platform/local/LocalCommandRunner.h"
@@ -29,12 +30,12 @@ std::string StatePath(const std::string& home, const std::string& kind, const st
 }
 
 void WriteStateFile(const std::string& path, const std::string& contents) {
-  std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
-  if (error) {
-    throw OrvaCtlException("Failed to create the directory of " + path + ": " + error.message());
+  const std::string directory = std::filesystem::path(path).parent_path().string();
+  if (FileIO_CreateOwnerOnlyDirectories(directory) != FILEIO_SUCCESS) {
+    throw OrvaCtlException("Failed to create the directory of " + path + ": " +
+                           std::strerror(errno));
   }
-  WriteFileAtomically(path, contents, 0644);
+  WriteFileAtomically(path, contents, 0600);
 }
 
 namespace {

@@ -31,7 +31,7 @@ class LocalLegacyConfigFile final : public LegacyConfigFile {
     FileLock lock(path_ + ".lock");
     json document = Load();
     document[key] = value;
-    WriteJsonFileAtomically(path_, document, 0644);
+    WriteJsonFileAtomically(path_, document, 0600);
   }
 
  private:

@@ -73,6 +73,7 @@ class PosixFileSystem final : public FileSystem {
   }
 
   FileIOResult AtomicTempFile(const std::string& path, FileIODescriptor* temp) override {
+    RemoveStaleTempFiles(path);
     int fd = -1;
     std::string tempPath;
     if (const int error = CreateTempFileBeside(path, &fd, &tempPath)) return ResultFromErrno(error);

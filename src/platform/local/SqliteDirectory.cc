@@ -1,6 +1,7 @@
 #include "platform/local/SqliteDirectory.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
@@ -149,6 +150,11 @@ class Connection {
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                              nullptr);
     if (rc != SQLITE_OK) return rc;
+    // SQLite creates the database with 0644 less the umask, and its -wal and
+    // -shm files with the database's bits: owner-only before WAL starts keeps
+    // all three owner-only. chmod, not open and close: closing any
+    // descriptor of the file would drop this process's SQLite locks on it.
+    for (const char* suffix : {"", "-wal", "-shm"}) ::chmod((path + suffix).c_str(), 0600);
     sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
     // WAL: readers and the watchers never block the writer. NORMAL sync in
     // WAL mode survives any process crash; a power cut may lose the last
