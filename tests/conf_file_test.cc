@@ -67,7 +67,6 @@ class ConfFileTest : public ::testing::Test {
     InstallConf(kConf);
   }
   ~ConfFileTest() override { conf_close_file(&file_); }
-
   // A second process that holds the file's lock with `operation` until
   // released or the test ends.
   void LockElsewhere(int operation) {
@@ -87,7 +86,6 @@ class ConfFileTest : public ::testing::Test {
     });
     return child.Join() == 0;
   }
-
   std::vector<uint64_t> Pauses() { return host_.Clock().Sleeps(); }
   int Opens() { return host_.Files().Calls(FileOp::Open); }
   bool WasLogged(const std::string& text) { return host_.Log().Contains("ZELD: " + text); }
@@ -98,7 +96,6 @@ class ConfFileTest : public ::testing::Test {
     }
     return found;
   }
-
   ScopedTestHost host_;
   std::string path_ = GetConfFilePath();
   FileIODescriptor file_;
@@ -117,7 +114,6 @@ TEST_F(ConfFileTest, SharedHoldersReadTogetherAndKeepAnEditorOut) {
   EXPECT_TRUE(WasLogged("requesting share lock for config file " + path_));
   EXPECT_TRUE(WasLogged("share lock succeeded for config file " + path_));
   conf_close_file(&file_);
-
   // 1000 ms allow five retries.
   EXPECT_EQ(FILEIO_LOCK_FAILED, conf_file_open_exclusive_lock(path_.c_str(), &file_, 1000));
   EXPECT_EQ(7, Opens());
@@ -127,7 +123,6 @@ TEST_F(ConfFileTest, SharedHoldersReadTogetherAndKeepAnEditorOut) {
                         ": Resource temporarily unavailable"));
   EXPECT_EQ(MessageOf([] { ConfHandle editor(ConfHandle::kExclusiveMode); }),
             "Parser: exclusive lock failed on " + path_);
-
   // Once the other process lets go, the editor gets in.
   holder_->Release();
   ASSERT_EQ(holder_->Join(), 0);
@@ -163,7 +158,6 @@ TEST_F(ConfFileTest, HandleGivesUpAfterItsRetryLimits) {
                         FileIO_MsgError(FILEIO_LOCK_FAILED) + ")."));
   EXPECT_TRUE(WasLogged("unable to open and lock config file " + path_ +
                         ": Resource temporarily unavailable"));
-
   host_.Clock().ClearSleeps();
   ASSERT_EQ(unlink(path_.c_str()), 0);
   EXPECT_EQ(MessageOf([] { ConfHandle reader(ConfHandle::kShareMode); }),
@@ -235,7 +229,6 @@ TEST_F(ConfFileTest, OtherFailuresAreNotRetriedAndAFailedCloseIsLogged) {
   EXPECT_THAT(Pauses(), IsEmpty());
   EXPECT_THAT(LoggedWith("open failed"), IsEmpty());
   EXPECT_TRUE(WasLogged("unable to open and lock config file " + path_ + ": Permission denied"));
-
   ASSERT_EQ(0, conf_file_open_share_lock(path_.c_str(), &file_, kHandleTimeoutMs));
   const int fd = file_.fd;
   host_.Files().FailNext(FileOp::Close, FILEIO_ERROR, 1, EIO);

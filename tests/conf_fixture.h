@@ -22,7 +22,6 @@ class ConfFixture : public ::testing::Test {
     conf_delete(conf_);
     log_init(5);
   }
-
   // The configuration layer's lines, without their "ZELD: " prefix.
   std::vector<std::string> Logged() {
     std::vector<std::string> lines;
@@ -33,7 +32,6 @@ class ConfFixture : public ::testing::Test {
     return lines;
   }
   bool WasLogged(const std::string& text) { return host_.Log().Contains("ZELD: " + text); }
-
   ScopedTestHost host_;
   struct conf* conf_ = conf_new();
 };

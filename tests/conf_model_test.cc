@@ -137,7 +137,6 @@ TEST_F(ConfModel, PortsAreUniqueAcrossCaseAndDeletingATargetUnlinksThem) {
   EXPECT_EQ(nullptr, port_new_pp(conf_, t, clash));
   EXPECT_THAT(Logged(), ElementsAre("duplicate port \"PG1-iqn.2020-01.com.example:disk1\""));
   EXPECT_TRUE(TAILQ_EMPTY(&clash->pp_ports));
-
   struct pport* pp = pport_new(conf_, "pp", 1);
   ASSERT_NE(nullptr, port_new_pp(conf_, t, pp));
   target_delete(t);

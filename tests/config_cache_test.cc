@@ -78,7 +78,6 @@ class ConfigCacheTest : public ::testing::Test {
     return reads;
   }
   int Opens() const { return host_.files->Calls(FileOp::Open); }
-
   // Subscribes and fills the cache: the state in which queries are served
   // from memory.
   void SubscribeAndFill() {
@@ -87,7 +86,6 @@ class ConfigCacheTest : public ::testing::Test {
     ASSERT_EQ(FileReads().size(), 1u);
     ASSERT_FALSE(ConfigCache::IsZelConfDirty());
   }
-
   ServiceHome home_;
   TestServices host_ = home_.InstallTestHost();
 };
@@ -245,62 +243,15 @@ TEST(ConfigCacheAcrossProcessesTest, SaveAndPublishElsewhereMakesThisCacheReadTh
   const int opens = host.files->Calls(FileOp::Open);
   GroupNames();
   ASSERT_EQ(host.files->Calls(FileOp::Open), opens);
-
   writer.Release();
   ASSERT_EQ(writer.Join(), 0);
   // The shared lock orders this read after the notice that set the flags.
   ASSERT_TRUE(Eventually([] { return ConfigCache::GetZelConfBrixEntryExists(true); }));
   EXPECT_TRUE(ConfigCache::IsZelConfDirty());
-
   EXPECT_THAT(GroupNames(), ElementsAre("finance-hosts", "added-group"));
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 8u);
   GroupNames();
   EXPECT_EQ(host.files->Calls(FileOp::Open), opens + 1);
-}
-
-TEST(ConfigCacheAcrossProcessesTest, OlderGenerationLosesToANewerOnePublishedElsewhere) {
-  ServiceHome home;
-  ChildProcess newer([&home](ChildControl& control) {
-    control.AwaitRelease();
-    home.InstallLocalServiceHost(platform::LogLevel::Error);
-    return ZeldUpdateBrixEntryForConfig(9) == NOK_OK ? 0 : 1;
-  });
-  home.InstallTestHost();
-  newer.Release();
-  ASSERT_EQ(newer.Join(), 0);
-
-  EXPECT_EQ(ZeldUpdateBrixEntryForConfig(8), NOK_EXISTS);
-  EXPECT_EQ(ZeldUpdateBrixEntryForConfig(9), NOK_EXISTS);
-  uint64_t published = 0;
-  ASSERT_EQ(ZeldGetConfigGenNumInBrix(&published), NOK_OK);
-  EXPECT_EQ(published, 9u);
-  EXPECT_EQ(ZeldUpdateBrixEntryForConfig(10), NOK_OK);
-}
-
-TEST(ConfigCacheAcrossProcessesTest, ConcurrentPublishersLeaveTheHighestGeneration) {
-  constexpr uint64_t kRounds = 100;
-  ServiceHome home;
-  // Odd generations there, even ones here, both rising at the same time.
-  ChildProcess odd([&home](ChildControl& control) {
-    control.AwaitRelease();
-    home.InstallLocalServiceHost(platform::LogLevel::Error);
-    for (uint64_t round = 0; round < kRounds; ++round) {
-      const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(2 * round + 1);
-      if (status != NOK_OK && status != NOK_EXISTS) return 1;
-    }
-    return 0;
-  });
-  home.InstallTestHost();
-  odd.Release();
-  for (uint64_t round = 1; round <= kRounds; ++round) {
-    const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(2 * round);
-    ASSERT_TRUE(status == NOK_OK || status == NOK_EXISTS) << NOK_ReturnStatusToString(status);
-  }
-  ASSERT_EQ(odd.Join(), 0);
-
-  uint64_t published = 0;
-  ASSERT_EQ(ZeldGetConfigGenNumInBrix(&published), NOK_OK);
-  EXPECT_EQ(published, 2 * kRounds);
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -92,7 +94,6 @@ class EditingTest : public ::testing::Test {
     platform::CurrentHost().SetNics(std::move(nics));
     service_ = NewService();
   }
-
   std::string Conf() const { return ReadFile(home_.ConfPath()); }
   uint64_t Generation() const { return std::stoull(Conf().substr(sizeof("generation"))); }
   uint64_t Published() const {
@@ -109,7 +110,6 @@ class EditingTest : public ::testing::Test {
   std::vector<std::string> Members(const std::string& group) {
     return service_->GetInitiatorgroupInfo(group).initiators;
   }
-
   // The refusal `operation` throws; zel.conf, the published generation and
   // the datastore must be exactly as before it.
   std::string RefusalChangingNothing(const std::function<void()>& operation) {
@@ -128,7 +128,6 @@ class EditingTest : public ::testing::Test {
     EXPECT_EQ(TargetLinks(), links);
     return message;
   }
-
   ServiceHome home_;
   TestServices services_ = home_.InstallTestHost();
   std::unique_ptr<OrvaIscsiTarget> service_;
@@ -193,7 +192,6 @@ TEST_F(EditingTest, DefaultsKeepTheListenAddressUnlessGivenOneAndDropTheCache) {
   EXPECT_EQ(back.authType, "CHAP");
   EXPECT_EQ(back.networkInterface, "nok3");
   EXPECT_EQ(back.port, 4000);
-
   // A given interface leaves exactly one listen address.
   home_.WriteConf(StandardWith(kStandardListen,
                                "\t listen nok0:3260\n\t listen nok1:3260\n\t listen nok2:3260\n"));
@@ -260,7 +258,6 @@ TEST_F(EditingTest, NewChapTargetWithAclIsSavedPublishedAndReadBack) {
   param.secret = "Payroll#Secret1";
   param.initiatorsToAdd = {kIqn + "pay-db", "finance-hosts"};
   service_->AddTarget(param);
-
   const TargetInfo target = Target("payroll");
   EXPECT_EQ(target.iqn, "iqn.2026-11.local.zel:payroll");
   EXPECT_EQ(target.uuid, param.uuid);
@@ -280,7 +277,6 @@ TEST_F(EditingTest, NewChapTargetWithAclIsSavedPublishedAndReadBack) {
   EXPECT_NE(conf.find("auth-group " + param.uuid + " {\n"), std::string::npos);
   EXPECT_EQ(conf.find("Payroll#Secret1"), std::string::npos);
   EXPECT_THAT(TargetLinks(), ElementsAre(param.uuid));
-
   // An empty IQN is generated and handed back.
   TargetCreateParam generated = Param("generated one");
   service_->AddTarget(generated);
@@ -360,7 +356,6 @@ TEST_F(EditingTest, RemovalTakesItsGroupsButKeepsSharedOnesAndRefusesBusyTargets
   TargetCreateParam second = Param("second", "second");
   second.networkInterface = "nok1";
   service_->AddTarget(second);
-
   service_->RemoveTarget("first");
   EXPECT_NE(Conf().find("portal-group pg-nok1-3260"), std::string::npos);
   EXPECT_EQ(Conf().find("auth-group " + first.uuid), std::string::npos);
@@ -417,7 +412,6 @@ TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
   EXPECT_EQ(lab.authType, "CHAP-Mutual");
   EXPECT_EQ(lab.faultDomain, "Preferred");
   EXPECT_THAT(lab.initiators, ElementsAre(kIqn + "lab-1"));
-
   TargetCreateParam back = Param("lab");
   back.networkInterface = "nok0";
   back.initiatorsToRemove = {"finance-hosts", "iqn.2024-01.org.example:LAB-1"};
@@ -430,7 +424,6 @@ TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
   EXPECT_THAT(lab.initiatorGroups, IsEmpty());
   EXPECT_EQ(lab.faultDomain, "");
   EXPECT_EQ(Conf().find("pg-nok1-4000"), std::string::npos) << "unused portal group kept";
-
   TargetCreateParam twice = Param("lab");
   twice.initiatorsToRemove = {kIqn + "lab-1"};
   EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(twice); }),
@@ -599,6 +592,119 @@ TEST_F(EditingTest, EveryGroupEditIsRefusedWhileTheServiceIsDisabled) {
   }
 }
 
+// ---- text from outside never changes the file's structure ------------------------
+
+// Every field an operator types is tried with the characters that mean
+// something to the file format. Each attempt is either refused with a
+// message (and the file stays byte-identical) or stored and read back
+// unchanged; the file parses after every attempt.
+class ConfigInjectionTest : public EditingTest {
+ protected:
+  void TryField(const std::string& field, const std::string& hostile,
+                const std::function<void()>& store, const std::function<bool()>& readBack) {
+    std::string printable;
+    for (const unsigned char c : hostile)
+      printable += std::isprint(c) ? std::string(1, static_cast<char>(c)) : "\\x" + std::to_string(c);
+    SCOPED_TRACE(field + " with " + printable);
+    const std::string before = Conf();
+    const std::string refusal = MessageOf(store);
+    if (refusal.empty()) {
+      ++stored_;
+      EXPECT_TRUE(readBack()) << "stored but read back differently";
+    } else {
+      EXPECT_EQ(Conf(), before) << "refused (" << refusal << ") but the file changed";
+    }
+    EXPECT_NO_THROW(ConfHandle(ConfHandle::kShareMode, home_.ConfPath())) << Conf();
+  }
+  TargetCreateParam Chap(const std::string& alias, const std::string& user,
+                         const std::string& secret) {
+    TargetCreateParam param = Param(alias, std::to_string(++serial_));
+    param.authType = "CHAP";
+    param.userid = user;
+    param.secret = secret;
+    return param;
+  }
+  void AddChap(const std::string& alias, const std::string& user, const std::string& secret) {
+    TargetCreateParam param = Chap(alias, user, secret);
+    service_->AddTarget(param);
+  }
+  const std::vector<std::string> hostiles_ = {"\"", "{", "}", ";", "\n", "\t", "#", "\xc3\xa9\xff"};
+  int serial_ = 0;
+  int stored_ = 0;  // attempts the service accepted
+};
+
+TEST_F(ConfigInjectionTest, TargetFieldsAreRefusedOrStoredVerbatim) {
+  for (const std::string& hostile : hostiles_) {
+    const std::string alias = "a" + hostile + "z";
+    TryField("alias", hostile, [&] { AddChap(alias, "user", "Abcdefgh#123"); },
+             [&] { return Target(alias).alias == alias; });
+    TryField("iqn", hostile, [&] {
+      TargetCreateParam param = Chap("iqn" + std::to_string(serial_), "user", "Abcdefgh#123");
+      param.iqn = "iqn.2026-11.local.zel:x" + hostile;
+      service_->AddTarget(param);
+    }, [&] { return false; });
+    const std::string user = "u" + hostile;
+    const std::string userAlias = "user" + std::to_string(serial_);
+    TryField("userid", hostile, [&] { AddChap(userAlias, user, "Abcdefgh#123"); },
+             [&] { return Target(userAlias).userid == user; });
+    const std::string secret = "Abcdefgh#12" + hostile;
+    TryField("secret", hostile,
+             [&] { AddChap("secret" + std::to_string(serial_), "user", secret); },
+             [&] {
+               // Secrets are never reported; the file itself must hold this one.
+               ConfHandle handle(ConfHandle::kShareMode, home_.ConfPath());
+               const struct auth_group* ag;
+               TAILQ_FOREACH(ag, &handle.conf->conf_auth_groups, ag_next) {
+                 const struct auth* auth = TAILQ_FIRST(&ag->ag_auths);
+                 if (auth != nullptr && secret == auth->a_secret) return true;
+               }
+               return false;
+             });
+    const std::string policy = "\"thinProvisioned\" \"true" + hostile + "\"";
+    const std::string policyAlias = "policy" + std::to_string(serial_);
+    TryField("policy", hostile, [&] {
+      TargetCreateParam param = Chap(policyAlias, "user", "Abcdefgh#123");
+      param.policy = policy;
+      service_->AddTarget(param);
+    }, [&] { return Target(policyAlias).policy == policy; });
+    TryField("affinity", hostile, [&] {
+      TargetCreateParam param = Param("lab");
+      param.faultDomain = "Preferred" + hostile;
+      service_->UpdateTargetConfig(param);
+    }, [&] { return false; });
+  }
+  // Braces, semicolons, tabs, "#" and non-ASCII bytes are legal in aliases,
+  // secrets and policies: those must have been stored, not refused.
+  EXPECT_GE(stored_, 12);
+}
+
+TEST_F(ConfigInjectionTest, InitiatorAndGroupNamesAreRefusedOrStoredVerbatim) {
+  for (const std::string& hostile : hostiles_) {
+    const std::string group = "g" + hostile;
+    TryField("initiator group", hostile, [&] { service_->AddInitiatorgroup(group); },
+             [&] { return service_->GetInitiatorgroupInfo(group).name == group; });
+    const std::string initiator = kIqn + "i" + hostile;
+    std::string lower = initiator;
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    TryField("group member", hostile,
+             [&] { service_->AddInitiatorsToInitiatorgroup("finance-hosts", {initiator}); },
+             [&] {
+               const auto members = Members("finance-hosts");
+               return std::find(members.begin(), members.end(), lower) != members.end();
+             });
+    TryField("target initiator", hostile, [&] {
+      TargetCreateParam param = Param("lab");
+      param.initiatorsToAdd = {initiator};
+      service_->UpdateTargetConfig(param);
+    }, [&] {
+      const auto names = Target("lab").initiators;
+      return std::find(names.begin(), names.end(), initiator) != names.end();
+    });
+  }
+  EXPECT_EQ(stored_, 0) << "initiator and group names have strict forms";
+}
+
 // ---- helpers beside the file handle ----------------------------------------------
 
 using ParserHelpersTest = ConfFixture;
@@ -696,7 +802,6 @@ TEST(EditConcurrencyTest, ParallelEditorsLoseNoChangeAndCountEverySave) {
   }
   for (std::thread& worker : workers) worker.join();
   for (const std::string& failure : failures) EXPECT_EQ(failure, "");
-
   const ProcessResult listed = zelctl({"--json", "target", "list"});
   ASSERT_EQ(listed.exitCode, 0) << listed.err;
   std::set<std::string> aliases;

@@ -52,7 +52,6 @@ class ReaderTest : public ::testing::Test {
   ~ReaderTest() override {
     if (conf_ != nullptr) conf_delete(conf_);
   }
-
   // Writes `text` with permission bits `mode` and reads it; null when the
   // reader refused it. An earlier conf `old` may lend its ports. An
   // exception is passed on after the reader state was cleaned as
@@ -73,7 +72,6 @@ class ReaderTest : public ::testing::Test {
     conf_close_file(&file);
     return conf_;
   }
-
   // The configuration layer's lines, without their "ZELD: " prefix, that
   // mention `part`.
   std::vector<std::string> LoggedWith(const std::string& part = "") {
@@ -85,7 +83,6 @@ class ReaderTest : public ::testing::Test {
     return lines;
   }
   bool WasLogged(const std::string& text) { return host_.Log().Contains("ZELD: " + text); }
-
   static std::vector<std::string> Listens(const struct portal_group* pg) {
     std::vector<std::string> listens;
     const struct portal* portal;
@@ -95,13 +92,11 @@ class ReaderTest : public ::testing::Test {
     }
     return listens;
   }
-
   // The one lun of a single-lun file.
   struct lun* OnlyLun(const std::string& entries) {
     EXPECT_NE(nullptr, Read(kTarget + " lun 0 {\n" + entries + "\n }\n}\n"));
     return conf_ == nullptr ? nullptr : TAILQ_FIRST(&conf_->conf_luns);
   }
-
   // Reads `text`, which must be refused, and returns the error report's
   // first line and the dump that follows it.
   std::vector<std::string> ReportFor(const std::string& text) {
@@ -116,7 +111,6 @@ class ReaderTest : public ::testing::Test {
     }
     return report;
   }
-
   // Reads `path` and returns the message of the exception the reader
   // throws, checking what it leaves for ZeldCleanConf and what that removes.
   std::string ThrownReading(const std::string& path) {
@@ -139,7 +133,6 @@ class ReaderTest : public ::testing::Test {
     EXPECT_EQ(descriptors, OpenDescriptors());
     return message;
   }
-
   bool OtherProcessCanLock(int operation) {
     ChildProcess child([&](ChildControl&) {
       int fd = open(path_.c_str(), O_RDONLY);
@@ -147,7 +140,6 @@ class ReaderTest : public ::testing::Test {
     });
     return child.Join() == 0;
   }
-
   ScopedTestHost host_;
   std::string path_;
   struct conf* conf_ = nullptr;
@@ -213,7 +205,6 @@ TEST_F(ReaderTest, AuthAndInitiatorGroupEntriesDecodeSecretsAndParsePortals) {
   TAILQ_FOREACH(ini, &initiator_group_find(conf_, "ig1")->ig_initiators, i_next)
   members.push_back(ini->i_name);
   EXPECT_THAT(members, ElementsAre("iqn.2024-01.org.example:one", "iqn.2024-01.org.example:two"));
-
   const struct auth_group* one = auth_group_find(conf_, "one");
   EXPECT_EQ(AG_TYPE_CHAP, one->ag_type);
   ASSERT_NE(nullptr, auth_find(one, "user@example"));
@@ -224,7 +215,6 @@ TEST_F(ReaderTest, AuthAndInitiatorGroupEntriesDecodeSecretsAndParsePortals) {
   EXPECT_EQ(24, TAILQ_NEXT(v6, ap_next)->ap_mask);
   EXPECT_NE(nullptr, auth_name_find(one, "iqn.2024-01.org.example:three"));
   EXPECT_NE(nullptr, auth_group_igroup_ref_find(one, "ig1"));
-
   const struct auth_group* two = auth_group_find(conf_, "two");
   EXPECT_EQ(AG_TYPE_CHAP_MUTUAL, two->ag_type);
   const struct auth* mutual = auth_find(two, "u1");
@@ -270,7 +260,6 @@ TEST_F(ReaderTest, TargetEntriesLinkGroupsOptionsAndLuns) {
   ASSERT_NE(nullptr, port);
   EXPECT_EQ(portal_group_find(conf_, "pg"), port->p_portal_group);
   EXPECT_EQ(auth_group_find(conf_, "port-ag"), port->p_auth_group);
-
   const struct lun* lun = target->t_luns[5];
   ASSERT_NE(nullptr, lun);
   EXPECT_STREQ("iqn.2024-01.org.example:mixed,L,0x0000000000000005", lun->l_name);

@@ -31,14 +31,12 @@ class RecordConversion : public ConfFixture {
     if (alias != nullptr) target->t_alias = checked_strdup(alias);
     return target;
   }
-
   // A target whose own group named `name` refers to `groups`.
   void TargetOfGroups(const char* name, const std::vector<const char*>& groups) {
     struct target* target = AddTarget(name, name);
     target->t_auth_group = auth_group_new(conf_, name);
     for (const char* group : groups) auth_group_igroup_ref_add(conf_, target->t_auth_group, group);
   }
-
   struct lun* AddLun(struct target* target, uint32_t number, uint64_t sectors) {
     char name[256];
     zeld_target_lun_name(name, sizeof name, target, number);
@@ -49,19 +47,16 @@ class RecordConversion : public ConfFixture {
     target->t_luns[number] = lun;
     return lun;
   }
-
   std::vector<TargetInfo> Targets() {
     std::vector<TargetInfo> out;
     Conversion::_GetTargetInfos(conf_, out);
     return out;
   }
-
   std::vector<LunInfo> OnlyTargetsLuns() {
     std::vector<TargetInfo> targets = Targets();
     EXPECT_EQ(1u, targets.size());
     return targets.empty() ? std::vector<LunInfo>{} : targets[0].luns;
   }
-
   std::vector<InitiatorgroupInfo> Groups() {
     std::vector<InitiatorgroupInfo> out;
     Conversion::_GetInitiatorGroupInfos(conf_, out);
@@ -137,7 +132,6 @@ TEST_F(RecordConversion, AuthTypeTextUsersAndSecretsFollowTheGroup) {
     const DefaultInfo without = Conversion::GetConfigInfoFromConf(conf_, false);
     EXPECT_EQ(c.user, without.userid);
     EXPECT_EQ("", without.secret + without.mutualSecret);
-
     const TargetInfo info = Targets().at(0);
     EXPECT_EQ(c.type, info.authType);
     EXPECT_EQ(c.user, info.userid);
@@ -171,7 +165,6 @@ TEST_F(RecordConversion, TargetIdentityComesFromNameAliasAndOptions) {
   target_option_new(target, "owner-id", "owner-object");
   target_option_new(target, "fault-domain", "Preferred");
   AddTarget("bare", nullptr);
-
   std::vector<TargetInfo> targets = Targets();
   ASSERT_EQ(2u, targets.size());
   EXPECT_EQ("disk1", targets[0].alias);
@@ -197,7 +190,6 @@ TEST_F(RecordConversion, TargetListensOnTheFirstEntryOfItsFirstPortalGroupOr3260
   struct portal_group* second = portal_group_new(conf_, "pg-eth3-5000");
   EXPECT_EQ(0, portal_group_add_listen(second, "eth3:5000", false));
   port_new(conf_, target, second);
-
   std::vector<TargetInfo> targets = Targets();
   ASSERT_EQ(3u, targets.size());
   for (int i : {0, 1}) {
@@ -214,7 +206,6 @@ TEST_F(RecordConversion, PermittedInitiatorsAndGroupsKeepConfigurationOrder) {
   struct auth_group* ag = TAILQ_FIRST(&conf_->conf_targets)->t_auth_group;
   auth_name_new(ag, "iqn.1998-01.com.example:host-b");
   auth_name_new(ag, "iqn.1998-01.com.example:host-a");
-
   const TargetInfo info = Targets().at(0);
   EXPECT_EQ((std::vector<std::string>{"iqn.1998-01.com.example:host-b",
                                       "iqn.1998-01.com.example:host-a"}),
@@ -234,7 +225,6 @@ TEST_F(RecordConversion, LunsComeInNumberOrderWithSizeStatusAndOptions) {
   option_new(&named->l_options, "lun-alias", "journal");
   option_new(&named->l_options, "naa", "6000C2912345678900000000000000AB");
   option_new(&target->t_luns[7]->l_options, "status", "offline");
-
   const std::vector<LunInfo> luns = OnlyTargetsLuns();
   std::vector<int> ids;
   for (const LunInfo& lun : luns) ids.push_back(lun.id);
@@ -274,7 +264,6 @@ TEST_F(RecordConversion, LunPathBeyondTheBufferFailsAfterTheEarlierTargets) {
   EXPECT_NE(std::string::npos, message.find(" of target b")) << message;
   ASSERT_EQ(1u, out.size());
   EXPECT_EQ("a", out[0].alias);
-
   // The helper never hands out a cut path.
   const std::string root = host_.Config().datastoreRoot;
   const std::string rel = "t/l.qdsk";
@@ -298,7 +287,6 @@ TEST_F(RecordConversion, InitiatorGroupsListTheirInitiatorsAndTheTargetsReferrin
   TargetOfGroups("alpha", {"others", "hosts"});
   TargetOfGroups("other", {"others"});
   AddTarget("open", "open");
-
   std::vector<InitiatorgroupInfo> groups = Groups();
   ASSERT_EQ(3u, groups.size());
   EXPECT_EQ("hosts", groups[0].name);
