@@ -1,10 +1,7 @@
-// Editing zel.conf through the service as the management process calls it:
-// the defaults, targets and initiator groups; what the file holds afterwards
-// and what a reader gets back; the limits (128 targets, 256 groups, 8192
-// initiators); the generation each save raises and publishes; and that every
-// refusal or failure leaves file, generation and datastore as they were.
-// Also: the helpers beside the file handle, and several zelctl processes
-// editing one home at once.
+// Editing zel.conf through the service and its helpers: what the file holds
+// and a reader gets back, the limits (128 targets, 256 groups, 8192
+// initiators), the generation each save raises and publishes, that every
+// refusal or failure changes nothing, hostile text, and concurrent zelctls.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -69,10 +66,21 @@ DefaultInfo Defaults(const std::string& type, const std::string& user = "",
   return info;
 }
 
-TargetCreateParam Param(const std::string& alias, const std::string& iqn = "") {
+TargetCreateParam Param(const std::string& alias, const std::string& iqn = "",
+                        const std::string& nic = "", int32_t port = 3260) {
   TargetCreateParam param;
   param.alias = alias;
   param.iqn = iqn.empty() ? "" : "iqn.2026-11.local.zel:" + iqn;
+  param.networkInterface = nic;
+  param.port = port;
+  return param;
+}
+
+TargetCreateParam Chap(TargetCreateParam param, const std::string& user,
+                       const std::string& secret) {
+  param.authType = "CHAP";
+  param.userid = user;
+  param.secret = secret;
   return param;
 }
 
@@ -250,23 +258,17 @@ TEST_F(EditingTest, FailedDefaultsSaveChangesNothing) {
 // ---- targets ---------------------------------------------------------------------
 
 TEST_F(EditingTest, NewChapTargetWithAclIsSavedPublishedAndReadBack) {
-  TargetCreateParam param = Param("payroll", "Payroll");
-  param.networkInterface = "nok1";
-  param.port = 3270;
-  param.authType = "CHAP";
-  param.userid = "payroll-user";
-  param.secret = "Payroll#Secret1";
+  TargetCreateParam param =
+      Chap(Param("payroll", "Payroll", "nok1", 3270), "payroll-user", "Payroll#Secret1");
   param.initiatorsToAdd = {kIqn + "pay-db", "finance-hosts"};
   service_->AddTarget(param);
   const TargetInfo target = Target("payroll");
-  EXPECT_EQ(target.iqn, "iqn.2026-11.local.zel:payroll");
-  EXPECT_EQ(target.uuid, param.uuid);
-  EXPECT_EQ(target.ownerId, param.uuid);
-  EXPECT_EQ(target.ownerHostUuid, home_.HostUuid());
-  EXPECT_EQ(target.networkInterface, "nok1");
+  EXPECT_EQ((std::vector<std::string>{target.iqn, target.uuid, target.ownerId,
+                                      target.ownerHostUuid, target.networkInterface,
+                                      target.authType, target.userid}),
+            (std::vector<std::string>{"iqn.2026-11.local.zel:payroll", param.uuid, param.uuid,
+                                      home_.HostUuid(), "nok1", "CHAP", "payroll-user"}));
   EXPECT_EQ(target.port, 3270);
-  EXPECT_EQ(target.authType, "CHAP");
-  EXPECT_EQ(target.userid, "payroll-user");
   EXPECT_THAT(target.initiators, ElementsAre(kIqn + "pay-db"));
   EXPECT_THAT(target.initiatorGroups, ElementsAre("finance-hosts"));
   const std::string conf = Conf();
@@ -302,10 +304,9 @@ TEST_F(EditingTest, RefusedNewTargetsChangeNothing) {
   };
   cases.back().param.initiatorsToAdd = {"no-such-group"};
   for (const std::string name : {"nok1:1", "nok#2"}) {
-    cases.push_back({Param("odd", "odd"), "Network interface " + name +
-                                              " cannot be used: only letters, digits, '.', '_' "
-                                              "and '-' can be stored in its name"});
-    cases.back().param.networkInterface = name;
+    cases.push_back({Param("odd", "odd", name),
+                     "Network interface " + name + " cannot be used: only letters, digits, '.', "
+                                                   "'_' and '-' can be stored in its name"});
   }
   for (Case& c : cases) {
     EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(c.param); }), c.message);
@@ -347,14 +348,9 @@ TEST_F(EditingTest, RemovalTakesItsGroupsButKeepsSharedOnesAndRefusesBusyTargets
             "Target finance is not empty.");
   EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveTarget("Lab"); }),
             "Target Lab is not found.");
-  TargetCreateParam first = Param("first", "first");
-  first.networkInterface = "nok1";
-  first.authType = "CHAP";
-  first.userid = "first";
-  first.secret = "First#Secret12";
+  TargetCreateParam first = Chap(Param("first", "first", "nok1"), "first", "First#Secret12");
   service_->AddTarget(first);
-  TargetCreateParam second = Param("second", "second");
-  second.networkInterface = "nok1";
+  TargetCreateParam second = Param("second", "second", "nok1");
   service_->AddTarget(second);
   service_->RemoveTarget("first");
   EXPECT_NE(Conf().find("portal-group pg-nok1-3260"), std::string::npos);
@@ -369,10 +365,7 @@ TEST_F(EditingTest, RemovalTakesItsGroupsButKeepsSharedOnesAndRefusesBusyTargets
 }
 
 TEST_F(EditingTest, RemovalKeepsAnOwnGroupThatAHandEditedTargetShares) {
-  TargetCreateParam solo = Param("solo", "solo");
-  solo.authType = "CHAP";
-  solo.userid = "solo";
-  solo.secret = "Solo#Secret123";
+  TargetCreateParam solo = Chap(Param("solo", "solo"), "solo", "Solo#Secret123");
   service_->AddTarget(solo);
   home_.WriteConf(Conf() + "target iqn.2026-11.local.zel:twin {\n\talias \"twin\"\n\tauth-group " +
                   solo.uuid + "\n\toption uuid 00000000-0000-4000-8000-000000000001\n}\n");
@@ -400,9 +393,7 @@ TEST_F(EditingTest, UpdateRenamesOnlyToAFreeAlias) {
 }
 
 TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
-  TargetCreateParam move = Param("lab");
-  move.networkInterface = "nok1";
-  move.port = 4000;
+  TargetCreateParam move = Param("lab", "", "nok1", 4000);
   move.initiatorsToAdd = {kIqn + "lab-1", "finance-hosts"};
   move.faultDomain = "Preferred";
   service_->UpdateTargetConfig(move);
@@ -412,8 +403,7 @@ TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
   EXPECT_EQ(lab.authType, "CHAP-Mutual");
   EXPECT_EQ(lab.faultDomain, "Preferred");
   EXPECT_THAT(lab.initiators, ElementsAre(kIqn + "lab-1"));
-  TargetCreateParam back = Param("lab");
-  back.networkInterface = "nok0";
+  TargetCreateParam back = Param("lab", "", "nok0");
   back.initiatorsToRemove = {"finance-hosts", "iqn.2024-01.org.example:LAB-1"};
   back.faultDomain = "None";
   back.authType = "No-Authentication";
@@ -616,16 +606,8 @@ class ConfigInjectionTest : public EditingTest {
     }
     EXPECT_NO_THROW(ConfHandle(ConfHandle::kShareMode, home_.ConfPath())) << Conf();
   }
-  TargetCreateParam Chap(const std::string& alias, const std::string& user,
-                         const std::string& secret) {
-    TargetCreateParam param = Param(alias, std::to_string(++serial_));
-    param.authType = "CHAP";
-    param.userid = user;
-    param.secret = secret;
-    return param;
-  }
   void AddChap(const std::string& alias, const std::string& user, const std::string& secret) {
-    TargetCreateParam param = Chap(alias, user, secret);
+    TargetCreateParam param = Chap(Param(alias, std::to_string(++serial_)), user, secret);
     service_->AddTarget(param);
   }
   const std::vector<std::string> hostiles_ = {"\"", "{", "}", ";", "\n", "\t", "#", "\xc3\xa9\xff"};
@@ -639,8 +621,8 @@ TEST_F(ConfigInjectionTest, TargetFieldsAreRefusedOrStoredVerbatim) {
     TryField("alias", hostile, [&] { AddChap(alias, "user", "Abcdefgh#123"); },
              [&] { return Target(alias).alias == alias; });
     TryField("iqn", hostile, [&] {
-      TargetCreateParam param = Chap("iqn" + std::to_string(serial_), "user", "Abcdefgh#123");
-      param.iqn = "iqn.2026-11.local.zel:x" + hostile;
+      TargetCreateParam param = Chap(Param("iqn" + std::to_string(serial_), "x" + hostile),
+                                     "user", "Abcdefgh#123");
       service_->AddTarget(param);
     }, [&] { return false; });
     const std::string user = "u" + hostile;
@@ -663,7 +645,8 @@ TEST_F(ConfigInjectionTest, TargetFieldsAreRefusedOrStoredVerbatim) {
     const std::string policy = "\"thinProvisioned\" \"true" + hostile + "\"";
     const std::string policyAlias = "policy" + std::to_string(serial_);
     TryField("policy", hostile, [&] {
-      TargetCreateParam param = Chap(policyAlias, "user", "Abcdefgh#123");
+      TargetCreateParam param =
+          Chap(Param(policyAlias, std::to_string(++serial_)), "user", "Abcdefgh#123");
       param.policy = policy;
       service_->AddTarget(param);
     }, [&] { return Target(policyAlias).policy == policy; });
