@@ -159,26 +159,6 @@ TEST_F(RecordConversion, DefaultNetworkComesFromTheLastListenEntry) {
             MessageOf([&] { Conversion::GetConfigInfoFromConf(conf_, false); }));
 }
 
-TEST_F(RecordConversion, TargetIdentityComesFromNameAliasAndOptions) {
-  struct target* target = AddTarget("Disk1", "disk1");
-  target_option_new(target, "uuid", kTargetUuid);
-  target_option_new(target, "owner-id", "owner-object");
-  target_option_new(target, "fault-domain", "Preferred");
-  AddTarget("bare", nullptr);
-  std::vector<TargetInfo> targets = Targets();
-  ASSERT_EQ(2u, targets.size());
-  EXPECT_EQ("disk1", targets[0].alias);
-  EXPECT_EQ("iqn.2024-01.com.example:disk1", targets[0].iqn);
-  EXPECT_EQ(kTargetUuid, targets[0].uuid);
-  EXPECT_EQ("owner-object", targets[0].ownerId);
-  EXPECT_EQ("Preferred", targets[0].faultDomain);
-  EXPECT_EQ("", targets[1].alias + targets[1].uuid + targets[1].ownerId + targets[1].faultDomain);
-  for (const TargetInfo& info : targets) {
-    EXPECT_EQ("", info.ownerHostUuid + info.ownerHostName + info.policy);
-    EXPECT_FALSE(info.policyCompliant);
-  }
-}
-
 TEST_F(RecordConversion, TargetListensOnTheFirstEntryOfItsFirstPortalGroupOr3260) {
   AddTarget("a", "a");
   port_new(conf_, AddTarget("b", "b"), portal_group_new(conf_, "pg-empty"));
