@@ -398,8 +398,8 @@ TEST_F(ConfFileTest, WriterDetails) {
   const std::string text = WrittenText(handle);
   EXPECT_THAT(text, HasSubstr("auth-group g {\n\t auth-type none}\n"));
   EXPECT_THAT(text, HasSubstr("portal-group pg-three {\n\t listen nok3:3300\n}\n"));
-  EXPECT_THAT(text,
-              HasSubstr("\t chap-mutual \"out\" \"QWJjZGVmZ2gjMTIz\" \"in\" \"Wnl4d3Z1dHMjOTg3\"\n"));
+  EXPECT_THAT(
+      text, HasSubstr("\t chap-mutual \"out\" \"QWJjZGVmZ2gjMTIz\" \"in\" \"Wnl4d3Z1dHMjOTg3\"\n"));
   // Built-in groups are skipped with an info line; the unconfigured default
   // group denies, yet has no credential to write.
   EXPECT_THAT(text, ::testing::Not(HasSubstr("no-authentication")));

@@ -445,8 +445,9 @@ TEST_F(ConfVerify, BlockSizeDefaultsByDeviceTypeMustBePositiveAndDivideTheSize) 
   EXPECT_EQ(1, conf_verify(conf_));
   lun_set_size(disk, 8);
   EXPECT_EQ(0, conf_verify(conf_));
-  EXPECT_THAT(Logged(), ElementsAre("invalid blocksize for lun \"disk\"; must be larger than 0",
-                                    "invalid size for lun \"disk\"; must be multiple of blocksize"));
+  EXPECT_THAT(Logged(),
+              ElementsAre("invalid blocksize for lun \"disk\"; must be larger than 0",
+                          "invalid size for lun \"disk\"; must be multiple of blocksize"));
 }
 
 TEST_F(ConfVerify, SharedBackingPathIsOnlyAWarningFromEachSide) {

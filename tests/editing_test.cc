@@ -95,7 +95,8 @@ class EditingTest : public ::testing::Test {
   EditingTest() {
     auto nics = std::make_unique<FakeNetworkInterfaces>();
     // Real kernel names that zel.conf cannot keep in an unquoted word too.
-    for (const char* name : {"nok0", "nok1", "nok1:1", "nok#2"}) nics->Set(name, platform::NOKNIC_UP);
+    for (const char* name : {"nok0", "nok1", "nok1:1", "nok#2"})
+      nics->Set(name, platform::NOKNIC_UP);
     platform::CurrentHost().SetNics(std::move(nics));
     service_ = NewService();
   }
@@ -151,7 +152,8 @@ TEST_F(EditingTest, ChapDefaultsReplaceOnlyTheirLinesAndEachSaveRaisesAndPublish
   Parser::UpdateDefaultConfig(info);
   // The writer stores the secret Base64-encoded, never in the clear.
   std::string expected = StandardWith("generation 7\n", "generation 8\n");
-  expected = StandardWith(kStandardDefaultAuth, "\t chap \"newuser\" \"QWJjZGVmZ2gjMTIz\" \n", expected);
+  expected =
+      StandardWith(kStandardDefaultAuth, "\t chap \"newuser\" \"QWJjZGVmZ2gjMTIz\" \n", expected);
   EXPECT_EQ(Conf(), StandardWith(kStandardListen, "\t listen nok1:3261\n", expected));
   EXPECT_EQ(Published(), 8u);
   Parser::UpdateDefaultConfig(Defaults("No-Authentication"));
@@ -228,8 +230,9 @@ TEST_F(EditingTest, FailedPublicationKeepsTheSaveAndStillDropsTheCache) {
 // The file layer's failures themselves are swept in conf_file_test.
 TEST_F(EditingTest, FailedDefaultsSaveChangesNothingAndPublishesNothing) {
   services_.files->FailNext(FileOp::AtomicUpdate, FILEIO_ERROR);
-  EXPECT_EQ(RefusalChangingNothing([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
-            "Failed to swap config and temp config");
+  EXPECT_EQ(
+      RefusalChangingNothing([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
+      "Failed to swap config and temp config");
   EXPECT_EQ(Parser::GetDefaultInfo(false).userid, "defuser");
 }
 
@@ -471,7 +474,8 @@ TEST_F(EditingTest, MembersAreStoredInLowerCaseAndMatchedInAnyCase) {
             }),
             "Failed to add initiators to initiator group finance-hosts with error: initiator " +
                 kIqn + "lab-host1 already exists for initiator group finance-hosts");
-  service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts", {"IQN.2024-01.ORG.EXAMPLE:LAB-HOST1"});
+  service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts",
+                                               {"IQN.2024-01.ORG.EXAMPLE:LAB-HOST1"});
   EXPECT_EQ(Generation(), 9u);
   EXPECT_THAT(Members("finance-hosts"), ElementsAre(kIqn + "finance-db1", kIqn + "finance-db2"));
 }
@@ -500,7 +504,8 @@ TEST_F(EditingTest, ABatchWithOneBadNameChangesNothing) {
 
 TEST_F(EditingTest, AGroupWithMembersIsDeletedOnlyByForceWithAllReferences) {
   // The lab target admits the group too.
-  home_.WriteConf(StandardWithBefore("}\nportal-group default", "\t initiator-group finance-hosts\n"));
+  home_.WriteConf(
+      StandardWithBefore("}\nportal-group default", "\t initiator-group finance-hosts\n"));
   ASSERT_EQ(service_->GetInitiatorgroupInfo("finance-hosts").targets.size(), 2u);
   EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveInitiatorgroup("finance-hosts", false); }),
             "Failed to remove initiator group finance-hosts with error Initiator group "
@@ -532,14 +537,16 @@ TEST_F(EditingTest, TheClusterHoldsAtMost8192InitiatorsCountingTargetsNames) {
   // Two members of finance-hosts and the finance target's own initiator
   // name: 8191 with these.
   std::string bulk = "initiator-group bulk {\n";
-  for (int i = 0; i < 8188; ++i) bulk += "\t initiator " + kIqn + "bulk" + std::to_string(i) + " \n";
+  for (int i = 0; i < 8188; ++i)
+    bulk += "\t initiator " + kIqn + "bulk" + std::to_string(i) + " \n";
   home_.WriteConf(StandardWithBefore(kFinanceGroup, bulk + "}\n"));
   service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "last"});
   EXPECT_EQ(Generation(), 8u);
-  EXPECT_EQ(RefusalChangingNothing(
-                [&] { service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "over"}); }),
-            "Failed to add initiators to initiator group bulk with error: the maximum initiators "
-            "allowed per cluster is: 8192. Current initiator count: 8192. New initiators count: 1.");
+  EXPECT_EQ(
+      RefusalChangingNothing(
+          [&] { service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "over"}); }),
+      "Failed to add initiators to initiator group bulk with error: the maximum initiators "
+      "allowed per cluster is: 8192. Current initiator count: 8192. New initiators count: 1.");
   // Freeing one place admits one more.
   service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts", {kIqn + "finance-db1"});
   service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "over"});
@@ -553,7 +560,9 @@ TEST_F(EditingTest, EveryGroupEditIsRefusedWhileTheServiceIsDisabled) {
       [&] { service_->AddInitiatorgroup("new-group"); },
       [&] { service_->RemoveInitiatorgroup("finance-hosts", true); },
       [&] { service_->AddInitiatorsToInitiatorgroup("finance-hosts", {kIqn + "x"}); },
-      [&] { service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts", {kIqn + "finance-db1"}); }};
+      [&] {
+        service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts", {kIqn + "finance-db1"});
+      }};
   for (const auto& edit : edits) {
     EXPECT_EQ(RefusalChangingNothing(edit),
               "Orva iSCSI Target Service is not enabled or the enable task is in progress.");
@@ -572,7 +581,8 @@ class ConfigInjectionTest : public EditingTest {
                 const std::function<void()>& store, const std::function<bool()>& readBack) {
     std::string printable;
     for (const unsigned char c : hostile)
-      printable += std::isprint(c) ? std::string(1, static_cast<char>(c)) : "\\x" + std::to_string(c);
+      printable +=
+          std::isprint(c) ? std::string(1, static_cast<char>(c)) : "\\x" + std::to_string(c);
     SCOPED_TRACE(field + " with " + printable);
     const std::string before = Conf();
     const std::string refusal = MessageOf(store);
@@ -699,7 +709,8 @@ TEST_F(ParserHelpersTest, TargetAuthGroupIsNamedAfterItsUuidAndRewritten) {
   EXPECT_TRUE(host_.Log().Contains("Parser: Updating auth type 'CHAP' for target " +
                                    std::string(t->t_name)));
   // The type is matched in any case; the one credential is replaced.
-  Parser::UpdateTargetAuthGroup(t, AuthInfo("chap-MUTUAL", "out", "Abcdefgh#123", "in", "Zyxwvuts#987"));
+  Parser::UpdateTargetAuthGroup(
+      t, AuthInfo("chap-MUTUAL", "out", "Abcdefgh#123", "in", "Zyxwvuts#987"));
   EXPECT_EQ(ag->ag_type, AG_TYPE_CHAP_MUTUAL);
   ASSERT_NE(TAILQ_FIRST(&ag->ag_auths), nullptr);
   EXPECT_EQ(TAILQ_NEXT(TAILQ_FIRST(&ag->ag_auths), a_next), nullptr);

@@ -43,7 +43,8 @@ class RecordConversion : public ConfFixture {
     struct lun* lun = lun_new(conf_, name);
     lun_set_zeld_lun(lun, number);
     lun_set_size(lun, sectors);
-    lun_set_path(lun, (std::string(kTargetUuid) + "/lun-" + std::to_string(number) + ".qdsk").c_str());
+    lun_set_path(lun,
+                 (std::string(kTargetUuid) + "/lun-" + std::to_string(number) + ".qdsk").c_str());
     target->t_luns[number] = lun;
     return lun;
   }
