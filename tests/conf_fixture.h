@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "conf/conf.h"
+#include "support/Messages.h"
 #include "support/TestHost.h"
 
 namespace zel {
@@ -16,12 +17,11 @@ namespace test {
 
 class ConfFixture : public ::testing::Test {
  protected:
-  ConfFixture() {
+  ConfFixture() { log_init(5); }
+  ~ConfFixture() override {
+    conf_delete(conf_);
     log_init(5);
-    conf_ = conf_new();
   }
-  ~ConfFixture() override { conf_delete(conf_); }
-
   // The configuration layer's lines, without their "ZELD: " prefix.
   std::vector<std::string> Logged() {
     std::vector<std::string> lines;
@@ -32,10 +32,8 @@ class ConfFixture : public ::testing::Test {
     return lines;
   }
   bool WasLogged(const std::string& text) { return host_.Log().Contains("ZELD: " + text); }
-  void ClearLog() { host_.Log().Clear(); }
-
   ScopedTestHost host_;
-  struct conf* conf_;
+  struct conf* conf_ = conf_new();
 };
 
 }  // namespace test

@@ -1,0 +1,804 @@
+// Editing zel.conf through the service and its helpers: what the file holds
+// and a reader gets back, the limits (128 targets, 256 groups, 8192
+// initiators), the generation each save raises and publishes, that every
+// refusal or failure changes nothing, hostile text, and concurrent zelctls.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "cache/ConfigCache.h"
+#include "conf/ConfHandle.h"
+#include "conf_fixture.h"
+#include "directory/DirectoryEntries.h"
+#include "edit/DefaultsEditor.h"
+#include "edit/NamePatterns.h"
+#include "edit/Parser.h"
+#include "edit/ParserQueries.h"
+#include "platform/Host.h"
+#include "storage/DatastoreLayout.h"
+#include "support/FakeNetworkInterfaces.h"
+#include "support/Process.h"
+#include "support/ServiceHome.h"
+
+namespace zel {
+namespace test {
+namespace {
+
+using HostCtl::Orva::IscsiTarget::DefaultInfo;
+using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
+using HostCtl::Orva::IscsiTarget::TargetCreateParam;
+using HostCtl::Orva::IscsiTarget::TargetInfo;
+using NokCtl::Orva::IscsiTarget::ConfHandle;
+using NokCtl::Orva::IscsiTarget::ConfigCache;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+namespace fs = std::filesystem;
+namespace Parser = NokCtl::Orva::IscsiTarget::Parser;
+namespace Util = NokCtl::Orva::IscsiTarget::Util;
+
+constexpr uint64_t kNone = ~uint64_t{0};
+const std::string kIqn = "iqn.2024-01.org.example:";
+
+DefaultInfo Defaults(const std::string& type, const std::string& user = "",
+                     const std::string& secret = "", const std::string& mutualUser = "",
+                     const std::string& mutualSecret = "") {
+  DefaultInfo info;
+  info.authType = type;
+  info.userid = user;
+  info.secret = secret;
+  info.mutualUserid = mutualUser;
+  info.mutualSecret = mutualSecret;
+  return info;
+}
+
+TargetCreateParam Param(const std::string& alias, const std::string& iqn = "",
+                        const std::string& nic = "", int32_t port = 3260) {
+  TargetCreateParam param;
+  param.alias = alias;
+  param.iqn = iqn.empty() ? "" : "iqn.2026-11.local.zel:" + iqn;
+  param.networkInterface = nic;
+  param.port = port;
+  return param;
+}
+
+TargetCreateParam Chap(TargetCreateParam param, const std::string& user,
+                       const std::string& secret) {
+  param.authType = "CHAP";
+  param.userid = user;
+  param.secret = secret;
+  return param;
+}
+
+// `text` (kStandardConf by default) with `from` replaced by `to`.
+std::string StandardWith(const std::string& from, const std::string& to,
+                         std::string text = kStandardConf) {
+  const size_t at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  if (at != std::string::npos) text.replace(at, from.size(), to);
+  return text;
+}
+
+class EditingTest : public ::testing::Test {
+ protected:
+  EditingTest() {
+    auto nics = std::make_unique<FakeNetworkInterfaces>();
+    // Real kernel names that zel.conf cannot keep in an unquoted word too.
+    for (const char* name : {"nok0", "nok1", "nok1:1", "nok#2"})
+      nics->Set(name, platform::NOKNIC_UP);
+    platform::CurrentHost().SetNics(std::move(nics));
+    service_ = NewService();
+  }
+  std::string Conf() const { return ReadFile(home_.ConfPath()); }
+  uint64_t Generation() const { return std::stoull(Conf().substr(sizeof("generation"))); }
+  uint64_t Published() const {
+    uint64_t generation = kNone;
+    return ZeldGetConfigGenNumInBrix(&generation) == NOK_OK ? generation : kNone;
+  }
+  std::vector<std::string> TargetLinks() const {
+    std::vector<std::string> links;
+    for (const auto& entry : fs::directory_iterator(Util::GetTargetsDirPath()))
+      links.push_back(entry.path().filename());
+    return links;
+  }
+  TargetInfo Target(const std::string& alias) { return service_->GetTargetInfo(alias); }
+  std::vector<std::string> Members(const std::string& group) {
+    return service_->GetInitiatorgroupInfo(group).initiators;
+  }
+  // The refusal `operation` throws; zel.conf, the published generation and
+  // the datastore must be exactly as before it.
+  std::string RefusalChangingNothing(const std::function<void()>& operation) {
+    const std::string conf = Conf();
+    const uint64_t published = Published();
+    const auto entries = [] {
+      const fs::directory_iterator all(platform::CurrentHost().Config().datastoreRoot);
+      return std::distance(all, fs::directory_iterator{});
+    };
+    const auto datastore = entries();
+    const std::vector<std::string> links = TargetLinks();
+    const std::string message = MessageOf(operation);
+    EXPECT_EQ(Conf(), conf);
+    EXPECT_EQ(Published(), published);
+    EXPECT_EQ(entries(), datastore);
+    EXPECT_EQ(TargetLinks(), links);
+    return message;
+  }
+  ServiceHome home_;
+  TestServices services_ = home_.InstallTestHost();
+  std::unique_ptr<OrvaIscsiTarget> service_;
+};
+
+// ---- defaults --------------------------------------------------------------------
+
+const char kStandardDefaultAuth[] =
+    "\t chap-mutual \"defuser\" \"RGVmYXVsdCNTZWNyZXQx\" \"defmutual\" \"TXV0dWFsI1NlY3JldDIy\"\n";
+const char kStandardListen[] = "\t listen nok0:3260\n";
+
+TEST_F(EditingTest, ChapDefaultsReplaceOnlyTheirLinesAndEachSaveRaisesAndPublishesTheGeneration) {
+  DefaultInfo info = Defaults("CHAP", "newuser", "Abcdefgh#123");
+  info.networkInterface = "nok1";
+  info.port = 3261;
+  Parser::UpdateDefaultConfig(info);
+  // The writer stores the secret Base64-encoded, never in the clear.
+  std::string expected = StandardWith("generation 7\n", "generation 8\n");
+  expected =
+      StandardWith(kStandardDefaultAuth, "\t chap \"newuser\" \"QWJjZGVmZ2gjMTIz\" \n", expected);
+  EXPECT_EQ(Conf(), StandardWith(kStandardListen, "\t listen nok1:3261\n", expected));
+  EXPECT_EQ(Published(), 8u);
+  Parser::UpdateDefaultConfig(Defaults("No-Authentication"));
+  EXPECT_EQ(Generation(), 9u);
+  EXPECT_EQ(Published(), 9u);
+}
+
+TEST_F(EditingTest, ChapMutualDefaultsReadBackThroughTheReader) {
+  DefaultInfo info =
+      Defaults("CHAP-Mutual", "initiator-side", "Outgoing#Sec1", "target-side", "Incoming#Sec2");
+  info.networkInterface = "nok2";
+  info.port = 65535;
+  Parser::UpdateDefaultConfig(info);
+  const DefaultInfo back = Parser::GetDefaultInfo(true);
+  EXPECT_EQ((std::vector<std::string>{"CHAP-Mutual", "initiator-side", "Outgoing#Sec1",
+                                      "target-side", "Incoming#Sec2", "nok2"}),
+            (std::vector<std::string>{back.authType, back.userid, back.secret, back.mutualUserid,
+                                      back.mutualSecret, back.networkInterface}));
+  EXPECT_EQ(back.port, 65535);
+  EXPECT_EQ(Conf().find("Outgoing#Sec1"), std::string::npos);
+  EXPECT_EQ(Conf().find("Incoming#Sec2"), std::string::npos);
+}
+
+TEST_F(EditingTest, NoAuthenticationLeavesTheDefaultGroupWithoutCredential) {
+  for (const std::string type : {"No-Authentication", ""}) {
+    home_.WriteConf(kStandardConf);
+    Parser::UpdateDefaultConfig(Defaults(type));
+    EXPECT_NE(Conf().find("auth-group default {\n\t auth-type none\n}\n"), std::string::npos)
+        << "type '" << type << "'\n" << Conf();
+    const DefaultInfo back = Parser::GetDefaultInfo(true);
+    EXPECT_EQ(back.authType, "No-Authentication");
+    EXPECT_EQ(back.userid + back.secret + back.mutualUserid, "");
+  }
+}
+
+TEST_F(EditingTest, DefaultsKeepTheListenAddressUnlessGivenOneAndDropTheCache) {
+  home_.WriteConf(StandardWith(kStandardListen, "\t listen nok3:4000\n"));
+  Parser::GetDefaultInfo(false);
+  ASSERT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
+  Parser::UpdateDefaultConfig(Defaults("CHAP", "u", "Abcdefgh#123"));
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNone);
+  DefaultInfo back = Parser::GetDefaultInfo(false);
+  EXPECT_EQ(back.authType, "CHAP");
+  EXPECT_EQ(back.networkInterface, "nok3");
+  EXPECT_EQ(back.port, 4000);
+  // A given interface leaves exactly one listen address.
+  home_.WriteConf(StandardWith(kStandardListen,
+                               "\t listen nok0:3260\n\t listen nok1:3260\n\t listen nok2:3260\n"));
+  DefaultInfo info = Defaults("No-Authentication");
+  info.networkInterface = "nok5";
+  Parser::UpdateDefaultConfig(info);
+  ConfHandle handle(ConfHandle::kShareMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
+  const struct portal* portal = TAILQ_FIRST(&portal_group_find(handle.conf, "default")->pg_portals);
+  ASSERT_NE(portal, nullptr);
+  EXPECT_STREQ(portal->p_host, "nok5");
+  EXPECT_STREQ(portal->p_port, "3260");
+  EXPECT_EQ(TAILQ_NEXT(portal, p_next), nullptr);
+}
+
+TEST_F(EditingTest, FailedPublicationKeepsTheSaveAndStillDropsTheCache) {
+  Parser::GetDefaultInfo(false);
+  // The file stays reachable, but the namespace's identity cannot be read
+  // from the link any more, so the generation cannot be published.
+  const std::string root = home_.Path() + "/datastore";
+  fs::rename(home_.NamespaceDir(), root + "/not-a-namespace-identity");
+  fs::remove(root + "/.iSCSI-CONFIG");
+  fs::create_directory_symlink("not-a-namespace-identity", root + "/.iSCSI-CONFIG");
+  EXPECT_EQ(MessageOf([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
+            "Failed to Update ZEL conf entry into BRIX with error: Failure");
+  EXPECT_EQ(ReadFile(root + "/.iSCSI-CONFIG/etc/zel.conf").rfind("generation 8\n", 0), 0u);
+  EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNone);
+}
+
+// The file layer's failures themselves are swept in conf_file_test.
+TEST_F(EditingTest, FailedDefaultsSaveChangesNothingAndPublishesNothing) {
+  services_.files->FailNext(FileOp::AtomicUpdate, FILEIO_ERROR);
+  EXPECT_EQ(
+      RefusalChangingNothing([] { Parser::UpdateDefaultConfig(Defaults("No-Authentication")); }),
+      "Failed to swap config and temp config");
+  EXPECT_EQ(Parser::GetDefaultInfo(false).userid, "defuser");
+}
+
+// ---- targets ---------------------------------------------------------------------
+
+TEST_F(EditingTest, NewChapTargetWithAclIsSavedPublishedAndReadBack) {
+  TargetCreateParam param =
+      Chap(Param("payroll", "Payroll", "nok1", 3270), "payroll-user", "Payroll#Secret1");
+  param.initiatorsToAdd = {kIqn + "pay-db", "finance-hosts"};
+  service_->AddTarget(param);
+  const TargetInfo target = Target("payroll");
+  EXPECT_EQ((std::vector<std::string>{target.iqn, target.uuid, target.ownerId,
+                                      target.ownerHostUuid, target.networkInterface,
+                                      target.authType, target.userid}),
+            (std::vector<std::string>{"iqn.2026-11.local.zel:payroll", param.uuid, param.uuid,
+                                      home_.HostUuid(), "nok1", "CHAP", "payroll-user"}));
+  EXPECT_EQ(target.port, 3270);
+  EXPECT_THAT(target.initiators, ElementsAre(kIqn + "pay-db"));
+  EXPECT_THAT(target.initiatorGroups, ElementsAre("finance-hosts"));
+  const std::string conf = Conf();
+  EXPECT_EQ(Generation(), 8u);
+  EXPECT_EQ(Published(), 8u);
+  EXPECT_NE(conf.find("portal-group pg-nok1-3270 {\n\t listen nok1:3270\n}\n"), std::string::npos)
+      << conf;
+  EXPECT_NE(conf.find("auth-group " + param.uuid + " {\n"), std::string::npos);
+  EXPECT_EQ(conf.find("Payroll#Secret1"), std::string::npos);
+  EXPECT_THAT(TargetLinks(), ElementsAre(param.uuid));
+  // An empty IQN is generated and handed back.
+  TargetCreateParam generated = Param("generated one");
+  service_->AddTarget(generated);
+  EXPECT_TRUE(Util::IsValidInitiatorIQN(generated.iqn)) << generated.iqn;
+  EXPECT_EQ(generated.iqn.rfind("iqn.1998-01.", 0), 0u) << generated.iqn;
+  EXPECT_EQ(Target("generated one").iqn, generated.iqn);
+}
+
+TEST_F(EditingTest, RefusedNewTargetsChangeNothing) {
+  TargetCreateParam twin = Param("Finance", "f2");  // aliases are exact
+  service_->AddTarget(twin);
+  EXPECT_EQ(Target("Finance").iqn, "iqn.2026-11.local.zel:f2");
+  struct Case {
+    TargetCreateParam param;
+    std::string message;
+  };
+  std::vector<Case> cases = {
+      {Param("finance", "f3"), "Target alias finance already exists."},
+      {Param("other", "FINANCE"), "Target iqn iqn.2026-11.local.zel:FINANCE already exists."},
+      {Param("acl", "acl"),
+       "Failed to add initiator group no-such-group to target acl: no-such-group is neither a "
+       "valid initiator IQN nor a predefined Initiator group "},
+  };
+  cases.back().param.initiatorsToAdd = {"no-such-group"};
+  for (const std::string name : {"nok1:1", "nok#2"}) {
+    cases.push_back({Param("odd", "odd", name),
+                     "Network interface " + name + " cannot be used: only letters, digits, '.', "
+                                                   "'_' and '-' can be stored in its name"});
+  }
+  for (Case& c : cases) {
+    EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(c.param); }), c.message);
+  }
+  home_.WriteConf(StandardWith(kStandardListen, ""));
+  TargetCreateParam nowhere = Param("nowhere", "nowhere");
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(nowhere); }),
+            "Default network interface not found.");
+}
+
+TEST_F(EditingTest, TheHundredTwentyNinthTargetIsRefused) {
+  std::string text = kStandardConf;
+  for (int n = 0; n < 125; ++n) {
+    const std::string id = std::to_string(n);
+    text += "target iqn.2026-11.local.zel:extra-" + id + " {\n\talias \"extra-" + id +
+            "\"\n\tportal-group default\n\toption uuid 00000000-0000-4000-8000-" +
+            std::string(12 - id.size(), '0') + id + "\n}\n";
+  }
+  home_.WriteConf(text);
+  TargetCreateParam last = Param("last", "last");
+  service_->AddTarget(last);
+  TargetCreateParam beyond = Param("beyond", "beyond");
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(beyond); }),
+            "Limit on total number of targets (128) has been reached.");
+}
+
+TEST_F(EditingTest, FailedSaveRemovesTheNewNamespaceAgain) {
+  services_.files->FailNext(FileOp::AtomicUpdate, FILEIO_ERROR);
+  TargetCreateParam param = Param("doomed", "doomed");
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->AddTarget(param); }),
+            "Failed to swap config and temp config");
+  EXPECT_TRUE(services_.log->Contains(
+      "OrvaIscsiTargetImpl: Add target doomed failed: Failed to swap config and temp config "
+      "rollback by deleting target namespace"));
+}
+
+TEST_F(EditingTest, RemovalTakesItsGroupsButKeepsSharedOnesAndRefusesBusyTargets) {
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveTarget("finance"); }),
+            "Target finance is not empty.");
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveTarget("Lab"); }),
+            "Target Lab is not found.");
+  TargetCreateParam first = Chap(Param("first", "first", "nok1"), "first", "First#Secret12");
+  service_->AddTarget(first);
+  TargetCreateParam second = Param("second", "second", "nok1");
+  service_->AddTarget(second);
+  service_->RemoveTarget("first");
+  EXPECT_NE(Conf().find("portal-group pg-nok1-3260"), std::string::npos);
+  EXPECT_EQ(Conf().find("auth-group " + first.uuid), std::string::npos);
+  EXPECT_THAT(TargetLinks(), ElementsAre(second.uuid));
+  service_->RemoveTarget("second");
+  EXPECT_EQ(Conf().find("pg-nok1-3260"), std::string::npos);
+  EXPECT_NE(Conf().find("portal-group default"), std::string::npos);
+  EXPECT_NE(Conf().find("auth-group default"), std::string::npos);
+  EXPECT_THAT(TargetLinks(), IsEmpty());
+  EXPECT_EQ(Published(), 11u);
+}
+
+TEST_F(EditingTest, RemovalKeepsAnOwnGroupThatAHandEditedTargetShares) {
+  TargetCreateParam solo = Chap(Param("solo", "solo"), "solo", "Solo#Secret123");
+  service_->AddTarget(solo);
+  home_.WriteConf(Conf() + "target iqn.2026-11.local.zel:twin {\n\talias \"twin\"\n\tauth-group " +
+                  solo.uuid + "\n\toption uuid 00000000-0000-4000-8000-000000000001\n}\n");
+  service_->RemoveTarget("solo");
+  const std::vector<TargetInfo> left = service_->GetTargets(false, false);
+  ASSERT_EQ(left.back().alias, "twin");
+  EXPECT_EQ(left.back().userid, "solo");
+  EXPECT_NE(Conf().find("auth-group " + solo.uuid + " {"), std::string::npos);
+}
+
+TEST_F(EditingTest, UpdateRenamesOnlyToAFreeAlias) {
+  TargetCreateParam clash = Param("lab");
+  clash.newAlias = "finance";
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(clash); }),
+            "Can't change target alias to finance, because target alias finance already exists");
+  TargetCreateParam quoted = Param("lab");
+  quoted.newAlias = "a\"b";
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(quoted); }),
+            "'\"' not permitted in alias");
+  TargetCreateParam rename = Param("lab");
+  rename.newAlias = "Finance";
+  service_->UpdateTargetConfig(rename);
+  EXPECT_EQ(Target("Finance").uuid, kLabUuid);
+  EXPECT_EQ(MessageOf([&] { Target("lab"); }), "Target lab not found");
+}
+
+TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
+  TargetCreateParam move = Param("lab", "", "nok1", 4000);
+  move.initiatorsToAdd = {kIqn + "lab-1", "finance-hosts"};
+  move.faultDomain = "Preferred";
+  service_->UpdateTargetConfig(move);
+  TargetInfo lab = Target("lab");
+  EXPECT_EQ(lab.networkInterface, "nok1");
+  EXPECT_EQ(lab.port, 4000);
+  EXPECT_EQ(lab.authType, "CHAP-Mutual");
+  EXPECT_EQ(lab.faultDomain, "Preferred");
+  EXPECT_THAT(lab.initiators, ElementsAre(kIqn + "lab-1"));
+  TargetCreateParam back = Param("lab", "", "nok0");
+  back.initiatorsToRemove = {"finance-hosts", "iqn.2024-01.org.example:LAB-1"};
+  back.faultDomain = "None";
+  back.authType = "No-Authentication";
+  service_->UpdateTargetConfig(back);
+  lab = Target("lab");
+  EXPECT_EQ(lab.authType, "No-Authentication");
+  EXPECT_THAT(lab.initiators, IsEmpty());
+  EXPECT_THAT(lab.initiatorGroups, IsEmpty());
+  EXPECT_EQ(lab.faultDomain, "");
+  EXPECT_EQ(Conf().find("pg-nok1-4000"), std::string::npos) << "unused portal group kept";
+  TargetCreateParam twice = Param("lab");
+  twice.initiatorsToRemove = {kIqn + "lab-1"};
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(twice); }),
+            "Initiator iqn.2024-01.org.example:lab-1 is not found for target lab");
+  TargetCreateParam site = Param("lab");
+  site.faultDomain = "Elsewhere";
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(site); }),
+            "The input affinity location Elsewhere is invalid, and the expected is "
+            "{\"Preferred\" or \"NonPreferred\"} in stretched cluster mode.");
+}
+
+TEST_F(EditingTest, AclOnATargetOfTheDefaultGroupLeavesTheDefaultGroupAlone) {
+  TargetCreateParam plain = Param("plain", "plain");
+  service_->AddTarget(plain);
+  EXPECT_EQ(Target("plain").authType, "CHAP-Mutual");  // the standard defaults
+  TargetCreateParam acl = Param("plain");
+  acl.initiatorsToAdd = {kIqn + "only-me"};
+  service_->UpdateTargetConfig(acl);
+  const TargetInfo target = Target("plain");
+  EXPECT_EQ(target.authType, "CHAP-Mutual");
+  EXPECT_EQ(target.userid, "defuser");
+  EXPECT_THAT(target.initiators, ElementsAre(kIqn + "only-me"));
+  EXPECT_THAT(Target("lab").initiators, IsEmpty());
+  const std::string conf = Conf();
+  const size_t group = conf.find("auth-group default {");
+  EXPECT_EQ(conf.substr(group, conf.find("}\n", group) - group).find("only-me"), std::string::npos)
+      << conf;
+}
+
+// ---- initiator groups ------------------------------------------------------------
+
+const char kFinanceGroup[] = "initiator-group finance-hosts {\n";
+
+// kStandardConf with `text` inserted before the first occurrence of `before`.
+std::string StandardWithBefore(const std::string& before, const std::string& text) {
+  return StandardWith(before, text + before);
+}
+
+TEST_F(EditingTest, TheTwoHundredFiftySeventhGroupIsRefused) {
+  std::string groups;
+  for (int i = 1; i < 255; ++i) groups += "initiator-group g" + std::to_string(i) + " {\n}\n";
+  home_.WriteConf(StandardWithBefore(kFinanceGroup, groups));
+  service_->AddInitiatorgroup("g255");
+  ASSERT_EQ(service_->GetInitiatorgroups().size(), 256u);
+  const std::string message =
+      "Failed to add initiator group g256 with error: the maximum initiator group allowed per "
+      "cluster is 256. Current value: 256.";
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->AddInitiatorgroup("g256"); }), message);
+  EXPECT_TRUE(services_.log->Contains("Parser: " + message));
+}
+
+TEST_F(EditingTest, GroupNamesAreComparedExactlyAndValidatedFirst) {
+  service_->GetInitiatorgroups();  // fills the cache, which each edit must drop
+  service_->AddInitiatorgroup("Finance-Hosts");
+  EXPECT_EQ(Generation(), 8u);
+  const auto groups = service_->GetInitiatorgroups();
+  ASSERT_EQ(groups.size(), 2u);
+  EXPECT_EQ(groups[1].name, "Finance-Hosts");
+  EXPECT_THAT(groups[1].initiators, IsEmpty());
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->AddInitiatorgroup("finance-hosts"); }),
+            "Failed to add initiator group finance-hosts with error: initiator group "
+            "finance-hosts already exists");
+  // An initiator name is no group name; the refusal comes before the file.
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->AddInitiatorgroup("IQN.hosts"); }),
+            "Invalid initiator group name 'IQN.hosts'. Initiator group name cannot start with "
+            "'iqn.' or 'eui.'");
+}
+
+TEST_F(EditingTest, MembersAreStoredInLowerCaseAndMatchedInAnyCase) {
+  Members("finance-hosts");
+  service_->AddInitiatorsToInitiatorgroup("finance-hosts", {kIqn + "Lab-Host1"});
+  EXPECT_EQ(Generation(), 8u);
+  EXPECT_THAT(Members("finance-hosts"),
+              ElementsAre(kIqn + "finance-db1", kIqn + "finance-db2", kIqn + "lab-host1"));
+  EXPECT_EQ(RefusalChangingNothing([&] {
+              service_->AddInitiatorsToInitiatorgroup("finance-hosts", {kIqn + "lab-host1"});
+            }),
+            "Failed to add initiators to initiator group finance-hosts with error: initiator " +
+                kIqn + "lab-host1 already exists for initiator group finance-hosts");
+  service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts",
+                                               {"IQN.2024-01.ORG.EXAMPLE:LAB-HOST1"});
+  EXPECT_EQ(Generation(), 9u);
+  EXPECT_THAT(Members("finance-hosts"), ElementsAre(kIqn + "finance-db1", kIqn + "finance-db2"));
+}
+
+TEST_F(EditingTest, ABatchWithOneBadNameChangesNothing) {
+  for (const auto& batch : std::vector<std::vector<std::string>>{
+           {kIqn + "new1", "host-without-iqn"}, {kIqn + "new1", kIqn + "NEW1"}}) {
+    EXPECT_NE(RefusalChangingNothing(
+                  [&] { service_->AddInitiatorsToInitiatorgroup("finance-hosts", batch); }),
+              "")
+        << batch[1];
+  }
+  // The message names the member as it was asked for; no colon after "error".
+  for (const std::string missing : {"finance-db9", "LAB-HOST1"}) {
+    EXPECT_EQ(RefusalChangingNothing([&] {
+                service_->RemoveInitiatorsFromInitiatorgroup(
+                    "finance-hosts", {kIqn + "finance-db1", kIqn + missing});
+              }),
+              "Failed to remove initiators from initiator group finance-hosts with error "
+              "Initiator " + kIqn + missing + " is not found for initiator group finance-hosts");
+  }
+  EXPECT_EQ(MessageOf([&] { service_->AddInitiatorsToInitiatorgroup("nobody", {kIqn + "x"}); }),
+            "Failed to add initiators to initiator group nobody with error: Initiator group "
+            "nobody not found.");
+}
+
+TEST_F(EditingTest, AGroupWithMembersIsDeletedOnlyByForceWithAllReferences) {
+  // The lab target admits the group too.
+  home_.WriteConf(
+      StandardWithBefore("}\nportal-group default", "\t initiator-group finance-hosts\n"));
+  ASSERT_EQ(service_->GetInitiatorgroupInfo("finance-hosts").targets.size(), 2u);
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveInitiatorgroup("finance-hosts", false); }),
+            "Failed to remove initiator group finance-hosts with error Initiator group "
+            "finance-hosts is not empty. Use '--force' option to delete.");
+  service_->RemoveInitiatorgroup("finance-hosts", true);
+  EXPECT_EQ(Generation(), 8u);
+  EXPECT_THAT(service_->GetInitiatorgroups(), IsEmpty());
+  EXPECT_EQ(Conf().find("finance-hosts"), std::string::npos) << Conf();
+  EXPECT_EQ(service_->GetTargets(false, false).size(), 2u);
+  EXPECT_NE(Conf().find("\t initiator-name " + kIqn + "backup1\n"), std::string::npos);
+  EXPECT_TRUE(services_.log->Contains(
+      "Parser: Remove initiator group finance-hosts from conf file (force enabled: 1)."));
+}
+
+TEST_F(EditingTest, AnEmptyGroupIsDeletedWithoutForceEvenWhileReferenced) {
+  service_->RemoveInitiatorsFromInitiatorgroup(
+      "finance-hosts", {"IQN.2024-01.ORG.EXAMPLE:FINANCE-DB1", kIqn + "finance-db2"});
+  EXPECT_EQ(Generation(), 8u);
+  ASSERT_THAT(Members("finance-hosts"), IsEmpty());
+  service_->RemoveInitiatorgroup("finance-hosts", false);
+  EXPECT_EQ(Generation(), 9u);
+  EXPECT_EQ(Conf().find("finance-hosts"), std::string::npos) << Conf();
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->RemoveInitiatorgroup("finance-hosts", true); }),
+            "Failed to remove initiator group finance-hosts with error Initiator group "
+            "finance-hosts not found.");
+}
+
+TEST_F(EditingTest, TheClusterHoldsAtMost8192InitiatorsCountingTargetsNames) {
+  // Two members of finance-hosts and the finance target's own initiator
+  // name: 8191 with these.
+  std::string bulk = "initiator-group bulk {\n";
+  for (int i = 0; i < 8188; ++i)
+    bulk += "\t initiator " + kIqn + "bulk" + std::to_string(i) + " \n";
+  home_.WriteConf(StandardWithBefore(kFinanceGroup, bulk + "}\n"));
+  service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "last"});
+  EXPECT_EQ(Generation(), 8u);
+  EXPECT_EQ(
+      RefusalChangingNothing(
+          [&] { service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "over"}); }),
+      "Failed to add initiators to initiator group bulk with error: the maximum initiators "
+      "allowed per cluster is: 8192. Current initiator count: 8192. New initiators count: 1.");
+  // Freeing one place admits one more.
+  service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts", {kIqn + "finance-db1"});
+  service_->AddInitiatorsToInitiatorgroup("bulk", {kIqn + "over"});
+  EXPECT_EQ(Generation(), 10u);
+}
+
+TEST_F(EditingTest, EveryGroupEditIsRefusedWhileTheServiceIsDisabled) {
+  home_.SetServiceEnabled(false);
+  service_ = NewService();  // a service object reads the status when it is made
+  const std::vector<std::function<void()>> edits = {
+      [&] { service_->AddInitiatorgroup("new-group"); },
+      [&] { service_->RemoveInitiatorgroup("finance-hosts", true); },
+      [&] { service_->AddInitiatorsToInitiatorgroup("finance-hosts", {kIqn + "x"}); },
+      [&] {
+        service_->RemoveInitiatorsFromInitiatorgroup("finance-hosts", {kIqn + "finance-db1"});
+      }};
+  for (const auto& edit : edits) {
+    EXPECT_EQ(RefusalChangingNothing(edit),
+              "Orva iSCSI Target Service is not enabled or the enable task is in progress.");
+  }
+}
+
+// ---- text from outside never changes the file's structure ------------------------
+
+// Every field an operator types is tried with the characters that mean
+// something to the file format. Each attempt is either refused with a
+// message (and the file stays byte-identical) or stored and read back
+// unchanged; the file parses after every attempt.
+class ConfigInjectionTest : public EditingTest {
+ protected:
+  void TryField(const std::string& field, const std::string& hostile,
+                const std::function<void()>& store, const std::function<bool()>& readBack) {
+    std::string printable;
+    for (const unsigned char c : hostile)
+      printable +=
+          std::isprint(c) ? std::string(1, static_cast<char>(c)) : "\\x" + std::to_string(c);
+    SCOPED_TRACE(field + " with " + printable);
+    const std::string before = Conf();
+    const std::string refusal = MessageOf(store);
+    if (refusal.empty()) {
+      ++stored_;
+      EXPECT_TRUE(readBack()) << "stored but read back differently";
+    } else {
+      EXPECT_EQ(Conf(), before) << "refused (" << refusal << ") but the file changed";
+    }
+    EXPECT_NO_THROW(ConfHandle(ConfHandle::kShareMode, home_.ConfPath())) << Conf();
+  }
+  void AddChap(const std::string& alias, const std::string& user, const std::string& secret) {
+    TargetCreateParam param = Chap(Param(alias, std::to_string(++serial_)), user, secret);
+    service_->AddTarget(param);
+  }
+  const std::vector<std::string> hostiles_ = {"\"", "{", "}", ";", "\n", "\t", "#", "\xc3\xa9\xff"};
+  int serial_ = 0;
+  int stored_ = 0;  // attempts the service accepted
+};
+
+TEST_F(ConfigInjectionTest, TargetFieldsAreRefusedOrStoredVerbatim) {
+  for (const std::string& hostile : hostiles_) {
+    const std::string alias = "a" + hostile + "z";
+    TryField("alias", hostile, [&] { AddChap(alias, "user", "Abcdefgh#123"); },
+             [&] { return Target(alias).alias == alias; });
+    TryField("iqn", hostile, [&] {
+      TargetCreateParam param = Chap(Param("iqn" + std::to_string(serial_), "x" + hostile),
+                                     "user", "Abcdefgh#123");
+      service_->AddTarget(param);
+    }, [&] { return false; });
+    const std::string user = "u" + hostile;
+    const std::string userAlias = "user" + std::to_string(serial_);
+    TryField("userid", hostile, [&] { AddChap(userAlias, user, "Abcdefgh#123"); },
+             [&] { return Target(userAlias).userid == user; });
+    const std::string secret = "Abcdefgh#12" + hostile;
+    TryField("secret", hostile,
+             [&] { AddChap("secret" + std::to_string(serial_), "user", secret); },
+             [&] {
+               // Secrets are never reported; the file itself must hold this one.
+               ConfHandle handle(ConfHandle::kShareMode, home_.ConfPath());
+               const struct auth_group* ag;
+               TAILQ_FOREACH(ag, &handle.conf->conf_auth_groups, ag_next) {
+                 const struct auth* auth = TAILQ_FIRST(&ag->ag_auths);
+                 if (auth != nullptr && secret == auth->a_secret) return true;
+               }
+               return false;
+             });
+    const std::string policy = "\"thinProvisioned\" \"true" + hostile + "\"";
+    const std::string policyAlias = "policy" + std::to_string(serial_);
+    TryField("policy", hostile, [&] {
+      TargetCreateParam param =
+          Chap(Param(policyAlias, std::to_string(++serial_)), "user", "Abcdefgh#123");
+      param.policy = policy;
+      service_->AddTarget(param);
+    }, [&] { return Target(policyAlias).policy == policy; });
+    TryField("affinity", hostile, [&] {
+      TargetCreateParam param = Param("lab");
+      param.faultDomain = "Preferred" + hostile;
+      service_->UpdateTargetConfig(param);
+    }, [&] { return false; });
+  }
+  // Braces, semicolons, tabs, "#" and non-ASCII bytes are legal in aliases,
+  // secrets and policies: those must have been stored, not refused.
+  EXPECT_GE(stored_, 12);
+}
+
+TEST_F(ConfigInjectionTest, InitiatorAndGroupNamesAreRefusedOrStoredVerbatim) {
+  for (const std::string& hostile : hostiles_) {
+    const std::string group = "g" + hostile;
+    TryField("initiator group", hostile, [&] { service_->AddInitiatorgroup(group); },
+             [&] { return service_->GetInitiatorgroupInfo(group).name == group; });
+    const std::string initiator = kIqn + "i" + hostile;
+    std::string lower = initiator;
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    TryField("group member", hostile,
+             [&] { service_->AddInitiatorsToInitiatorgroup("finance-hosts", {initiator}); },
+             [&] {
+               const auto members = Members("finance-hosts");
+               return std::find(members.begin(), members.end(), lower) != members.end();
+             });
+    TryField("target initiator", hostile, [&] {
+      TargetCreateParam param = Param("lab");
+      param.initiatorsToAdd = {initiator};
+      service_->UpdateTargetConfig(param);
+    }, [&] {
+      const auto names = Target("lab").initiators;
+      return std::find(names.begin(), names.end(), initiator) != names.end();
+    });
+  }
+  EXPECT_EQ(stored_, 0) << "initiator and group names have strict forms";
+}
+
+// ---- helpers beside the file handle ----------------------------------------------
+
+using ParserHelpersTest = ConfFixture;
+
+TEST_F(ParserHelpersTest, InitiatorLimitCountsGroupsAndTargetsButNotGroupNames) {
+  struct initiator_group* ig = nullptr;
+  for (int i = 0; i < 8189; ++i) {
+    if (i % 1000 == 0) ig = initiator_group_new(conf_, ("g" + std::to_string(i)).c_str());
+    initiator_new(ig, (kIqn + "h" + std::to_string(i)).c_str());
+  }
+  struct target* t = target_new(conf_, "iqn.2026-11.local.zel:t");
+  t->t_auth_group = auth_group_new(conf_, "tg");
+  auth_name_new(t->t_auth_group, (kIqn + "direct").c_str());
+  auth_name_new(t->t_auth_group, "g0");  // names a group: not an initiator of its own
+  EXPECT_EQ(MessageOf([&] { Parser::checkInitiatorCount(conf_, 2); }), "");
+  EXPECT_EQ(MessageOf([&] { Parser::checkInitiatorCount(conf_, 3); }),
+            "the maximum initiators allowed per cluster is: 8192. Current initiator count: "
+            "8190. New initiators count: 3.");
+  EXPECT_EQ(MessageOf([&] { Parser::checkInitiatorCount(conf_, 0); }), "");
+}
+
+TEST_F(ParserHelpersTest, TargetAuthGroupIsNamedAfterItsUuidAndRewritten) {
+  using NokCtl::Orva::IscsiTarget::AuthInfo;
+  struct target* t = target_new(conf_, "iqn.2026-11.local.zel:t");
+  target_option_new(t, "uuid", kFinanceUuid);
+  Parser::UpdateTargetAuthGroup(t, AuthInfo("CHAP", "user", "Abcdefgh#123", "", ""));
+  struct auth_group* ag = auth_group_find(conf_, kFinanceUuid);
+  ASSERT_NE(ag, nullptr);
+  EXPECT_EQ(t->t_auth_group, ag);
+  EXPECT_EQ(ag->ag_type, AG_TYPE_CHAP);
+  EXPECT_TRUE(host_.Log().Contains("Parser: Updating auth type 'CHAP' for target " +
+                                   std::string(t->t_name)));
+  // The type is matched in any case; the one credential is replaced.
+  Parser::UpdateTargetAuthGroup(
+      t, AuthInfo("chap-MUTUAL", "out", "Abcdefgh#123", "in", "Zyxwvuts#987"));
+  EXPECT_EQ(ag->ag_type, AG_TYPE_CHAP_MUTUAL);
+  ASSERT_NE(TAILQ_FIRST(&ag->ag_auths), nullptr);
+  EXPECT_EQ(TAILQ_NEXT(TAILQ_FIRST(&ag->ag_auths), a_next), nullptr);
+  EXPECT_STREQ(TAILQ_FIRST(&ag->ag_auths)->a_mutual_user, "in");
+  Parser::UpdateTargetAuthGroup(t, AuthInfo("No-Authentication", "", "", "", ""));
+  EXPECT_EQ(ag->ag_type, AG_TYPE_NO_AUTHENTICATION);
+  EXPECT_TRUE(TAILQ_EMPTY(&ag->ag_auths));
+}
+
+TEST_F(ParserHelpersTest, InitConfCreatesAnEmptyFileAndKeepsAnExistingOne) {
+  const std::string path = NokCtl::Orva::IscsiTarget::Util::GetConfFilePath();
+  WriteFile(Util::GetConfDirPath() + "keep", "");
+  Parser::InitConf();
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+  WriteFile(path, "generation 3\n", 0600);
+  Parser::InitConf();
+  EXPECT_EQ(ReadFile(path), "generation 3\n");
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+}
+
+// ---- several zelctl processes editing one home at once ----------------------------
+
+// The file lock serialises their saves, so no change may be lost and the
+// generation must rise by exactly one per save.
+TEST(EditConcurrencyTest, ParallelEditorsLoseNoChangeAndCountEverySave) {
+  constexpr int kProcesses = 4;
+  constexpr int kTargetsEach = 5;
+  ServiceHome home;
+  auto zelctl = [&home](std::vector<std::string> args) {
+    args.insert(args.begin(), {ZELCTL_PATH, "--home", home.Path()});
+    return RunProgram(args);
+  };
+  auto generation = [&home] {
+    const std::string conf = ReadFile(home.ConfPath());
+    return std::stoull(conf.substr(conf.find(' ') + 1));
+  };
+  const uint64_t before = generation();
+  // Each worker adds its targets and a group, fills the group, then removes
+  // every other target: 5 + 1 + 1 + 2 = 9 saves per worker.
+  std::vector<std::string> failures(kProcesses);
+  std::vector<std::thread> workers;
+  for (int w = 0; w < kProcesses; ++w) {
+    workers.emplace_back([&, w] {
+      const std::string id = std::to_string(w);
+      auto run = [&](const std::vector<std::string>& args) {
+        const ProcessResult result = zelctl(args);
+        if (result.exitCode != 0) failures[w] += args[0] + " " + args[1] + ": " + result.err;
+      };
+      for (int t = 0; t < kTargetsEach; ++t)
+        run({"target", "add", "--alias", "w" + id + "-t" + std::to_string(t)});
+      run({"initiator-group", "add", "group-" + id});
+      run({"initiator-group", "add-initiators", "group-" + id, kIqn + "w" + id + "-a",
+           kIqn + "w" + id + "-b"});
+      for (int t = 1; t < kTargetsEach; t += 2)
+        run({"target", "remove", "w" + id + "-t" + std::to_string(t)});
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  for (const std::string& failure : failures) EXPECT_EQ(failure, "");
+  const ProcessResult listed = zelctl({"--json", "target", "list"});
+  ASSERT_EQ(listed.exitCode, 0) << listed.err;
+  std::set<std::string> aliases;
+  for (const auto& target : nlohmann::json::parse(listed.out))
+    aliases.insert(target["alias"].get<std::string>());
+  std::set<std::string> expected = {"finance", "lab"};
+  for (int w = 0; w < kProcesses; ++w) {
+    for (int t = 0; t < kTargetsEach; t += 2)
+      expected.insert("w" + std::to_string(w) + "-t" + std::to_string(t));
+  }
+  EXPECT_EQ(aliases, expected);
+  const ProcessResult groups = zelctl({"--json", "initiator-group", "list"});
+  ASSERT_EQ(groups.exitCode, 0) << groups.err;
+  size_t members = 0;
+  for (const auto& group : nlohmann::json::parse(groups.out)) members += group["initiators"].size();
+  EXPECT_EQ(members, 2u + 2u * kProcesses);  // finance-hosts keeps its two
+  EXPECT_EQ(generation(), before + 9u * kProcesses);
+  // The directory announces the last save, never an earlier one that
+  // arrived late.
+  home.InstallTestHost();
+  uint64_t published = 0;
+  ASSERT_EQ(ZeldGetConfigGenNumInBrix(&published), NOK_OK);
+  EXPECT_EQ(published, generation());
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zel
