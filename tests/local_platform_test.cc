@@ -337,25 +337,10 @@ TEST_F(LocalClusterMembership, ChangesAreRepublishedUnchangedOnesNotRewrittenAnd
   EXPECT_EQ(nullptr, Find(other, a.hostUuid));
 }
 
-TEST_F(LocalClusterMembership, MemberWithAMalformedEntryIsListedWithoutAName) {
+// An empty membership is no failure, a directory failure gives its status,
+// and a member with a malformed entry is listed without a name.
+TEST_F(LocalClusterMembership, FactsReportAnEmptyOrUnreachableMembershipAndMalformedMembers) {
   test::ScopedTestHost testHost;
-  std::unique_ptr<Host> a = NewLocalServiceHost(ConfigA(), LogLevel::Error);
-  const std::string stranger = "66666666-7777-4888-9999-aaaaaaaaaaaa";
-  DirectoryEntry entry;
-  entry.type = kClusterMemberEntryType;
-  entry.key = kClusterMembersKey;
-  entry.ownerHost = stranger;
-  entry.entryId = stranger;
-  entry.payload = "node-x";
-  ASSERT_EQ(NOK_OK, test::PublishAndWait(a->GetDirectory(), entry));
-  const ClusterMember* seen = Find(InfoOf(*a), stranger);
-  ASSERT_NE(nullptr, seen);
-  EXPECT_EQ("", seen->hostName);
-  EXPECT_TRUE(testHost.Log().Contains("ClusterFacts: Member entry of host " + stranger +
-                                      " has a malformed payload"));
-}
-
-TEST_F(LocalClusterMembership, EmptyMembershipIsNoFailureButADirectoryFailureGivesItsStatus) {
   std::unique_ptr<Directory> directory = NewSqliteDirectory(homeA_.Path() + "/directory.db");
   ClusterInfo info;
   info.isMember = true;
@@ -363,12 +348,25 @@ TEST_F(LocalClusterMembership, EmptyMembershipIsNoFailureButADirectoryFailureGiv
   EXPECT_FALSE(info.isMember);
   EXPECT_TRUE(info.members.empty());
   test::UnreachableDirectory unreachable(NOK_NO_CONNECTION);
-  LocalClusterFacts facts(ConfigA(), unreachable);
-  EXPECT_EQ(NOK_NO_CONNECTION, facts.GetClusterInfo(&info));
-  EXPECT_EQ(NOK_NO_CONNECTION, facts.Announce());
   HostConfig outside = ConfigA();
   outside.clusterMember = false;
+  EXPECT_EQ(NOK_NO_CONNECTION, LocalClusterFacts(ConfigA(), unreachable).GetClusterInfo(&info));
+  EXPECT_EQ(NOK_NO_CONNECTION, LocalClusterFacts(ConfigA(), unreachable).Announce());
   EXPECT_EQ(NOK_NO_CONNECTION, LocalClusterFacts(outside, unreachable).Announce());
+
+  std::unique_ptr<Host> a = NewLocalServiceHost(ConfigA(), LogLevel::Error);
+  const std::string stranger = "66666666-7777-4888-9999-aaaaaaaaaaaa";
+  DirectoryEntry entry;
+  entry.type = kClusterMemberEntryType;
+  entry.key = kClusterMembersKey;
+  entry.ownerHost = entry.entryId = stranger;
+  entry.payload = "node-x";
+  ASSERT_EQ(NOK_OK, test::PublishAndWait(*directory, entry));
+  const ClusterMember* seen = Find(InfoOf(*a), stranger);
+  ASSERT_NE(nullptr, seen);
+  EXPECT_EQ("", seen->hostName);
+  EXPECT_TRUE(testHost.Log().Contains("ClusterFacts: Member entry of host " + stranger +
+                                      " has a malformed payload"));
 }
 
 DefaultInfo ChapMutualDefaults() {
@@ -699,7 +697,7 @@ DirectoryEntry StorageObject(const std::string& payload) {
 
 // An object's policy is found through its directory entry, whoever
 // announced it, with compliance unknown.
-TEST(LocalPolicyLookup, ObjectAnnouncedByAnotherProcessGivesItsPolicyOrTheLookupSaysWhyNot) {
+TEST(LocalPolicyService, PolicyIsFoundThroughTheDirectoryAndSessionsOpenWhileItAnswers) {
   test::ScopedTestHost testHost;
   const std::string db = testHost.Home() + "/directory.db";
   ChildProcess announcer([&](ChildControl&) {
@@ -732,15 +730,10 @@ TEST(LocalPolicyLookup, ObjectAnnouncedByAnotherProcessGivesItsPolicyOrTheLookup
   test::UnreachableDirectory unreachable(NOK_TIMEOUT);
   LocalPolicyService cut(unreachable, kHostA);
   EXPECT_EQ("Failed to look up storage object " + kNamespace + ": Timeout", lookup(cut));
-}
-
-// Compliance sessions open only while the directory answers, and close in
-// pairs.
-TEST(LocalPolicyLookup, SessionsOpenWhileTheDirectoryAnswersAndCloseInPairs) {
-  test::ScopedTestHost testHost;
+  // Compliance sessions open only while the directory answers, and close in
+  // pairs.
   const std::string unpaired = "PolicyService: Compliance session closed while none is open";
-  std::unique_ptr<Directory> directory = NewSqliteDirectory(testHost.Home() + "/directory.db");
-  LocalPolicyService service(*directory, kHostA);
+  testHost.Log().Clear();
   ASSERT_EQ(NOK_OK, service.Init());
   ASSERT_EQ(NOK_OK, service.Init());
   service.Deinit();
@@ -749,14 +742,14 @@ TEST(LocalPolicyLookup, SessionsOpenWhileTheDirectoryAnswersAndCloseInPairs) {
   service.Deinit();
   EXPECT_TRUE(testHost.Log().Contains(unpaired));
   testHost.Log().Clear();
-  test::UnreachableDirectory unreachable(NOK_IO_ERROR);
-  LocalPolicyService cut(unreachable, kHostA);
-  EXPECT_EQ(NOK_NO_CONNECTION, cut.Init());
+  test::UnreachableDirectory failing(NOK_IO_ERROR);
+  LocalPolicyService cutOff(failing, kHostA);
+  EXPECT_EQ(NOK_NO_CONNECTION, cutOff.Init());
   EXPECT_TRUE(testHost.Log().Contains(
       "PolicyService: Cannot open a compliance session, the directory failed: I/O error"));
   EXPECT_FALSE(testHost.Log().Contains(unpaired));
   // The failed Init opened nothing for a Deinit to close.
-  cut.Deinit();
+  cutOff.Deinit();
   EXPECT_TRUE(testHost.Log().Contains(unpaired));
 }
 
