@@ -257,12 +257,16 @@ TEST_F(ServiceIntegrationTest, EnableStartsADaemonTheAgentRestoresAndDisableStop
   // A host restart, as far as the service can tell: both processes die
   // without a word.
   ASSERT_EQ(RunProgram({ORVAMGMTD_PATH, "--home", home_.Path()}).exitCode, 0);
-  ASSERT_TRUE(Running(PidIn(home_.Path(), "orvamgmtd")));
-  ::kill(PidIn(home_.Path(), "orvamgmtd"), SIGKILL);
+  const pid_t agent = PidIn(home_.Path(), "orvamgmtd");
+  ASSERT_TRUE(Running(agent));
+  ::kill(agent, SIGKILL);
   ::kill(first, SIGKILL);
-  for (int i = 0; i < 200 && Running(first); ++i) ::usleep(50000);
+  // Gone for good, not only dead: until it is reaped, its pid still looks
+  // taken to the next agent.
+  for (int i = 0; i < 200 && (Running(first) || ::kill(agent, 0) == 0); ++i) ::usleep(50000);
   ASSERT_FALSE(Running(first));
-  ASSERT_EQ(RunProgram({ORVAMGMTD_PATH, "--home", home_.Path()}).exitCode, 0);
+  const ProcessResult again = RunProgram({ORVAMGMTD_PATH, "--home", home_.Path()});
+  ASSERT_EQ(again.exitCode, 0) << again.err;
   const pid_t restored = PidIn(home_.Path(), "zeld");
   EXPECT_TRUE(Running(restored));
   EXPECT_NE(restored, first);
