@@ -1,7 +1,6 @@
-// The facade's read operations as the management process calls them through
-// the plug-in entry: the service check before any read, the not-found
-// messages, owner enrichment from the directory, and a host that is not in a
-// cluster.
+// The facade's reads as the management process calls them through the
+// plug-in entry: the service check first, owners from the directory, the
+// not-found messages, and a host that is not in a cluster.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,14 +18,16 @@ namespace zel {
 namespace test {
 namespace {
 
-
-using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::LunInfo;
 using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
 using HostCtl::Orva::IscsiTarget::TargetInfo;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::Not;
 
 const std::string kNotEnabled =
     "Orva iSCSI Target Service is not enabled or the enable task is in progress.";
@@ -49,12 +50,14 @@ class FacadeReadTest : public ::testing::Test {
     }
     return reads;
   }
-
   ServiceHome home_;
   TestServices host_ = home_.InstallTestHost();
 };
 
-TEST_F(FacadeReadTest, EveryCheckedReadRefusesWhileTheServiceIsDisabled) {
+// Every checked read refuses while the service is disabled, before anything
+// is read or subscribed; the enabled state is the one last read from the
+// store; the first checked read subscribes and later reads come from memory.
+TEST_F(FacadeReadTest, ReadsWaitForTheServiceThenSubscribeOnceAndReadTheFileOnce) {
   home_.SetServiceEnabled(false);
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   const std::vector<std::pair<std::string, std::function<void()>>> reads = {
@@ -73,94 +76,60 @@ TEST_F(FacadeReadTest, EveryCheckedReadRefusesWhileTheServiceIsDisabled) {
   };
   for (const auto& [name, read] : reads) EXPECT_EQ(MessageOf(read), kNotEnabled) << name;
   EXPECT_EQ(MessageOf([&] { service->CheckIscsiServiceStatus(true); }), "");
-  // Refused before anything was read or subscribed.
   EXPECT_EQ(FileReads(), 0u);
   EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
-}
-
-TEST_F(FacadeReadTest, EnabledStateIsTheOneLastReadFromTheStore) {
-  home_.SetServiceEnabled(false);
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
   home_.SetServiceEnabled(true);
   EXPECT_EQ(MessageOf([&] { service->GetTargets(false, false); }), kNotEnabled);
-
   service->Refresh();
   EXPECT_THAT(Aliases(service->GetTargets(false, false)), ElementsAre("finance", "lab"));
-}
-
-TEST_F(FacadeReadTest, FirstCheckedReadSubscribesAndLaterReadsComeFromMemory) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  service->GetTargets(false, false);
   EXPECT_TRUE(ConfigCache::IsBrixSubscribed());
   service->GetTargets(false, false);
   service->GetInitiatorgroups();
   EXPECT_EQ(FileReads(), 1u);
 }
 
-TEST_F(FacadeReadTest, UnknownNamesGiveTheirNotFoundMessages) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  EXPECT_EQ(MessageOf([&] { service->GetTargetInfo("X"); }), "Target X not found");
-  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("finance", 7); }),
-            "LUN id 7 not found for target finance");
-  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("X", 0); }), "Target X not found");
-  EXPECT_EQ(MessageOf([&] { service->GetInitiatorgroupInfo("X"); }),
-            "Initiator group X not found.");
-}
-
-TEST_F(FacadeReadTest, TargetsCarryTheirOwnerHostAndPolicy) {
+// Owners come from the directory, policies with them, and local-only reads
+// follow the owner; a target whose owner cannot be found is kept and logged;
+// unknown names give their not-found messages; defaults carry no secrets.
+TEST_F(FacadeReadTest, ReadsCarryOwnersAndPoliciesAndNameWhatIsMissing) {
+  home_.WriteConf(std::string(kStandardConf) +
+                  "target iqn.2026-11.local.zel:orphan {\n\talias \"orphan\"\n"
+                  "\tportal-group default\n\toption uuid " + kOrphanUuid + "\n"
+                  "\toption owner-id " + kOrphanUuid + "\n}\n");
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   const TargetInfo lab = service->GetTargetInfo("lab");
   EXPECT_EQ(lab.ownerId, kLabUuid);
   EXPECT_EQ(lab.ownerHostUuid, kPeerHostUuid);
   EXPECT_EQ(lab.ownerHostName, kPeerHostName);
   EXPECT_EQ(lab.policy, "lab-policy");
-
   const std::vector<TargetInfo> all = service->GetTargets(false, false);
-  ASSERT_THAT(Aliases(all), ElementsAre("finance", "lab"));
+  ASSERT_THAT(Aliases(all), ElementsAre("finance", "lab", "orphan"));
   EXPECT_EQ(all[0].ownerHostUuid, home_.HostUuid());
   EXPECT_EQ(all[1].ownerHostUuid, kPeerHostUuid);
-
+  EXPECT_EQ(all[2].ownerHostUuid, "");
+  EXPECT_THAT(host_.log->Texts(platform::LogLevel::Error),
+              Contains(StartsWith("OrvaIscsiTargetImpl: Failed to get target information: Failed "
+                                  "to get owner host of object " + std::string(kOrphanUuid))));
+  // Local-only reads follow the owner (the orphan's owner is unknown).
+  const auto local = [&] { return Aliases(service->GetTargets(false, true)); };
+  EXPECT_THAT(local(), AllOf(Contains("finance"), Not(Contains("lab"))));
+  // The target moves: the directory, not the configuration, says who owns it.
+  home_.AnnounceObject(kLabUuid, home_.HostUuid(), "lab-policy");
+  home_.AnnounceObject(kFinanceUuid, kPeerHostUuid, "finance-policy");
+  EXPECT_THAT(local(), AllOf(Contains("lab"), Not(Contains("finance"))));
   const LunInfo ledger = service->GetLunInfo("finance", 0);
   EXPECT_EQ(ledger.alias, "ledger");
   EXPECT_EQ(ledger.uuid, kLedgerUuid);
   EXPECT_EQ(ledger.policy, "ledger-policy");
-}
-
-TEST_F(FacadeReadTest, LocalOnlyKeepsTheTargetsThisHostOwns) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  EXPECT_THAT(Aliases(service->GetTargets(false, true)), ElementsAre("finance"));
-  // The target moves: the directory, not the configuration, says who owns it.
-  home_.AnnounceObject(kLabUuid, home_.HostUuid(), "lab-policy");
-  home_.AnnounceObject(kFinanceUuid, kPeerHostUuid, "finance-policy");
-  EXPECT_THAT(Aliases(service->GetTargets(false, true)), ElementsAre("lab"));
-}
-
-TEST_F(FacadeReadTest, TargetWhoseOwnerCannotBeFoundIsKeptAndLogged) {
-  std::string text = kStandardConf;
-  text += "target iqn.2026-11.local.zel:orphan {\n"
-          "\talias \"orphan\"\n"
-          "\tportal-group default\n"
-          "\toption uuid " + std::string(kOrphanUuid) + "\n"
-          "\toption owner-id " + std::string(kOrphanUuid) + "\n"
-          "}\n";
-  home_.WriteConf(text);
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-
-  const std::vector<TargetInfo> targets = service->GetTargets(false, false);
-  ASSERT_THAT(Aliases(targets), ElementsAre("finance", "lab", "orphan"));
-  EXPECT_EQ(targets[2].ownerHostUuid, "");
-  EXPECT_EQ(targets[1].ownerHostUuid, kPeerHostUuid);
-  bool logged = false;
-  for (const std::string& line : host_.log->Texts(platform::LogLevel::Error)) {
-    logged = logged || line.find("OrvaIscsiTargetImpl: Failed to get target information: Failed "
-                                 "to get owner host of object " +
-                                 std::string(kOrphanUuid)) == 0;
-  }
-  EXPECT_TRUE(logged);
-}
-
-TEST_F(FacadeReadTest, DefaultsNeverCarrySecrets) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
+  const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(true);
+  EXPECT_EQ(info.uuid, kNamespaceUuid);
+  EXPECT_EQ(info.policy, "namespace-policy");
+  EXPECT_EQ(MessageOf([&] { service->GetTargetInfo("X"); }), "Target X not found");
+  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("finance", 7); }),
+            "LUN id 7 not found for target finance");
+  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("X", 0); }), "Target X not found");
+  EXPECT_EQ(MessageOf([&] { service->GetInitiatorgroupInfo("X"); }),
+            "Initiator group X not found.");
   const HostCtl::Orva::IscsiTarget::DefaultInfo defaults = service->GetDefaultInfo();
   EXPECT_EQ(defaults.authType, "CHAP-Mutual");
   EXPECT_EQ(defaults.userid, "defuser");
@@ -170,17 +139,9 @@ TEST_F(FacadeReadTest, DefaultsNeverCarrySecrets) {
   EXPECT_EQ(defaults.mutualSecret, "");
 }
 
-TEST_F(FacadeReadTest, NamespaceInfoNamesTheNamespaceAndItsPolicy) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(true);
-  EXPECT_EQ(info.uuid, kNamespaceUuid);
-  EXPECT_EQ(info.policy, "namespace-policy");
-}
-
 TEST_F(FacadeReadTest, NamespaceInfoOnADatastoreWithoutNamespaceIsEmptyOrThrows) {
   home_.RemoveNamespaceLink();
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
-
   const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(false);
   EXPECT_EQ(info.uuid, "");
   EXPECT_EQ(info.policy, "");
@@ -189,7 +150,6 @@ TEST_F(FacadeReadTest, NamespaceInfoOnADatastoreWithoutNamespaceIsEmptyOrThrows)
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_THAT(errors[0], HasSubstr("OrvaIscsiTargetImpl: Failed to GetNamespaceInfo, zel(Enabled), "
                                    "exception(Failed to get ZEL namespace UUID with status: "));
-
   EXPECT_THAT(MessageOf([&] { service->GetNamespaceInfo(true); }),
               HasSubstr("Failed to get ZEL namespace UUID with status: "));
 }
@@ -198,7 +158,6 @@ TEST_F(FacadeReadTest, HostOutsideAClusterConstructsAndStaysDisabled) {
   home_.SetClusterMember(false);
   host_ = home_.InstallTestHost();
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
-
   EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: The host is not in a Orva cluster."));
   // The store says enabled, but it was never read.
   EXPECT_EQ(MessageOf([&] { service->GetTargets(false, false); }), kNotEnabled);

@@ -2,11 +2,12 @@
 // its public headers, loads the library at run time and finds the plug-in
 // entry by its symbol, as a program built apart from the library does.
 //
-// Usage: zel_plugin_client LIBRARY COMMAND [ARG]
+// Usage: zel_plugin_client LIBRARY COMMAND...
 //   targets        one line per target: alias, IQN, owner host
 //   target ALIAS   the same line for one target
-// The home is the library's own choice (ZEL_HOME). Exit 0 on success, 1 when
-// the service refused (its message on stderr), 2 when the library or its
+// The commands run in order on one service object; the home is the
+// library's own choice (ZEL_HOME). Exit 0 on success, 1 when the service
+// refused any command (its message on stderr), 2 when the library or its
 // entry cannot be loaded or the usage is wrong.
 #include <dlfcn.h>
 
@@ -31,47 +32,39 @@ void Print(const TargetInfo& target) {
   std::cout << target.alias << ' ' << target.iqn << ' ' << target.ownerHostUuid << '\n';
 }
 
-int Run(OrvaIscsiTarget& service, const std::string& command, const std::string& argument) {
-  if (command == "targets") {
-    for (const TargetInfo& target : service.GetTargets(false, false)) Print(target);
-    return 0;
-  }
-  if (command == "target" && !argument.empty()) {
-    Print(service.GetTargetInfo(argument));
-    return 0;
-  }
-  std::cerr << "unknown command " << command << '\n';
-  return 2;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    std::cerr << "usage: " << argv[0] << " LIBRARY targets|target ALIAS\n";
+    std::cerr << "usage: " << argv[0] << " LIBRARY (targets|target ALIAS)...\n";
     return 2;
   }
   void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) {
-    std::cerr << dlerror() << '\n';
-    return 2;
-  }
-  auto entry = reinterpret_cast<PluginEntry>(dlsym(library, kPluginEntry));
+  auto entry = library ? reinterpret_cast<PluginEntry>(dlsym(library, kPluginEntry)) : nullptr;
   if (entry == nullptr) {
     std::cerr << dlerror() << '\n';
     return 2;
   }
-
-  int code;
+  int code = 0;
   {
     std::unique_ptr<OrvaAsyncPlugin> plugin(entry());
     std::unique_ptr<OrvaIscsiTarget> service(plugin->GetOrvaIscsiTarget());
-    try {
-      code = Run(*service, argv[2], argc > 3 ? argv[3] : "");
-    } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {
-      // Thrown inside the library, caught here by the public type.
-      std::cerr << e.GetMessage() << '\n';
-      code = 1;
+    for (int i = 2; i < argc && code != 2; ++i) {
+      const std::string command = argv[i];
+      try {
+        if (command == "targets") {
+          for (const TargetInfo& target : service->GetTargets(false, false)) Print(target);
+        } else if (command == "target" && i + 1 < argc) {
+          Print(service->GetTargetInfo(argv[++i]));
+        } else {
+          std::cerr << "unknown command " << command << '\n';
+          code = 2;
+        }
+      } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {
+        // Thrown inside the library, caught here by the public type.
+        std::cerr << e.GetMessage() << '\n';
+        code = 1;
+      }
     }
   }
   if (dlclose(library) != 0) {
