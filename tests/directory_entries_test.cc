@@ -21,6 +21,7 @@
 #include "directory/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/SqliteDirectory.h"
+#include "support/HostDoubles.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 
@@ -41,59 +42,6 @@ constexpr auto kPatience = std::chrono::seconds(20);
 const std::string kNamespace = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kOtherHost = "99999999-8888-4777-8666-555555555555";
-
-// Keeps every line and lets a test wait for one that the directory's
-// threads log.
-class WatchedLogSink final : public platform::LogSink {
- public:
-  void Write(LogLevel level, const std::string& line) override {
-    std::lock_guard<std::mutex> guard(mutex_);
-    lines_.push_back({level, line});
-    added_.notify_all();
-  }
-
-  bool Contains(const std::string& text) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return std::any_of(lines_.begin(), lines_.end(),
-                       [&](const test::LogLine& line) { return line.text == text; });
-  }
-
-  // Lines at `level` or more severe.
-  std::vector<std::string> AtLeast(LogLevel level) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    std::vector<std::string> texts;
-    for (const test::LogLine& line : lines_) {
-      if (static_cast<int>(line.level) <= static_cast<int>(level)) texts.push_back(line.text);
-    }
-    return texts;
-  }
-
-  // The first line containing `part`, or "" when none came in time.
-  std::string Await(const std::string& part) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    std::string found;
-    added_.wait_for(lock, kPatience, [&] {
-      for (const test::LogLine& line : lines_) {
-        if (line.text.find(part) != std::string::npos) {
-          found = line.text;
-          return true;
-        }
-      }
-      return false;
-    });
-    return found;
-  }
-
-  void Clear() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    lines_.clear();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable added_;
-  std::vector<test::LogLine> lines_;
-};
 
 // What the configuration-update callback was told, in order.
 struct Notice {
@@ -135,13 +83,6 @@ std::vector<Notice> AwaitNotices(size_t count) {
 class DirectoryEntriesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::HostConfig config = platform::EmbeddedHostConfig(home_.Path());
-    config.hostUuid = kHost;
-    auto log = std::make_unique<WatchedLogSink>();
-    log_ = log.get();
-    previous_ = platform::SelectHost(std::make_unique<platform::Host>(
-        config, std::make_unique<test::TestClock>(), std::move(log),
-        platform::NewPosixFileSystem()));
     fs::create_directories(Datastore() + "/" + kNamespace);
     LinkNamespace(kNamespace);
     InstallDirectory();
@@ -152,14 +93,13 @@ class DirectoryEntriesTest : public ::testing::Test {
 
   void TearDown() override {
     if (subscription_ != 0) ZeldBrixUnsubscribeToConfigEntry(subscription_);
-    platform::SelectHost(std::move(previous_));
   }
 
   std::string Datastore() const { return home_.Path() + "/datastore"; }
   std::string DatabasePath() const { return home_.Path() + "/directory.db"; }
 
   void InstallDirectory() {
-    CurrentHost().SetDirectory(platform::NewSqliteDirectory(DatabasePath()));
+    host_.Install<test::DirectoryDouble>(platform::NewSqliteDirectory(DatabasePath()));
   }
 
   void LinkNamespace(const std::string& target) {
@@ -193,18 +133,7 @@ class DirectoryEntriesTest : public ::testing::Test {
     entry.entryId = entryId;
     entry.ownerHost = owner;
     entry.payload = payload;
-    std::mutex mutex;
-    std::condition_variable done;
-    NOK_ReturnStatus result = NOK_PENDING;
-    CurrentHost().GetDirectory().AsyncUpdate(entry, {}, [&](NOK_ReturnStatus status,
-                                                            const DirectoryEntry*) {
-      std::lock_guard<std::mutex> guard(mutex);
-      result = status;
-      done.notify_all();
-    });
-    std::unique_lock<std::mutex> lock(mutex);
-    done.wait(lock, [&] { return result != NOK_PENDING; });
-    ASSERT_EQ(NOK_OK, result);
+    ASSERT_EQ(NOK_OK, test::PublishAndWait(CurrentHost().GetDirectory(), entry));
   }
 
   void WriteGeneration(uint64_t generation) {
@@ -213,9 +142,15 @@ class DirectoryEntriesTest : public ::testing::Test {
     WriteRaw(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG, kNamespace, kNamespace, payload);
   }
 
+  static platform::HostConfig Config(const std::string& home) {
+    platform::HostConfig config = platform::EmbeddedHostConfig(home);
+    config.hostUuid = kHost;
+    return config;
+  }
+
   test::TempHome home_;
-  WatchedLogSink* log_ = nullptr;
-  std::unique_ptr<platform::Host> previous_;
+  test::ScopedTestHost host_{Config(home_.Path())};
+  test::RecordingLogSink* log_ = &host_.Log();
   Directory::SubscriptionHandle subscription_ = 0;
 };
 
@@ -244,7 +179,7 @@ TEST_F(DirectoryEntriesPublish, EqualOrOlderGenerationIsRefusedWithoutAFailureLi
   EXPECT_EQ(NOK_EXISTS, ZeldUpdateBrixEntryForConfig(6));
 
   EXPECT_EQ(7u, Published());
-  EXPECT_TRUE(log_->AtLeast(LogLevel::Warning).empty());
+  EXPECT_TRUE(log_->Texts(LogLevel::Warning).empty());
 }
 
 TEST_F(DirectoryEntriesPublish, NewerGenerationReplacesThePublishedOne) {
@@ -499,7 +434,7 @@ TEST_F(DirectoryEntriesLookup, OwnerOfAnUnknownObjectIsNotFoundWithAWarningNamin
   std::string owner = "unchanged";
   EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetOwnerHost(object, &owner));
   EXPECT_EQ("unchanged", owner);
-  std::vector<std::string> warnings = log_->AtLeast(LogLevel::Warning);
+  std::vector<std::string> warnings = log_->Texts(LogLevel::Warning);
   ASSERT_EQ(1u, warnings.size());
   EXPECT_NE(std::string::npos, warnings[0].find(object));
   EXPECT_NE(std::string::npos, warnings[0].find("Not found"));
@@ -596,7 +531,7 @@ TEST_F(DirectoryEntriesInterfaces, UnreadableEntryDoesNotHideTheOthers) {
   std::string ipv4;
   ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", &ipv4, nullptr));
   EXPECT_EQ("10.0.0.1", ipv4);
-  EXPECT_EQ(1u, log_->AtLeast(LogLevel::Warning).size());
+  EXPECT_EQ(1u, log_->Texts(LogLevel::Warning).size());
 }
 
 // ---- Datastore paths ---------------------------------------------------------

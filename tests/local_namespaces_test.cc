@@ -17,12 +17,12 @@
 
 #include "directory/DirectoryEntries.h"
 #include "directory/EntryMarshal.h"
-#include "local_directory_support.h"
 #include "platform/AtomicFile.h"
 #include "platform/Host.h"
 #include "platform/LocalNamespaces.h"
 #include "platform/LocalPolicyService.h"
 #include "platform/SqliteDirectory.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
@@ -49,7 +49,7 @@ class LocalNamespacesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(Root());
-    CurrentHost().SetNamespaces(NewLocalNamespaces(HostOf(kHost)));
+    host_.Install<test::NamespacesDouble>(NewLocalNamespaces(HostOf(kHost)));
     InstallDirectory();
   }
 
@@ -62,9 +62,9 @@ class LocalNamespacesTest : public ::testing::Test {
   std::string Db() const { return host_.Home() + "/directory.db"; }
   Namespaces& Spaces() { return CurrentHost().GetNamespaces(); }
 
-  void InstallDirectory() { CurrentHost().SetDirectory(NewSqliteDirectory(Db())); }
+  void InstallDirectory() { host_.Install<test::DirectoryDouble>(NewSqliteDirectory(Db())); }
   void InstallUnreachableDirectory(NOK_ReturnStatus status) {
-    CurrentHost().SetDirectory(std::make_unique<test::UnreachableDirectory>(status));
+    host_.Install(std::make_unique<test::UnreachableDirectory>(status));
   }
 
   std::set<std::string> RootEntries() const {
@@ -239,7 +239,7 @@ using LocalNamespacePolicyUpdate = LocalNamespacesTest;
 
 TEST_F(LocalNamespacePolicyUpdate, RewritesRecordAndAnnouncementAndKeepsTheOwner) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
-  CurrentHost().SetNamespaces(NewLocalNamespaces(HostOf(kOtherHost)));
+  host_.Install<test::NamespacesDouble>(NewLocalNamespaces(HostOf(kOtherHost)));
 
   Spaces().UpdateNamespace(Root(), kConfig, kOtherPolicy);
 
@@ -278,7 +278,7 @@ class LocalNamespaceRace : public LocalNamespacesTest {
   // own, the child before the parent.
   void SetUp() override {
     fs::create_directories(Root());
-    CurrentHost().SetNamespaces(NewLocalNamespaces(HostOf(kHost)));
+    host_.Install<test::NamespacesDouble>(NewLocalNamespaces(HostOf(kHost)));
   }
 };
 

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,7 +37,7 @@ namespace fs = std::filesystem;
 using HostCtl::Lib::Orva::OrvaCtlException;
 using zel::platform::CurrentHost;
 using zel::platform::LogLevel;
-using zel::platform::Namespaces;
+using zel::test::NamespacesDouble;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -47,45 +46,15 @@ const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kTarget = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
 const std::string kPolicy = "\"stripeWidth\" \"4\"";
 
-// The local namespaces, with a hook before each creation and removal: a
-// hook may act as another host would, or throw to fail the call.
-class HookedNamespaces final : public Namespaces {
- public:
-  explicit HookedNamespaces(std::unique_ptr<Namespaces> real) : real_(std::move(real)) {}
-
-  std::string CreateNamespace(const std::string& root, const std::string& name,
-                              const std::string& policy, uint64_t size) override {
-    if (beforeCreate) beforeCreate(*real_, name);
-    return real_->CreateNamespace(root, name, policy, size);
-  }
-  void DeleteNamespace(const std::string& root, const std::string& name) override {
-    if (beforeDelete) beforeDelete(*real_, name);
-    real_->DeleteNamespace(root, name);
-  }
-  void UpdateNamespace(const std::string& root, const std::string& name,
-                       const std::string& policy) override {
-    real_->UpdateNamespace(root, name, policy);
-  }
-
-  std::function<void(Namespaces&, const std::string&)> beforeCreate;
-  std::function<void(Namespaces&, const std::string&)> beforeDelete;
-
- private:
-  std::unique_ptr<Namespaces> real_;
-};
-
-void FailWith(Namespaces&, const std::string&) { throw OrvaCtlException("datastore busy"); }
-
 class NamespaceDirsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(Root());
     zel::platform::HostConfig config = host_.Config();
     config.hostUuid = kHost;
-    auto spaces = std::make_unique<HookedNamespaces>(zel::platform::NewLocalNamespaces(config));
-    spaces_ = spaces.get();
-    CurrentHost().SetNamespaces(std::move(spaces));
-    CurrentHost().SetDirectory(zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db"));
+    spaces_ = &host_.Install<NamespacesDouble>(zel::platform::NewLocalNamespaces(config));
+    host_.Install<zel::test::DirectoryDouble>(
+        zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db"));
   }
 
   const std::string& Root() const { return host_.Config().datastoreRoot; }
@@ -127,7 +96,8 @@ class NamespaceDirsTest : public ::testing::Test {
   }
 
   zel::test::ScopedTestHost host_;
-  HookedNamespaces* spaces_ = nullptr;
+  NamespacesDouble* spaces_ = nullptr;
+  void FailDeletes() { spaces_->FailNext("DeleteNamespace", "datastore busy", spaces_->kAlways); }
 };
 
 // ---- The configuration namespace ---------------------------------------
@@ -156,9 +126,9 @@ TEST_F(ConfigNamespace, ThatIsAlreadyThereIsSkippedWithItsLogLine) {
 
 TEST_F(ConfigNamespace, MadeByAnotherHostMeanwhileCountsAsMade) {
   std::string theirs;
-  spaces_->beforeCreate = [&](Namespaces& real, const std::string& name) {
-    theirs = real.CreateNamespace(Root(), name, kPolicy, 0);
-  };
+  spaces_->Before("CreateNamespace", [&] {
+    theirs = spaces_->Target().CreateNamespace(Root(), ".iSCSI-CONFIG", kPolicy, 0);
+  });
   Util::CreateNamespaceDir("");
   EXPECT_THAT(Logged(LogLevel::Info),
               ElementsAre("Util: ZEL namespace already exists Namespace .iSCSI-CONFIG already "
@@ -189,7 +159,7 @@ TEST_F(ConfigNamespace, DeletionRemovesItAndIsNothingWhenItIsGone) {
 
 TEST_F(ConfigNamespace, DeletionFailureNamesTheNamespace) {
   MakeConfigNamespace();
-  spaces_->beforeDelete = FailWith;
+  FailDeletes();
   const std::string message = "Failed to delete Orva iSCSI target namespace " + ConfigNamespacePath() +
                               " with error: datastore busy";
   EXPECT_EQ(message, MessageOf([] { Util::DeleteNamespaceDir(); }));
@@ -331,7 +301,7 @@ TEST_F(TargetNamespace, LinkThatCannotBeMadeIsTriedTwelveTimesThenTheNamespaceIs
 TEST_F(TargetNamespace, FailedCleanUpIsLoggedAndTheLinkFailureReported) {
   Util::CreateNamespaceDir("");
   host_.Log().Clear();
-  spaces_->beforeDelete = FailWith;
+  FailDeletes();
   std::string uuid;
 
   EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
@@ -368,7 +338,7 @@ TEST_F(TargetNamespace, FailedDeletionKeepsTheLinkAsBefore) {
   MakeConfigNamespace();
   std::string uuid;
   Util::CreateTargetNamespace(kTarget, kPolicy, uuid);
-  spaces_->beforeDelete = FailWith;
+  FailDeletes();
 
   EXPECT_EQ("Failed to delete namespace for target with UUID " + kTarget +
                 " with error: datastore busy",
@@ -382,10 +352,8 @@ TEST_F(TargetNamespace, LinkThatCannotBeRestoredIsLogged) {
   MakeConfigNamespace();
   std::string uuid;
   Util::CreateTargetNamespace(kTarget, "", uuid);
-  spaces_->beforeDelete = [this](Namespaces& spaces, const std::string& name) {
-    fs::remove_all(Util::GetTargetsDirPath());
-    FailWith(spaces, name);
-  };
+  spaces_->Before("DeleteNamespace", [] { fs::remove_all(Util::GetTargetsDirPath()); });
+  FailDeletes();
 
   EXPECT_THAT(MessageOf([] { Util::DeleteTargetNamespace(kTarget); }),
               StartsWith("Failed to delete namespace for target with UUID " + kTarget));

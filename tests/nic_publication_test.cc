@@ -11,14 +11,12 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
 #include "directory/EntryMarshal.h"
 #include "directory/NicPublication.h"
-#include "local_directory_support.h"
 #include "platform/Host.h"
 #include "platform/SqliteDirectory.h"
 #include "support/FakeNetworkInterfaces.h"
@@ -48,71 +46,6 @@ using zel::test::FakeNetworkInterfaces;
 
 const std::string kOtherHost = "99999999-8888-4777-8666-555555555555";
 
-// The real directory, with writes that can be made to fail and counted.
-class FaultyDirectory final : public Directory {
- public:
-  explicit FaultyDirectory(std::unique_ptr<Directory> real) : real_(std::move(real)) {}
-
-  void FailQueries(NOK_ReturnStatus status) { Set(&queryFault_, status); }
-  void FailUpdates(NOK_ReturnStatus status) { Set(&updateFault_, status); }
-  void FailDeletes(NOK_ReturnStatus status) { Set(&deleteFault_, status); }
-  // Updates and deletes that reached the real directory.
-  int Writes() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return writes_;
-  }
-
-  NOK_ReturnStatus Query(uint32_t type, const std::string& key,
-                         std::vector<DirectoryEntry>* entries) override {
-    if (NOK_ReturnStatus fault = Get(queryFault_)) return fault;
-    return real_->Query(type, key, entries);
-  }
-  NOK_ReturnStatus QueryByHost(uint32_t type, const std::string& host,
-                               std::vector<DirectoryEntry>* entries) override {
-    if (NOK_ReturnStatus fault = Get(queryFault_)) return fault;
-    return real_->QueryByHost(type, host, entries);
-  }
-  void AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate accept, Completion done) override {
-    if (NOK_ReturnStatus fault = Get(updateFault_)) {
-      done(fault, nullptr);
-      return;
-    }
-    Count();
-    real_->AsyncUpdate(entry, std::move(accept), std::move(done));
-  }
-  NOK_ReturnStatus Delete(uint32_t type, const std::string& key,
-                          const std::string& entryId) override {
-    if (NOK_ReturnStatus fault = Get(deleteFault_)) return fault;
-    Count();
-    return real_->Delete(type, key, entryId);
-  }
-  SubscriptionHandle Subscribe(uint32_t type, const std::string& key, Callback callback) override {
-    return real_->Subscribe(type, key, std::move(callback));
-  }
-  void Unsubscribe(SubscriptionHandle handle) override { real_->Unsubscribe(handle); }
-
- private:
-  void Set(NOK_ReturnStatus* fault, NOK_ReturnStatus status) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    *fault = status;
-  }
-  NOK_ReturnStatus Get(const NOK_ReturnStatus& fault) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return fault;
-  }
-  void Count() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    ++writes_;
-  }
-
-  std::unique_ptr<Directory> real_;
-  mutable std::mutex mutex_;
-  NOK_ReturnStatus queryFault_ = NOK_OK;
-  NOK_ReturnStatus updateFault_ = NOK_OK;
-  NOK_ReturnStatus deleteFault_ = NOK_OK;
-  int writes_ = 0;
-};
-
 struct Published {
   std::string entryId;
   uint64_t version;
@@ -122,32 +55,14 @@ struct Published {
 
 class NicPublicationTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const zel::platform::HostConfig config = zel::platform::LoadHostConfig(home_.Path());
-    hostUuid_ = config.hostUuid;
-    auto log = std::make_unique<zel::test::RecordingLogSink>();
-    log_ = log.get();
-    auto host =
-        std::make_unique<zel::platform::Host>(config, std::make_unique<zel::test::TestClock>(),
-                                              std::move(log), zel::platform::NewPosixFileSystem());
-    std::unique_ptr<Directory> sqlite = zel::platform::NewSqliteDirectory(config.directoryPath);
-    ASSERT_TRUE(sqlite);
-    auto directory = std::make_unique<FaultyDirectory>(std::move(sqlite));
-    directory_ = directory.get();
-    host->SetDirectory(std::move(directory));
-    auto nics = std::make_unique<FakeNetworkInterfaces>();
-    nics_ = nics.get();
-    host->SetNics(std::move(nics));
-    previous_ = zel::platform::SelectHost(std::move(host));
-  }
-  void TearDown() override { zel::platform::SelectHost(std::move(previous_)); }
+  int Writes() const { return directory_.Count("AsyncUpdate") + directory_.Count("Delete"); }
 
   // This host's published interfaces by name, with their addresses as the
   // other hosts' reader gives them.
   std::map<std::string, Published> PublishedNow() {
     std::vector<DirectoryEntry> entries;
     const NOK_ReturnStatus status =
-        directory_->Query(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, hostUuid_, &entries);
+        directory_.Query(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, hostUuid_, &entries);
     EXPECT_TRUE(status == NOK_OK || status == NOK_NOT_FOUND) << status;
     std::map<std::string, Published> byName;
     for (const DirectoryEntry& entry : entries) {
@@ -170,11 +85,12 @@ class NicPublicationTest : public ::testing::Test {
   }
 
   zel::test::TempHome home_;
-  std::string hostUuid_;
-  zel::test::RecordingLogSink* log_ = nullptr;
-  FaultyDirectory* directory_ = nullptr;
-  FakeNetworkInterfaces* nics_ = nullptr;
-  std::unique_ptr<zel::platform::Host> previous_;
+  zel::test::ScopedTestHost host_{zel::platform::LoadHostConfig(home_.Path())};
+  const std::string hostUuid_ = host_.Config().hostUuid;
+  zel::test::RecordingLogSink* log_ = &host_.Log();
+  zel::test::DirectoryDouble& directory_ = host_.Install<zel::test::DirectoryDouble>(
+      zel::platform::NewSqliteDirectory(host_.Config().directoryPath));
+  FakeNetworkInterfaces* nics_ = &host_.Install(std::make_unique<FakeNetworkInterfaces>());
 };
 
 TEST_F(NicPublicationTest, FirstPassPublishesEveryInterfaceUnderThisHost) {
@@ -210,13 +126,13 @@ TEST_F(NicPublicationTest, ChangedAddressIsUpdatedInPlaceAndUnchangedOnesAreNotW
   nics_->Set("nok2", NOKNIC_UP, "10.0.2.5", "fd00:2::5");
   PublishNokNicsToBrix();
   const std::map<std::string, Published> before = PublishedNow();
-  const int writes = directory_->Writes();
+  const int writes = Writes();
 
   nics_->SetAddresses("nok0", "10.0.0.6", "fd00::5");
   nics_->SetAddresses("nok1", "10.0.1.5", "fd00:1::7");
   PublishNokNicsToBrix();
 
-  EXPECT_EQ(writes + 2, directory_->Writes());
+  EXPECT_EQ(writes + 2, Writes());
   const std::map<std::string, Published> after = PublishedNow();
   ASSERT_EQ(3u, after.size());
   for (const std::string name : {"nok0", "nok1", "nok2"}) {
@@ -231,7 +147,7 @@ TEST_F(NicPublicationTest, ChangedAddressIsUpdatedInPlaceAndUnchangedOnesAreNotW
   EXPECT_FALSE(log_->Contains("Util: Start to delete brix entry for 'nok0'"));
 
   PublishNokNicsToBrix();
-  EXPECT_EQ(writes + 2, directory_->Writes());
+  EXPECT_EQ(writes + 2, Writes());
 }
 
 TEST_F(NicPublicationTest, VanishedInterfaceIsDeletedAndANewOneGetsItsOwnEntry) {
@@ -260,7 +176,7 @@ TEST_F(NicPublicationTest, UnreadableEntryOfThisHostIsDeletedByTheNextPass) {
   junk.key = hostUuid_;
   junk.ownerHost = hostUuid_;
   junk.payload = "{\"type\":\"BrixOrvaIscsiInterfaceMap\",\"name\":\"nok0\"}";
-  ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, junk));
+  ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(directory_, junk));
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
 
   PublishNokNicsToBrix();
@@ -282,7 +198,7 @@ TEST_F(NicPublicationTest, OtherHostsEntriesAreLeftAlone) {
   record.name = "nok0";
   record.ipv4 = {10, 9, 9, 9};
   ASSERT_EQ(NOK_OK, zel::directory::MarshalInterfaceRecord(record, &peer.payload));
-  ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, peer));
+  ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(directory_, peer));
   nics_->Set("nok1", NOKNIC_UP, "10.0.0.5", "");
 
   PublishNokNicsToBrix();
@@ -295,11 +211,12 @@ TEST_F(NicPublicationTest, OtherHostsEntriesAreLeftAlone) {
 
 TEST_F(NicPublicationTest, FailedQueryIsLoggedAndWritesNothing) {
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  directory_->FailQueries(NOK_TIMEOUT);
+  directory_.FailNext("Query", NOK_TIMEOUT, directory_.kAlways);
+  directory_.FailNext("QueryByHost", NOK_TIMEOUT, directory_.kAlways);
 
   EXPECT_NO_THROW(PublishNokNicsToBrix());
 
-  EXPECT_EQ(0, directory_->Writes());
+  EXPECT_EQ(0, Writes());
   EXPECT_TRUE(Logged(LogLevel::Error,
                      "Util: Failed to get ZEL interface entry from BRIX with error Timeout"));
   EXPECT_TRUE(Logged(LogLevel::Error,
@@ -310,12 +227,12 @@ TEST_F(NicPublicationTest, FailedQueryIsLoggedAndWritesNothing) {
 TEST_F(NicPublicationTest, FailedInterfaceListingKeepsWhatIsPublished) {
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
   PublishNokNicsToBrix();
-  const int writes = directory_->Writes();
+  const int writes = Writes();
   nics_->FailListing("Failed to list the network interfaces of this host: Out of memory");
 
   EXPECT_NO_THROW(PublishNokNicsToBrix());
 
-  EXPECT_EQ(writes, directory_->Writes());
+  EXPECT_EQ(writes, Writes());
   EXPECT_EQ(1u, PublishedNow().count("nok0"));
   EXPECT_TRUE(Logged(LogLevel::Error,
                      "Util: Failed to publish nok nic info to BRIX Failed to list the network "
@@ -334,7 +251,7 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
   nics_->Remove("nok0");
   nics_->SetAddresses("nok1", "10.0.1.6", "");
   nics_->Set("nok2", NOKNIC_UP, "10.0.2.5", "");
-  directory_->FailDeletes(NOK_IO_ERROR);
+  directory_.FailNext("Delete", NOK_IO_ERROR);
   PublishNokNicsToBrix();
 
   const std::string failure = "Failed to delete interface entry UUID " + before.at("nok0").entryId +
@@ -345,7 +262,6 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
   EXPECT_EQ(1u, mid.count("nok0"));
   EXPECT_EQ(0u, mid.count("nok2"));
 
-  directory_->FailDeletes(NOK_OK);
   PublishNokNicsToBrix();
 
   const std::map<std::string, Published> after = PublishedNow();
@@ -357,7 +273,7 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
 
 TEST_F(NicPublicationTest, FailedUpdateNamesTheInterfaceAndTheStatus) {
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  directory_->FailUpdates(NOK_BUSY);
+  directory_.FailNext("AsyncUpdate", NOK_BUSY);
   ZelInterfaceRecord record;
   record.name = "nok0";
 
@@ -382,9 +298,7 @@ TEST_F(NicPublicationTest, DeletingAnEntryThatIsGoneAlreadyIsOnlyLogged) {
 
 TEST(NicPublicationWithoutDirectoryTest, PassFailsWithTheLibraryMessage) {
   zel::test::ScopedTestHost host;
-  auto nics = std::make_unique<FakeNetworkInterfaces>();
-  nics->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  CurrentHost().SetNics(std::move(nics));
+  host.Install(std::make_unique<FakeNetworkInterfaces>()).Set("nok0", NOKNIC_UP, "10.0.0.5", "");
 
   EXPECT_THROW(BrixHandle(), OrvaCtlException);
   EXPECT_NO_THROW(PublishNokNicsToBrix());

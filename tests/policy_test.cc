@@ -12,16 +12,16 @@
 #include <nlohmann/json.hpp>
 
 #include "directory/EntryMarshal.h"
-#include "local_directory_support.h"
 #include "platform/AtomicFile.h"
 #include "platform/Host.h"
-#include "platform/HostServices.h"
 #include "platform/LocalNamespaces.h"
 #include "platform/LocalPolicyService.h"
 #include "platform/SqliteDirectory.h"
 #include "storage/Compliance.h"
 #include "storage/Namespace.h"
 #include "storage/Policy.h"
+#include "support/FixedServices.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
@@ -32,9 +32,6 @@ namespace {
 
 using zel::test::MessageOf;
 namespace fs = std::filesystem;
-using zel::platform::ClusterFacts;
-using zel::platform::ClusterInfo;
-using zel::platform::ClusterMember;
 using zel::platform::Compliance;
 using zel::platform::CurrentHost;
 using zel::platform::LocalPolicyService;
@@ -129,34 +126,25 @@ TEST(PolicyText, RuleGivenTwiceIsRefused) {
 
 // ---- The datastore's default -------------------------------------------
 
-// A test host whose host.json sets `defaultPolicy`.
-class HostWithDefaultPolicy {
- public:
-  explicit HostWithDefaultPolicy(const std::string& policy) {
-    zel::platform::WriteJsonFileAtomically(home_.Path() + "/host.json",
-                                           nlohmann::json{{"defaultPolicy", policy}}, 0644);
-    previous_ = zel::platform::SelectHost(std::make_unique<zel::platform::Host>(
-        zel::platform::LoadHostConfig(home_.Path()), std::make_unique<zel::test::TestClock>(),
-        std::make_unique<zel::test::RecordingLogSink>(), zel::platform::NewPosixFileSystem()));
-  }
-  ~HostWithDefaultPolicy() { zel::platform::SelectHost(std::move(previous_)); }
+// The configuration of `home` once its host.json sets `defaultPolicy`.
+zel::platform::HostConfig WithDefaultPolicy(const zel::test::TempHome& home,
+                                            const std::string& policy) {
+  zel::platform::WriteJsonFileAtomically(home.Path() + "/host.json",
+                                         nlohmann::json{{"defaultPolicy", policy}}, 0644);
+  return zel::platform::LoadHostConfig(home.Path());
+}
 
- private:
-  zel::test::TempHome home_;
-  std::unique_ptr<zel::platform::Host> previous_;
-};
-
-TEST(DatastoreDefaultPolicy, IsTheHostConfigurationsAndToleratesOneFailureUnlessSet) {
+TEST(DatastoreDefaultPolicy, IsTheHostConfigurationsOrTolerateOneFailureAndNeverAnInvalidOne) {
   {
     zel::test::ScopedTestHost host;
     EXPECT_EQ("\"failuresToTolerate\" \"1\"", Util::GetDatastoreDefaultPolicy());
   }
-  HostWithDefaultPolicy host("\"locality\" \"Preferred\"");
-  EXPECT_EQ("\"locality\" \"Preferred\"", Util::GetDatastoreDefaultPolicy());
-}
-
-TEST(DatastoreDefaultPolicy, ThatIsInvalidIsRefusedRatherThanInherited) {
-  HostWithDefaultPolicy host("mirrored");
+  zel::test::TempHome home;
+  {
+    zel::test::ScopedTestHost host(WithDefaultPolicy(home, "\"locality\" \"Preferred\""));
+    EXPECT_EQ("\"locality\" \"Preferred\"", Util::GetDatastoreDefaultPolicy());
+  }
+  zel::test::ScopedTestHost host(WithDefaultPolicy(home, "mirrored"));
   EXPECT_EQ("Invalid default storage policy 'mirrored' in the host configuration: expected a "
             "double-quoted rule name at offset 0",
             MessageOf([] { Util::GetDatastoreDefaultPolicy(); }));
@@ -164,34 +152,11 @@ TEST(DatastoreDefaultPolicy, ThatIsInvalidIsRefusedRatherThanInherited) {
 
 // ---- Compliance --------------------------------------------------------
 
-class FixedCluster final : public ClusterFacts {
- public:
-  std::string LocalHostUuid() override { return kHost; }
-  NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) override {
-    if (status != NOK_OK) return status;
-    info->isMember = true;
-    info->members = members;
-    return NOK_OK;
-  }
-
-  // `count` members, the first `sited` of them in a named fault domain.
-  void SetMembers(int count, int sited = 0) {
-    members.clear();
-    for (int i = 0; i < count; ++i) {
-      members.push_back({"host-" + std::to_string(i), "h" + std::to_string(i),
-                         i < sited ? "Preferred" : ""});
-    }
-  }
-
-  std::vector<ClusterMember> members;
-  NOK_ReturnStatus status = NOK_OK;
-};
-
 class PolicyCompliance : public ::testing::Test {
  protected:
   void SetUp() override {
     directory_ = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
-    service_ = std::make_unique<LocalPolicyService>(*directory_, kHost, &cluster_);
+    service_ = std::make_unique<LocalPolicyService>(*directory_, kHost, &double_);
   }
 
   Compliance Judged(const std::string& policy) {
@@ -208,7 +173,8 @@ class PolicyCompliance : public ::testing::Test {
   }
 
   zel::test::ScopedTestHost host_;
-  FixedCluster cluster_;
+  zel::test::ClusterFactsDouble double_{std::make_unique<zel::test::FixedCluster>(kHost)};
+  zel::test::FixedCluster& cluster_ = static_cast<zel::test::FixedCluster&>(double_.Target());
   std::unique_ptr<zel::platform::Directory> directory_;
   std::unique_ptr<LocalPolicyService> service_;
 };
@@ -239,13 +205,13 @@ TEST_F(PolicyCompliance, LocalityNeedsAStretchedCluster) {
 }
 
 TEST_F(PolicyCompliance, LayoutRulesAndNoRulesAskNothingOfTheMembership) {
-  cluster_.status = NOK_TIMEOUT;
+  double_.FailNext("GetClusterInfo", NOK_TIMEOUT, double_.kAlways);
   EXPECT_EQ(Compliance::Compliant, Judged(""));
   EXPECT_EQ(Compliance::Compliant, Judged("\"stripeWidth\" \"12\" \"thinProvisioned\" \"true\""));
 }
 
 TEST_F(PolicyCompliance, UnknownMembershipLeavesComplianceUnknown) {
-  cluster_.status = NOK_TIMEOUT;
+  double_.FailNext("GetClusterInfo", NOK_TIMEOUT, double_.kAlways);
   EXPECT_EQ(Compliance::Unknown, Judged("\"failuresToTolerate\" \"1\""));
   EXPECT_TRUE(host_.Log().Contains("PolicyService: Cannot judge the compliance of storage object " +
                                    kObject + ", the membership is unknown: Timeout"));
@@ -268,13 +234,13 @@ class PolicyUpdate : public ::testing::Test {
     zel::platform::HostConfig config = host_.Config();
     config.hostUuid = kHost;
     auto directory = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
-    auto cluster = std::make_unique<FixedCluster>();
+    auto cluster = std::make_unique<zel::test::FixedCluster>(kHost);
     cluster->SetMembers(3);
-    CurrentHost().SetPolicies(
+    host_.Install<zel::test::PolicyServiceDouble>(
         std::make_unique<LocalPolicyService>(*directory, kHost, cluster.get()));
-    CurrentHost().SetCluster(std::move(cluster));
-    CurrentHost().SetDirectory(std::move(directory));
-    CurrentHost().SetNamespaces(zel::platform::NewLocalNamespaces(config));
+    host_.Install<zel::test::ClusterFactsDouble>(std::move(cluster));
+    host_.Install<zel::test::DirectoryDouble>(std::move(directory));
+    host_.Install<zel::test::NamespacesDouble>(zel::platform::NewLocalNamespaces(config));
   }
 
   void PolicyOf(const std::string& uuid, std::string* policy, bool* compliant) {

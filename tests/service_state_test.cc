@@ -14,7 +14,6 @@
 
 #include "cache/ConfigCache.h"
 #include "directory/DirectoryEntries.h"
-#include "platform/Host.h"
 #include "platform/JsonConfigStore.h"
 #include "platform/LocalKernelOptions.h"
 #include "platform/LocalLegacyConfig.h"
@@ -58,51 +57,21 @@ DefaultInfo FreshDefaults() {
   return info;
 }
 
-// The local store, counting the writes of the defaults; reads or writes of
-// the defaults can be made to fail.
-class CountingStore final : public platform::ConfigStore {
- public:
-  explicit CountingStore(const std::string& path) : real_(path) {}
-  bool GetOrvaIscsiServiceEnabled(bool* enabled) override {
-    return real_.GetOrvaIscsiServiceEnabled(enabled);
-  }
-  void SetOrvaIscsiServiceEnabled(bool enabled) override {
-    real_.SetOrvaIscsiServiceEnabled(enabled);
-  }
-  bool GetOrvaIscsiDefaultConfig(DefaultInfo* info) override {
-    if (failDefaults) throw OrvaCtlException("defaults unreadable");
-    return real_.GetOrvaIscsiDefaultConfig(info);
-  }
-  void SetOrvaIscsiDefaultConfig(const DefaultInfo& info) override {
-    ++defaultWrites;
-    if (failDefaults) throw OrvaCtlException("store is read-only");
-    real_.SetOrvaIscsiDefaultConfig(info);
-  }
-
-  int defaultWrites = 0;
-  bool failDefaults = false;
-
- private:
-  platform::JsonConfigStore real_;
-};
-
 class ServiceStateTest : public ::testing::Test {
  protected:
   ServiceStateTest() {
-    platform::Host& host = platform::CurrentHost();
-    auto store = std::make_unique<CountingStore>(host_.Config().configStorePath);
-    store_ = store.get();
-    host.SetStore(std::move(store));
-    host.SetOptions(platform::NewLocalKernelOptions(host_.Config()));
-    host.SetLegacyConfig(platform::NewLocalLegacyConfigFile(host_.Config()));
+    host_.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(host_.Config()));
+    host_.Install<LegacyConfigDouble>(platform::NewLocalLegacyConfigFile(host_.Config()));
   }
 
+  int DefaultWrites() const { return store_.Count("SetOrvaIscsiDefaultConfig"); }
   void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
   std::string StorePath() const { return host_.Config().configStorePath; }
   std::string LegacyPath() const { return host_.Home() + "/legacy-config.json"; }
 
   ScopedTestHost host_;
-  CountingStore* store_;
+  ConfigStoreDouble& store_ = host_.Install<ConfigStoreDouble>(
+      std::make_unique<platform::JsonConfigStore>(host_.Config().configStorePath));
 };
 
 TEST_F(ServiceStateTest, StatusRoundTripsThroughTheConfigStore) {
@@ -139,7 +108,7 @@ TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
 
 TEST_F(ServiceStateTest, LoadConfigFailsWhenTheStoredDefaultsCannotBeRead) {
   Util::SetStatus(true);
-  store_->failDefaults = true;
+  store_.FailNext("GetOrvaIscsiDefaultConfig", "defaults unreadable");
   bool enabled = false;
   EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
@@ -155,7 +124,7 @@ TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCache) {
   EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
   // What was just read is not written back.
   Util::UpdateDefaultConfigToConfigStore(stored);
-  EXPECT_EQ(store_->defaultWrites, 0);
+  EXPECT_EQ(DefaultWrites(), 0);
 }
 
 TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
@@ -239,7 +208,7 @@ TEST_F(ServiceStateTest, UnchangedDefaultsAreNeverRewritten) {
   const DefaultInfo defaults = FreshDefaults();
   Util::UpdateDefaultConfigToConfigStore(defaults);
   Util::UpdateDefaultConfigToConfigStore(defaults);
-  EXPECT_EQ(store_->defaultWrites, 1);
+  EXPECT_EQ(DefaultWrites(), 1);
   DefaultInfo stored;
   ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
   EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
@@ -261,27 +230,26 @@ TEST_F(ServiceStateTest, AChangeOfAnyOneFieldIsWritten) {
   for (const auto& change : changes) {
     change(defaults);
     Util::UpdateDefaultConfigToConfigStore(defaults);
-    EXPECT_EQ(store_->defaultWrites, ++writes);
+    EXPECT_EQ(DefaultWrites(), ++writes);
   }
 }
 
 TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
   const DefaultInfo defaults = FreshDefaults();
-  store_->failDefaults = true;
+  store_.FailNext("SetOrvaIscsiDefaultConfig", "store is read-only");
   EXPECT_EQ(MessageOf([&] { Util::UpdateDefaultConfigToConfigStore(defaults); }),
             "store is read-only");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
               ElementsAre("Util: ZEL failed to persist default config to config store with "
                           "exception store is read-only"));
-  store_->failDefaults = false;
   Util::UpdateDefaultConfigToConfigStore(defaults);
-  EXPECT_EQ(store_->defaultWrites, 2);
+  EXPECT_EQ(DefaultWrites(), 2);
 }
 
 TEST_F(ServiceStateTest, DefaultsStayOutOfTheStoreWhenTheFeatureIsOff) {
   WriteOptions(R"({"ORVA": {"configStore": 0}})");
   Util::UpdateDefaultConfigToConfigStore(FreshDefaults());
-  EXPECT_EQ(store_->defaultWrites, 0);
+  EXPECT_EQ(DefaultWrites(), 0);
   EXPECT_FALSE(std::filesystem::exists(StorePath()));
 }
 

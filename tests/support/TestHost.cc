@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -36,6 +37,19 @@ void TestClock::ClearSleeps() {
 void RecordingLogSink::Write(platform::LogLevel level, const std::string& line) {
   std::lock_guard<std::mutex> guard(mutex_);
   lines_.push_back({level, line});
+  added_.notify_all();
+}
+
+std::string RecordingLogSink::Await(const std::string& part) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  std::string found;
+  added_.wait_for(lock, std::chrono::seconds(20), [&] {
+    for (const LogLine& line : lines_) {
+      if (line.text.find(part) != std::string::npos) return found = line.text, true;
+    }
+    return false;
+  });
+  return found;
 }
 
 std::vector<LogLine> RecordingLogSink::Lines() const {
@@ -134,24 +148,29 @@ TempHome::~TempHome() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-ScopedTestHost::ScopedTestHost() {
+HostSelection::HostSelection(std::unique_ptr<platform::Host> host)
+    : previous_(platform::SelectHost(std::move(host))) {}
+
+HostSelection::~HostSelection() { platform::SelectHost(std::move(previous_)); }
+
+ScopedTestHost::ScopedTestHost() : home_(std::make_unique<TempHome>()) {
+  Select(platform::EmbeddedHostConfig(home_->Path()));
+}
+
+ScopedTestHost::ScopedTestHost(platform::HostConfig config) { Select(std::move(config)); }
+
+ScopedTestHost::~ScopedTestHost() = default;
+
+void ScopedTestHost::Select(platform::HostConfig config) {
   auto clock = std::make_unique<TestClock>();
   auto log = std::make_unique<RecordingLogSink>();
   auto files = std::make_unique<FaultyFileSystem>(platform::NewPosixFileSystem());
-  clock_ = clock.get();
-  log_ = log.get();
-  files_ = files.get();
-  previous_ = platform::SelectHost(std::make_unique<platform::Host>(
-      platform::EmbeddedHostConfig(home_.Path()), std::move(clock), std::move(log),
-      std::move(files)));
+  services_ = TestServices{clock.get(), log.get(), files.get()};
+  auto host = std::make_unique<platform::Host>(std::move(config), std::move(clock), std::move(log),
+                                               std::move(files));
+  host_ = host.get();
+  selection_ = std::make_unique<HostSelection>(std::move(host));
 }
-
-ScopedTestHost::~ScopedTestHost() { platform::SelectHost(std::move(previous_)); }
-
-const platform::HostConfig& ScopedTestHost::Config() const {
-  return platform::CurrentHost().Config();
-}
-
 void WriteFile(const std::string& path, const std::string& text, int mode) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   {
