@@ -43,9 +43,7 @@ class FacadeLifecycleTest : public ::testing::Test {
              fakes_.commands, fakes_.modules, fakes_.firewall, host_.store}) {
       double_->JournalInto(&journal_);
     }
-    auto nics = std::make_unique<FakeNetworkInterfaces>();
-    nics->Set("nok0", platform::NOKNIC_UP, "192.0.2.10");
-    platform::CurrentHost().SetNics(std::move(nics));
+    InstallFakeNetworkInterfaces()->Set("nok0", platform::NOKNIC_UP, "192.0.2.10");
   }
 
   // What the doubles were asked to change, across all of them, in order.

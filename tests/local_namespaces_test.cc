@@ -153,17 +153,6 @@ TEST_F(LocalNamespaceCreation, TakenNameThrowsNamespaceExistsAndChangesNothing) 
   EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
 }
 
-TEST_F(LocalNamespaceCreation, BadNameOrPolicyIsRefusedBeforeAnythingIsMade) {
-  EXPECT_EQ("Invalid namespace name 'a/b'",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), "a/b", kPolicy, 0); }));
-  EXPECT_EQ("Invalid namespace name '..'",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), "..", kPolicy, 0); }));
-  EXPECT_EQ("Invalid namespace name ''",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), "", kPolicy, 0); }));
-  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, "\"copies\" \"2\"", 0); }));
-  EXPECT_TRUE(RootEntries().empty());
-}
 
 TEST_F(LocalNamespaceCreation, FailedAnnouncementLeavesNothingBehind) {
   InstallUnreachableDirectory(NOK_TIMEOUT);
@@ -178,11 +167,30 @@ TEST_F(LocalNamespaceCreation, FailedAnnouncementLeavesNothingBehind) {
   EXPECT_TRUE(RootEntries().empty());
 }
 
+TEST_F(LocalNamespaceCreation, BadNamePolicyOrUnknownNamespaceIsRefusedBeforeAnythingChanges) {
+  EXPECT_EQ("Invalid namespace name 'a/b'",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "a/b", kPolicy, 0); }));
+  EXPECT_EQ("Invalid namespace name '..'",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "..", kPolicy, 0); }));
+  EXPECT_EQ("Invalid namespace name ''",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "", kPolicy, 0); }));
+  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, "\"copies\" \"2\"", 0); }));
+  EXPECT_TRUE(RootEntries().empty());
+  EXPECT_EQ("Namespace " + kConfig + " does not exist in " + Root(),
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
+  EXPECT_EQ("Namespace " + kTarget + " does not exist in " + Root(),
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kTarget); }));
+  test::WriteFile(Root() + "/plain", "");
+  EXPECT_EQ(Root() + "/plain is not a namespace link",
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), "plain"); }));
+}
+
 // ---- Removal -----------------------------------------------------------
 
 using LocalNamespaceRemoval = LocalNamespacesTest;
 
-TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncement) {
+TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncementAndFinishesAnInterruptedRemoval) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
   test::WriteFile(Root() + "/" + kConfig + "/etc/zel.conf", "generation 1\n");
   Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
@@ -195,17 +203,20 @@ TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncement) {
   directory::StorageObjectRecord announced;
   EXPECT_EQ(NOK_NOT_FOUND, Announced(uuid, &announced));
   EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
+  const std::string again = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
+  Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
+  // What a removal that stopped after the tree leaves: a dangling link and
+  // the announcement.
+  fs::remove_all(Root() + "/" + again);
+  fs::remove_all(Root() + "/" + kTarget);
+
+  Spaces().DeleteNamespace(Root(), kConfig);
+  Spaces().DeleteNamespace(Root(), kTarget);
+  EXPECT_TRUE(RootEntries().empty());
+  EXPECT_EQ(NOK_NOT_FOUND, Announced(again, &announced));
+  EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
 }
 
-TEST_F(LocalNamespaceRemoval, UnknownNamespaceDoesNotExist) {
-  EXPECT_EQ("Namespace " + kConfig + " does not exist in " + Root(),
-            MessageOf([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
-  EXPECT_EQ("Namespace " + kTarget + " does not exist in " + Root(),
-            MessageOf([&] { Spaces().DeleteNamespace(Root(), kTarget); }));
-  test::WriteFile(Root() + "/plain", "");
-  EXPECT_EQ(Root() + "/plain is not a namespace link",
-            MessageOf([&] { Spaces().DeleteNamespace(Root(), "plain"); }));
-}
 
 TEST_F(LocalNamespaceRemoval, UnreachableDirectoryKeepsTheWholeNamespace) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
@@ -217,21 +228,6 @@ TEST_F(LocalNamespaceRemoval, UnreachableDirectoryKeepsTheWholeNamespace) {
   EXPECT_EQ(kPolicy, Record(uuid)["policy"]);
 }
 
-TEST_F(LocalNamespaceRemoval, RemovalInterruptedAfterTheTreeIsFinishedByAskingAgain) {
-  const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
-  Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
-  // What a removal that stopped after the tree leaves: a dangling link and
-  // the announcement.
-  fs::remove_all(Root() + "/" + uuid);
-  fs::remove_all(Root() + "/" + kTarget);
-
-  Spaces().DeleteNamespace(Root(), kConfig);
-  Spaces().DeleteNamespace(Root(), kTarget);
-  EXPECT_TRUE(RootEntries().empty());
-  directory::StorageObjectRecord announced;
-  EXPECT_EQ(NOK_NOT_FOUND, Announced(uuid, &announced));
-  EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
-}
 
 // ---- Policy updates ----------------------------------------------------
 
@@ -253,20 +249,18 @@ TEST_F(LocalNamespacePolicyUpdate, RewritesRecordAndAnnouncementAndKeepsTheOwner
   EXPECT_EQ(kHost, owner);
 }
 
-TEST_F(LocalNamespacePolicyUpdate, UnannouncedChangeKeepsTheOldPolicyOnTheObject) {
-  Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
-  InstallUnreachableDirectory(NOK_TIMEOUT);
-  EXPECT_EQ("Failed to announce namespace " + kTarget + " (" + kTarget +
-                ") in the cluster directory: Timeout",
-            MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, kOtherPolicy); }));
-  EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
-}
 
-TEST_F(LocalNamespacePolicyUpdate, InvalidPolicyChangesNothing) {
+
+TEST_F(LocalNamespacePolicyUpdate, InvalidOrUnannouncedChangeKeepsTheOldPolicy) {
   Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
   EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"13\"': rule \"stripeWidth\" takes a whole "
             "number from 1 to 12, not \"13\"",
             MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, "\"stripeWidth\" \"13\""); }));
+  EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
+  InstallUnreachableDirectory(NOK_TIMEOUT);
+  EXPECT_EQ("Failed to announce namespace " + kTarget + " (" + kTarget +
+                ") in the cluster directory: Timeout",
+            MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, kOtherPolicy); }));
   EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
 }
 

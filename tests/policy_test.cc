@@ -73,55 +73,38 @@ TEST(PolicyText, EveryKnownRuleIsReadWithItsValue) {
   EXPECT_EQ("", VerifyFailure(""));
 }
 
-TEST(PolicyText, UnknownRuleIsNamed) {
-  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
-            VerifyFailure("\"copies\" \"2\""));
-  EXPECT_EQ("Invalid storage policy '\"Locality\" \"Preferred\"': unknown rule \"Locality\"",
-            VerifyFailure("\"Locality\" \"Preferred\""));
-}
-
-TEST(PolicyText, ValueOutsideItsRuleNamesTheRuleAndWhatItTakes) {
-  EXPECT_EQ("Invalid storage policy '\"locality\" \"preferred\"': rule \"locality\" takes "
-            "Preferred or NonPreferred, not \"preferred\"",
-            VerifyFailure("\"locality\" \"preferred\""));
-  EXPECT_EQ("Invalid storage policy '\"failuresToTolerate\" \"4\"': rule \"failuresToTolerate\" "
-            "takes a whole number from 0 to 3, not \"4\"",
-            VerifyFailure("\"failuresToTolerate\" \"4\""));
-  EXPECT_THAT(VerifyFailure("\"failuresToTolerate\" \"-1\""), ::testing::HasSubstr("not \"-1\""));
-  EXPECT_THAT(VerifyFailure("\"failuresToTolerate\" \"\""), ::testing::HasSubstr("not \"\""));
-  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"0\"': rule \"stripeWidth\" takes a whole "
-            "number from 1 to 12, not \"0\"",
-            VerifyFailure("\"stripeWidth\" \"0\""));
-  EXPECT_THAT(VerifyFailure("\"stripeWidth\" \"99999999999\""),
-              ::testing::HasSubstr("from 1 to 12"));
-  EXPECT_EQ("Invalid storage policy '\"thinProvisioned\" \"yes\"': rule \"thinProvisioned\" "
-            "takes true or false, not \"yes\"",
-            VerifyFailure("\"thinProvisioned\" \"yes\""));
-}
-
-TEST(PolicyText, MalformedTextSaysWhatIsWrongWhere) {
-  EXPECT_EQ("Invalid storage policy 'failuresToTolerate=1': expected a double-quoted rule name "
-            "at offset 0",
-            VerifyFailure("failuresToTolerate=1"));
-  // The locality check matches a rule with exactly one blank inside.
-  EXPECT_EQ("Invalid storage policy '\"locality\"  \"Preferred\"': rule \"locality\" needs one "
-            "blank and a double-quoted value",
-            VerifyFailure("\"locality\"  \"Preferred\""));
-  EXPECT_EQ("Invalid storage policy '\"locality\"': rule \"locality\" needs one blank and a "
-            "double-quoted value",
-            VerifyFailure("\"locality\""));
-  EXPECT_EQ("Invalid storage policy '\"locality\" \"Preferred': unterminated quoted text at "
-            "offset 11",
-            VerifyFailure("\"locality\" \"Preferred"));
-  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"2\"x': expected a blank after the value "
-            "of rule \"stripeWidth\" at offset 17",
-            VerifyFailure("\"stripeWidth\" \"2\"x"));
-}
-
-TEST(PolicyText, RuleGivenTwiceIsRefused) {
-  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"2\" \"stripeWidth\" \"2\"': rule "
-            "\"stripeWidth\" is given twice",
-            VerifyFailure("\"stripeWidth\" \"2\" \"stripeWidth\" \"2\""));
+TEST(PolicyText, EachRefusalSaysWhatIsWrongAndWhere) {
+  const std::string kHead = "Invalid storage policy '";
+  struct Case {
+    std::string policy, expected;  // `expected` follows "<kHead><policy>': "
+  };
+  const Case cases[] = {
+      {"\"copies\" \"2\"", "unknown rule \"copies\""},
+      {"\"Locality\" \"Preferred\"", "unknown rule \"Locality\""},
+      {"\"locality\" \"preferred\"",
+       "rule \"locality\" takes Preferred or NonPreferred, not \"preferred\""},
+      {"\"failuresToTolerate\" \"4\"",
+       "rule \"failuresToTolerate\" takes a whole number from 0 to 3, not \"4\""},
+      {"\"failuresToTolerate\" \"-1\"",
+       "rule \"failuresToTolerate\" takes a whole number from 0 to 3, not \"-1\""},
+      {"\"failuresToTolerate\" \"\"",
+       "rule \"failuresToTolerate\" takes a whole number from 0 to 3, not \"\""},
+      {"\"stripeWidth\" \"0\"", "rule \"stripeWidth\" takes a whole number from 1 to 12, not \"0\""},
+      {"\"stripeWidth\" \"99999999999\"",
+       "rule \"stripeWidth\" takes a whole number from 1 to 12, not \"99999999999\""},
+      {"\"thinProvisioned\" \"yes\"", "rule \"thinProvisioned\" takes true or false, not \"yes\""},
+      {"failuresToTolerate=1", "expected a double-quoted rule name at offset 0"},
+      // The locality check matches a rule with exactly one blank inside.
+      {"\"locality\"  \"Preferred\"", "rule \"locality\" needs one blank and a double-quoted value"},
+      {"\"locality\"", "rule \"locality\" needs one blank and a double-quoted value"},
+      {"\"locality\" \"Preferred", "unterminated quoted text at offset 11"},
+      {"\"stripeWidth\" \"2\"x",
+       "expected a blank after the value of rule \"stripeWidth\" at offset 17"},
+      {"\"stripeWidth\" \"2\" \"stripeWidth\" \"2\"", "rule \"stripeWidth\" is given twice"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(kHead + c.policy + "': " + c.expected, VerifyFailure(c.policy));
+  }
 }
 
 // ---- The datastore's default -------------------------------------------

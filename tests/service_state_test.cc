@@ -74,22 +74,19 @@ class ServiceStateTest : public ::testing::Test {
       std::make_unique<platform::JsonConfigStore>(host_.Config().configStorePath));
 };
 
-TEST_F(ServiceStateTest, StatusRoundTripsThroughTheConfigStore) {
+TEST_F(ServiceStateTest, StatusReadsDisabledWhenNeverStoredAndRoundTripsThroughTheStore) {
+  bool enabled = true;
+  Util::LoadConfig(enabled);
+  EXPECT_FALSE(enabled);
+  EXPECT_TRUE(host_.Log().Contains("Util: ZEL service enabled field not exist in config store."));
+  host_.Log().Clear();
   Util::SetStatus(true);
-  bool enabled = false;
   Util::LoadConfig(enabled);
   EXPECT_TRUE(enabled);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
               ElementsAre("Util: Stored zel status 'enabled' to config store successfully",
                           "Util: Retrieved zel status 'enabled' from config store successfully"));
   EXPECT_FALSE(std::filesystem::exists(LegacyPath()));
-}
-
-TEST_F(ServiceStateTest, StatusNeverStoredReadsDisabled) {
-  bool enabled = true;
-  Util::LoadConfig(enabled);
-  EXPECT_FALSE(enabled);
-  EXPECT_TRUE(host_.Log().Contains("Util: ZEL service enabled field not exist in config store."));
 }
 
 TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
@@ -168,14 +165,11 @@ TEST_F(ServiceStateTest, StoreFeatureFollowsTheOptionsFileWithoutRestart) {
   EXPECT_TRUE(enabled);
 }
 
-TEST_F(ServiceStateTest, MissingOptionReadsZeroWithoutAWarning) {
+TEST_F(ServiceStateTest, MissingOptionReadsZeroSilentlyAndAnUnreadableOneWithAWarning) {
   WriteOptions(R"({"ORVA-iSCSI": {"zelLoadBalancePeriod": 30}})");
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelNokNicCtlEnable"), 0);
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA", "zelNokNicCtlEnable"), 0);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
-}
-
-TEST_F(ServiceStateTest, UnreadableOptionReadsZeroWithAWarning) {
   WriteOptions(R"({"ORVA-iSCSI": {"zelLunNaaEnable": "yes"}})");
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
   EXPECT_TRUE(host_.Log().Contains(
@@ -204,19 +198,14 @@ TEST_F(ServiceStateTest, FeatureSwitchIsLoggedByName) {
                           "Util: Retrieve Zel Feature (zelFeatureY): Disabled."));
 }
 
-TEST_F(ServiceStateTest, UnchangedDefaultsAreNeverRewritten) {
-  const DefaultInfo defaults = FreshDefaults();
+TEST_F(ServiceStateTest, DefaultsAreWrittenOnlyWhenAFieldChanged) {
+  DefaultInfo defaults = FreshDefaults();
   Util::UpdateDefaultConfigToConfigStore(defaults);
   Util::UpdateDefaultConfigToConfigStore(defaults);
   EXPECT_EQ(DefaultWrites(), 1);
   DefaultInfo stored;
   ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
   EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
-}
-
-TEST_F(ServiceStateTest, AChangeOfAnyOneFieldIsWritten) {
-  DefaultInfo defaults = FreshDefaults();
-  Util::UpdateDefaultConfigToConfigStore(defaults);
   const std::vector<std::function<void(DefaultInfo&)>> changes = {
       [](DefaultInfo& d) { d.networkInterface += "x"; },
       [](DefaultInfo& d) { d.port = 3261; },
@@ -274,19 +263,10 @@ class ConfigChangeTest : public ::testing::Test {
   TestServices host_ = home_.InstallTestHost();
 };
 
-TEST_F(ConfigChangeTest, AllOnesMeansNothingWasWrittenAndPublishesNothing) {
+TEST_F(ConfigChangeTest, PublicationOfAllOnesIsNoneOfAnOlderGenerationWarnsElseThrows) {
   Util::DoActionForConfigChange(kNone);
   uint64_t generation = 0;
   EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_NOT_FOUND);
-}
-
-TEST_F(ConfigChangeTest, AFailedPublicationThrowsWithTheStatus) {
-  home_.RemoveNamespaceLink();  // no namespace identity to publish under
-  EXPECT_EQ(MessageOf([] { Util::DoActionForConfigChange(8); }),
-            "Failed to Update ZEL conf entry into BRIX with error: Failure");
-}
-
-TEST_F(ConfigChangeTest, AnOlderGenerationThanPublishedOnlyWarns) {
   Util::DoActionForConfigChange(10);
   EXPECT_EQ(Published(), 10u);
   Util::DoActionForConfigChange(9);
@@ -296,7 +276,11 @@ TEST_F(ConfigChangeTest, AnOlderGenerationThanPublishedOnlyWarns) {
                           "failed with NOK_EXISTS"));
   Util::DoActionForConfigChange(11);
   EXPECT_EQ(Published(), 11u);
+  home_.RemoveNamespaceLink();  // no namespace identity to publish under
+  EXPECT_EQ(MessageOf([] { Util::DoActionForConfigChange(12); }),
+            "Failed to Update ZEL conf entry into BRIX with error: Failure");
 }
+
 
 TEST_F(ConfigChangeTest, RefreshIsNeededOnlyForALaterCachedGeneration) {
   uint64_t known = 3;
@@ -342,20 +326,17 @@ TEST_F(ConfigChangeTest, CopySkipsAGenerationAlreadyBackedUp) {
   EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 9\n"));
 }
 
-TEST_F(ConfigChangeTest, CopyOfAnUnreachableFileFailsNamingIt) {
+TEST_F(ConfigChangeTest, BackupCopiesNothingOutsideTheManagementProcessOrFromNowhere) {
+  ASSERT_FALSE(Util::IsRunningInOrvaMgmtd());
+  Util::BackupConfigFile();
+  EXPECT_FALSE(std::filesystem::exists(BackupPath()));
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
   home_.RemoveNamespaceLink();
   EXPECT_FALSE(Util::CopyZelConfWithLock());
   const std::vector<std::string> errors = host_.log->Texts(LogLevel::Error);
   ASSERT_FALSE(errors.empty());
   EXPECT_THAT(errors.back(),
               StartsWith("Util: Failed to copy file from " + Util::GetConfFilePath() + " due to: "));
-  EXPECT_FALSE(std::filesystem::exists(BackupPath()));
-  EXPECT_TRUE(Util::IsBackupConfNeeded());
-}
-
-TEST_F(ConfigChangeTest, BackupOutsideTheManagementProcessNeverCopies) {
-  ASSERT_FALSE(Util::IsRunningInOrvaMgmtd());
-  Util::BackupConfigFile();
   EXPECT_FALSE(std::filesystem::exists(BackupPath()));
   EXPECT_TRUE(Util::IsBackupConfNeeded());
 }

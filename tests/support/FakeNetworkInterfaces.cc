@@ -89,5 +89,12 @@ void FakeNetworkInterfaces::FailListing(const std::string& message) {
   }
 }
 
+FakeNetworkInterfaces* InstallFakeNetworkInterfaces() {
+  auto nics = std::make_unique<FakeNetworkInterfaces>();
+  FakeNetworkInterfaces* installed = nics.get();
+  platform::CurrentHost().SetNics(std::move(nics));
+  return installed;
+}
+
 }  // namespace test
 }  // namespace zel

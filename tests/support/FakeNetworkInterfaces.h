@@ -1,8 +1,7 @@
 // The double of the host's network interfaces over an in-memory table: the
 // names, states and addresses a test sets, in the order the names were
-// first added. Install it with CurrentHost().SetNics(...) (or
-// ScopedTestHost::Install) and keep the raw pointer to change it while the
-// code under test runs; every method is thread-safe.
+// first added. Keep the raw pointer to change it while the code under test
+// runs; every method is thread-safe.
 #pragma once
 
 #include <string>
@@ -30,6 +29,9 @@ class FakeNetworkInterfaces final : public NetworkInterfacesDouble {
   // An empty message lifts the fault.
   void FailListing(const std::string& message);
 };
+
+// Installs a FakeNetworkInterfaces on the selected host, which owns it.
+FakeNetworkInterfaces* InstallFakeNetworkInterfaces();
 
 }  // namespace test
 }  // namespace zel

@@ -74,6 +74,13 @@ bool RecordingLogSink::Contains(const std::string& text) const {
   return false;
 }
 
+int RecordingLogSink::Count(platform::LogLevel level, const std::string& text) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  int count = 0;
+  for (const LogLine& line : lines_) count += line.level == level && line.text == text ? 1 : 0;
+  return count;
+}
+
 void RecordingLogSink::Clear() {
   std::lock_guard<std::mutex> guard(mutex_);
   lines_.clear();

@@ -46,6 +46,8 @@ class RecordingLogSink final : public platform::LogSink {
   // Lines at `level` or more severe, text only.
   std::vector<std::string> Texts(platform::LogLevel upTo = platform::LogLevel::Debug2) const;
   bool Contains(const std::string& text) const;
+  // How many lines at exactly `level` are `text`.
+  int Count(platform::LogLevel level, const std::string& text) const;
   // The first line containing `part`, waiting up to 20 s for another thread
   // to log it; "" when none came.
   std::string Await(const std::string& part) const;
