@@ -76,27 +76,19 @@ TEST(NewTargetAffinity, OppositeSitePolicyIsRefusedAndMissingEitherSideIsNot) {
   EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("", kNonPreferred)); }));
 }
 
-TEST(UpdateTargetAffinity, NewPolicyIsTestedAgainstTheKeptLocation) {
+// The message of updating `current` with `param` without a compliance session.
+std::string UpdateMessage(const TargetCreateParam& param, const TargetInfo& current) {
+  return MessageOf([&] { VerifyUpdateTargetAffinity(nullptr, param, current); });
+}
+
+TEST(UpdateTargetAffinity, NewPolicyMeetsTheKeptLocationAndNewLocationEveryLunUnlessNone) {
   EXPECT_EQ("Incompatible between target location and policy locality",
-            MessageOf([] { VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred),
-                                                    Target("Preferred", {})); }));
-}
-
-TEST(UpdateTargetAffinity, NewLocationIsTestedAgainstEveryLun) {
+            UpdateMessage(Param("", kNonPreferred), Target("Preferred", {})));
   const TargetInfo current = Target("NonPreferred", {kNoLocality, kNonPreferred});
-  EXPECT_EQ(kLunMessage, MessageOf([&] {
-              VerifyUpdateTargetAffinity(nullptr, Param("Preferred", ""), current);
-            }));
-  EXPECT_EQ("", MessageOf([&] {
-              VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred), current);
-            }));
-}
-
-TEST(UpdateTargetAffinity, NoneClearsTheLocationWhateverThePolicies) {
-  EXPECT_EQ("", MessageOf([] {
-              VerifyUpdateTargetAffinity(nullptr, Param("None", kNonPreferred),
-                                         Target("Preferred", {kNonPreferred, ""}));
-            }));
+  EXPECT_EQ(kLunMessage, UpdateMessage(Param("Preferred", ""), current));
+  EXPECT_EQ("", UpdateMessage(Param("", kNonPreferred), current));
+  // None clears the location whatever the policies.
+  EXPECT_EQ("", UpdateMessage(Param("None", kNonPreferred), Target("Preferred", {kNonPreferred, ""})));
 }
 
 TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObject) {

@@ -105,26 +105,7 @@ TEST_F(FacadeLifecycleTest, DisableStopsZeldBeforeUnloadingTheModuleThenPersists
   EXPECT_EQ(MessageOf([&] { service->CheckIscsiServiceStatus(false); }), kNotEnabled);
 }
 
-TEST_F(FacadeLifecycleTest, EnablingAnEnabledServiceFailsOnlyWhenAskedToAndRunsNothing) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(true, true); }),
-            "Orva iSCSI Target service is already enabled on this host");
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(true, false); }), "");
-  EXPECT_THAT(Events(), IsEmpty());
-  EXPECT_THAT(commands_->CommandLines(), IsEmpty());
-  EXPECT_TRUE(StoredEnabled());
-}
 
-TEST_F(FacadeLifecycleTest, DisablingADisabledServiceFailsOnlyWhenAskedToAndRunsNothing) {
-  home_.SetServiceEnabled(false);
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(false, true); }),
-            "Orva iSCSI Target service is already disabled on this host");
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(false, false); }), "");
-  EXPECT_THAT(Events(), IsEmpty());
-  EXPECT_THAT(commands_->CommandLines(), IsEmpty());
-  EXPECT_FALSE(StoredEnabled());
-}
 
 TEST_F(FacadeLifecycleTest, FailedDaemonStartLeavesTheStoreSayingDisabled) {
   home_.SetServiceEnabled(false);
@@ -195,30 +176,41 @@ TEST_F(FacadeLifecycleTest, EnableWithoutNamespaceFailsBeforeRunningAnything) {
   EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
 }
 
-TEST_F(FacadeLifecycleTest, RestoreOfADisabledServiceDoesNothing) {
+
+
+
+TEST_F(FacadeLifecycleTest, SwitchingToTheCurrentStateFailsOnlyWhenAskedToAndRunsNothing) {
+  for (const bool enabled : {true, false}) {
+    home_.SetServiceEnabled(enabled);
+    std::unique_ptr<OrvaIscsiTarget> service = NewService();
+    EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(enabled, true); }),
+              std::string("Orva iSCSI Target service is already ") +
+                  (enabled ? "enabled" : "disabled") + " on this host");
+    EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(enabled, false); }), "");
+    EXPECT_EQ(StoredEnabled(), enabled);
+  }
+  EXPECT_THAT(Events(), IsEmpty());
+  EXPECT_THAT(commands_->CommandLines(), IsEmpty());
+}
+
+TEST_F(FacadeLifecycleTest, RestoreStartsAnEnabledZeldWithoutWritingTheStore) {
   home_.SetServiceEnabled(false);
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  service->Restore();
+  NewService()->Restore();
   EXPECT_THAT(Events(), IsEmpty());
   EXPECT_FALSE(host_.log->Contains("OrvaIscsiTargetImpl: Restoring Orva iSCSI status."));
-}
 
-TEST_F(FacadeLifecycleTest, RestoreOfAnEnabledServiceStartsZeldWithoutWritingTheStore) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  service->Restore();
-  EXPECT_THAT(Events(), ElementsAre("ModuleIsLoaded zel", "ModuleLoad zel", kStart));
-  EXPECT_TRUE(StoredEnabled());
-  EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: Restored successfully."));
-}
-
-TEST_F(FacadeLifecycleTest, RestoreWhoseStartFailsLeavesTheStoredStateAlone) {
+  home_.SetServiceEnabled(true);
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   commands_->SetExitCode(kStart, 1);
   EXPECT_EQ(MessageOf([&] { service->Restore(); }),
             "Failed to reserve zeld memory (return code 1)");
-  EXPECT_THAT(Events(), Not(Contains("SetOrvaIscsiServiceEnabled false")));
-  EXPECT_TRUE(StoredEnabled());
   EXPECT_FALSE(host_.log->Contains("OrvaIscsiTargetImpl: Restored successfully."));
+  commands_->SetExitCode(kStart, 0);
+  service->Restore();
+  EXPECT_THAT(Events(), ElementsAre("ModuleIsLoaded zel", "ModuleLoad zel", kStart,
+                                    "ModuleIsLoaded zel", kStart));
+  EXPECT_TRUE(StoredEnabled());
+  EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: Restored successfully."));
 }
 
 }  // namespace
