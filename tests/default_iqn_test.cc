@@ -50,13 +50,10 @@ TEST(DefaultIqn, AliasIsShownReadablyOrLeftOutWhenNothingOfItFits) {
   ExpectIqn(std::string(200, 'Q'), "iqn.1998-01.local.zel:" + std::string(64, 'q') + "-");
   // Shortening never leaves a separator in front of the random part.
   ExpectIqn(std::string(63, 'a') + "-.b", "iqn.1998-01.local.zel:" + std::string(63, 'a') + "-");
-}
-
-TEST(DefaultIqn, TwoTargetsWithTheSameAliasGetDifferentNames) {
-  TempHome home;
-  ScopedHostWith host(ConfigNamed(home, "node-1"));
+  // Two targets with the same alias get different names.
   EXPECT_NE(GetDefautltIQN("data"), GetDefautltIQN("data"));
 }
+
 
 TEST(DefaultIqn, ConfiguredDomainIsReversedInLowerCase) {
   TempHome home;

@@ -105,7 +105,7 @@ class LocalNamespacesTest : public ::testing::Test {
 
 using LocalNamespaceCreation = LocalNamespacesTest;
 
-TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryReachedByARelativeLink) {
+TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryBehindALinkAndAUuidNameItself) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
 
   EXPECT_EQ(fs::path(uuid), fs::read_symlink(Root() + "/" + kConfig));
@@ -126,15 +126,14 @@ TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryReachedByARelati
   EXPECT_EQ(kHost, owner);
   EXPECT_EQ(kHost, announced.ownerHost);
   EXPECT_EQ(kPolicy, announced.policy);
-}
 
-TEST_F(LocalNamespaceCreation, UuidNameIsTheIdentityItselfWithoutALink) {
+  // A UUID name is the identity itself, without a link.
   EXPECT_EQ(kTarget, Spaces().CreateNamespace(Root(), kTarget, "", 0));
-  EXPECT_EQ(std::set<std::string>{kTarget}, RootEntries());
-  directory::StorageObjectRecord announced;
+  EXPECT_EQ((std::set<std::string>{kConfig, uuid, kTarget}), RootEntries());
   ASSERT_EQ(NOK_OK, Announced(kTarget, &announced));
   EXPECT_EQ("", announced.policy);
 }
+
 
 TEST_F(LocalNamespaceCreation, TakenNameThrowsNamespaceExistsAndChangesNothing) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);

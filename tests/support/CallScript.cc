@@ -11,16 +11,6 @@ void Fault::Throw() const {
       message.empty() ? NOK_ReturnStatusToString(static_cast<NOK_ReturnStatus>(code)) : message);
 }
 
-void Journal::Add(const std::string& line) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  lines_.push_back(line);
-}
-
-std::vector<std::string> Journal::Lines() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return lines_;
-}
-
 void CallScript::FailNext(const std::string& key, int code, int times) {
   Script(key, Fault{code, ""}, times);
 }

@@ -26,10 +26,17 @@ struct Fault {
   [[noreturn]] void Throw() const;
 };
 
+// Lines of several doubles in the order of their calls.
 class Journal {
  public:
-  void Add(const std::string& line);
-  std::vector<std::string> Lines() const;
+  void Add(const std::string& line) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.push_back(line);
+  }
+  std::vector<std::string> Lines() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+  }
 
  private:
   mutable std::mutex mutex_;

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <future>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -80,15 +79,6 @@ std::unique_ptr<platform::Directory> OpenDirectory(const platform::HostConfig& c
       platform::NewSqliteDirectory(config.directoryPath);
   if (!directory) throw std::runtime_error("cannot open directory " + config.directoryPath);
   return directory;
-}
-
-void Publish(platform::Directory& directory, const platform::DirectoryEntry& entry) {
-  std::promise<NOK_ReturnStatus> done;
-  std::future<NOK_ReturnStatus> status = done.get_future();
-  directory.AsyncUpdate(entry, {}, [&done](NOK_ReturnStatus result, const platform::DirectoryEntry*) {
-    done.set_value(result);
-  });
-  if (status.get() != NOK_OK) throw std::runtime_error("cannot publish entry " + entry.key);
 }
 
 }  // namespace
@@ -169,7 +159,9 @@ void ServiceHome::AnnounceObject(const std::string& uuid, const std::string& own
   if (directory::MarshalStorageObjectRecord({ownerHost, policy}, &entry.payload) != NOK_OK) {
     throw std::runtime_error("cannot marshal storage object " + uuid);
   }
-  Publish(*OpenDirectory(platform::LoadHostConfig(Path())), entry);
+  if (PublishAndWait(*OpenDirectory(platform::LoadHostConfig(Path())), entry) != NOK_OK) {
+    throw std::runtime_error("cannot publish storage object " + uuid);
+  }
 }
 
 void ServiceHome::AnnounceMember(const std::string& hostUuid, const std::string& hostName) {

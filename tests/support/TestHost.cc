@@ -111,35 +111,19 @@ bool FaultyFileSystem::Scripted(FileOp op, FileIOResult* result) {
   return true;
 }
 
-FileIOResult FaultyFileSystem::Open(FileIODescriptor* file, const std::string& path, int access) {
-  FileIOResult result;
-  return Scripted(FileOp::Open, &result) ? result : real_->Open(file, path, access);
-}
-
-FileIOResult FaultyFileSystem::Close(FileIODescriptor* file) {
-  FileIOResult result;
-  return Scripted(FileOp::Close, &result) ? result : real_->Close(file);
-}
-
-FileIOResult FaultyFileSystem::AtomicTempFile(const std::string& path, FileIODescriptor* temp) {
-  FileIOResult result;
-  return Scripted(FileOp::AtomicTempFile, &result) ? result : real_->AtomicTempFile(path, temp);
-}
-
-FileIOResult FaultyFileSystem::Sync(const FileIODescriptor& file) {
-  FileIOResult result;
-  return Scripted(FileOp::Sync, &result) ? result : real_->Sync(file);
-}
-
-FileIOResult FaultyFileSystem::AtomicUpdate(FileIODescriptor* temp, const std::string& path) {
-  FileIOResult result;
-  return Scripted(FileOp::AtomicUpdate, &result) ? result : real_->AtomicUpdate(temp, path);
-}
-
-FileIOResult FaultyFileSystem::CloseAndUnlink(FileIODescriptor* file) {
-  FileIOResult result;
-  return Scripted(FileOp::CloseAndUnlink, &result) ? result : real_->CloseAndUnlink(file);
-}
+#define ZEL_FILE_OP(Op, Params, Args)                                  \
+  FileIOResult FaultyFileSystem::Op Params {                           \
+    FileIOResult result;                                               \
+    return Scripted(FileOp::Op, &result) ? result : real_->Op Args;    \
+  }
+ZEL_FILE_OP(Open, (FileIODescriptor * file, const std::string& path, int access),
+            (file, path, access))
+ZEL_FILE_OP(Close, (FileIODescriptor * file), (file))
+ZEL_FILE_OP(AtomicTempFile, (const std::string& path, FileIODescriptor* temp), (path, temp))
+ZEL_FILE_OP(Sync, (const FileIODescriptor& file), (file))
+ZEL_FILE_OP(AtomicUpdate, (FileIODescriptor * temp, const std::string& path), (temp, path))
+ZEL_FILE_OP(CloseAndUnlink, (FileIODescriptor * file), (file))
+#undef ZEL_FILE_OP
 
 TempHome::TempHome() {
   const char* base = std::getenv("TMPDIR");
