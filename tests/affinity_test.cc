@@ -2,11 +2,13 @@
 // are refused, and with which message on creation and on update.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <vector>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "placement/Affinity.h"
+#include "support/FixedServices.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 
 namespace NokCtl {
@@ -24,21 +26,6 @@ const std::string kPreferred = R"("locality" "Preferred" "failuresToTolerate" "1
 const std::string kNonPreferred = R"("stripeWidth" "2" "locality" "NonPreferred")";
 const std::string kNoLocality = R"("failuresToTolerate" "1")";
 const char kLunMessage[] = "Incompatible between target location and lun policy locality";
-
-// The policies of storage objects by UUID, as the policy service reports them.
-class FixedPolicies final : public zel::platform::PolicyService {
- public:
-  explicit FixedPolicies(std::map<std::string, std::string> policies)
-      : policies_(std::move(policies)) {}
-  NOK_ReturnStatus Init() override { return NOK_OK; }
-  void Deinit() override {}
-  zel::platform::PolicyStatus GetObjectPolicyStatus(const std::string& uuid) override {
-    return {policies_.at(uuid), zel::platform::Compliance::Compliant};
-  }
-
- private:
-  std::map<std::string, std::string> policies_;
-};
 
 TargetCreateParam Param(const std::string& location, const std::string& policy) {
   TargetCreateParam param;
@@ -89,31 +76,24 @@ TEST(NewTargetAffinity, OppositeSitePolicyIsRefusedAndMissingEitherSideIsNot) {
   EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("", kNonPreferred)); }));
 }
 
-TEST(UpdateTargetAffinity, NewPolicyIsTestedAgainstTheKeptLocation) {
+// The message of updating `current` with `param` without a compliance session.
+std::string UpdateMessage(const TargetCreateParam& param, const TargetInfo& current) {
+  return MessageOf([&] { VerifyUpdateTargetAffinity(nullptr, param, current); });
+}
+
+TEST(UpdateTargetAffinity, NewPolicyMeetsTheKeptLocationAndNewLocationEveryLunUnlessNone) {
   EXPECT_EQ("Incompatible between target location and policy locality",
-            MessageOf([] { VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred),
-                                                    Target("Preferred", {})); }));
-}
-
-TEST(UpdateTargetAffinity, NewLocationIsTestedAgainstEveryLun) {
+            UpdateMessage(Param("", kNonPreferred), Target("Preferred", {})));
   const TargetInfo current = Target("NonPreferred", {kNoLocality, kNonPreferred});
-  EXPECT_EQ(kLunMessage, MessageOf([&] {
-              VerifyUpdateTargetAffinity(nullptr, Param("Preferred", ""), current);
-            }));
-  EXPECT_EQ("", MessageOf([&] {
-              VerifyUpdateTargetAffinity(nullptr, Param("", kNonPreferred), current);
-            }));
-}
-
-TEST(UpdateTargetAffinity, NoneClearsTheLocationWhateverThePolicies) {
-  EXPECT_EQ("", MessageOf([] {
-              VerifyUpdateTargetAffinity(nullptr, Param("None", kNonPreferred),
-                                         Target("Preferred", {kNonPreferred, ""}));
-            }));
+  EXPECT_EQ(kLunMessage, UpdateMessage(Param("Preferred", ""), current));
+  EXPECT_EQ("", UpdateMessage(Param("", kNonPreferred), current));
+  // None clears the location whatever the policies.
+  EXPECT_EQ("", UpdateMessage(Param("None", kNonPreferred), Target("Preferred", {kNonPreferred, ""})));
 }
 
 TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObject) {
-  FixedPolicies policies({{"lun-0", kNoLocality}, {"lun-1", kPreferred}});
+  zel::test::PolicyServiceDouble policies(std::make_unique<zel::test::FixedPolicies>(
+      std::map<std::string, std::string>{{"lun-0", kNoLocality}, {"lun-1", kPreferred}}));
   OrvaComplianceHandle handle{&policies};
   const TargetInfo current = Target("Preferred", {"", ""});
 
@@ -122,6 +102,11 @@ TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObje
             }));
   EXPECT_EQ("", MessageOf([&] {
               VerifyUpdateTargetAffinity(&handle, Param("", kPreferred), current);
+            }));
+  // A policy that cannot be read fails the check with the service's message.
+  policies.FailNext("GetObjectPolicyStatus", "Storage object lun-0 not found");
+  EXPECT_EQ("Storage object lun-0 not found", MessageOf([&] {
+              VerifyUpdateTargetAffinity(&handle, Param("NonPreferred", ""), current);
             }));
   // Without a compliance session the policy cannot be seen, so it is not passed.
   EXPECT_EQ("Orva compliance lib is not initialized", MessageOf([&] {

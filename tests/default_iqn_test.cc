@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <boost/regex.hpp>
-#include <memory>
 #include <string>
 
 #include "edit/DefaultIqn.h"
 #include "edit/NamePatterns.h"
-#include "platform/Host.h"
 #include "support/TestHost.h"
 
 namespace NokCtl {
@@ -21,19 +19,7 @@ namespace {
 using zel::platform::HostConfig;
 using zel::test::TempHome;
 
-// Selects a host with `config` for the scope's life.
-class ScopedHostWith {
- public:
-  explicit ScopedHostWith(const HostConfig& config)
-      : previous_(zel::platform::SelectHost(std::make_unique<zel::platform::Host>(
-            config, std::make_unique<zel::test::TestClock>(),
-            std::make_unique<zel::test::RecordingLogSink>(),
-            zel::platform::NewPosixFileSystem()))) {}
-  ~ScopedHostWith() { zel::platform::SelectHost(std::move(previous_)); }
-
- private:
-  std::unique_ptr<zel::platform::Host> previous_;
-};
+using ScopedHostWith = zel::test::ScopedTestHost;
 
 HostConfig ConfigNamed(const TempHome& home, const std::string& hostName) {
   HostConfig config = zel::platform::EmbeddedHostConfig(home.Path());
@@ -64,13 +50,10 @@ TEST(DefaultIqn, AliasIsShownReadablyOrLeftOutWhenNothingOfItFits) {
   ExpectIqn(std::string(200, 'Q'), "iqn.1998-01.local.zel:" + std::string(64, 'q') + "-");
   // Shortening never leaves a separator in front of the random part.
   ExpectIqn(std::string(63, 'a') + "-.b", "iqn.1998-01.local.zel:" + std::string(63, 'a') + "-");
-}
-
-TEST(DefaultIqn, TwoTargetsWithTheSameAliasGetDifferentNames) {
-  TempHome home;
-  ScopedHostWith host(ConfigNamed(home, "node-1"));
+  // Two targets with the same alias get different names.
   EXPECT_NE(GetDefautltIQN("data"), GetDefautltIQN("data"));
 }
+
 
 TEST(DefaultIqn, ConfiguredDomainIsReversedInLowerCase) {
   TempHome home;

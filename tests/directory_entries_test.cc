@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,6 +21,7 @@
 #include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/local/SqliteDirectory.h"
+#include "support/HostDoubles.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 
@@ -42,59 +43,6 @@ constexpr auto kPatience = std::chrono::seconds(20);
 const std::string kNamespace = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kOtherHost = "99999999-8888-4777-8666-555555555555";
-
-// Keeps every line and lets a test wait for one that the directory's
-// threads log.
-class WatchedLogSink final : public platform::LogSink {
- public:
-  void Write(LogLevel level, const std::string& line) override {
-    std::lock_guard<std::mutex> guard(mutex_);
-    lines_.push_back({level, line});
-    added_.notify_all();
-  }
-
-  bool Contains(const std::string& text) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return std::any_of(lines_.begin(), lines_.end(),
-                       [&](const test::LogLine& line) { return line.text == text; });
-  }
-
-  // Lines at `level` or more severe.
-  std::vector<std::string> AtLeast(LogLevel level) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    std::vector<std::string> texts;
-    for (const test::LogLine& line : lines_) {
-      if (static_cast<int>(line.level) <= static_cast<int>(level)) texts.push_back(line.text);
-    }
-    return texts;
-  }
-
-  // The first line containing `part`, or "" when none came in time.
-  std::string Await(const std::string& part) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    std::string found;
-    added_.wait_for(lock, kPatience, [&] {
-      for (const test::LogLine& line : lines_) {
-        if (line.text.find(part) != std::string::npos) {
-          found = line.text;
-          return true;
-        }
-      }
-      return false;
-    });
-    return found;
-  }
-
-  void Clear() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    lines_.clear();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable added_;
-  std::vector<test::LogLine> lines_;
-};
 
 // What the configuration-update callback was told, in order.
 struct Notice {
@@ -136,13 +84,6 @@ std::vector<Notice> AwaitNotices(size_t count) {
 class DirectoryEntriesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::HostConfig config = platform::EmbeddedHostConfig(home_.Path());
-    config.hostUuid = kHost;
-    auto log = std::make_unique<WatchedLogSink>();
-    log_ = log.get();
-    previous_ = platform::SelectHost(std::make_unique<platform::Host>(
-        config, std::make_unique<test::TestClock>(), std::move(log),
-        platform::NewPosixFileSystem()));
     fs::create_directories(Datastore() + "/" + kNamespace);
     LinkNamespace(kNamespace);
     InstallDirectory();
@@ -153,14 +94,13 @@ class DirectoryEntriesTest : public ::testing::Test {
 
   void TearDown() override {
     if (subscription_ != 0) ZeldBrixUnsubscribeToConfigEntry(subscription_);
-    platform::SelectHost(std::move(previous_));
   }
 
   std::string Datastore() const { return home_.Path() + "/datastore"; }
   std::string DatabasePath() const { return home_.Path() + "/directory.db"; }
 
   void InstallDirectory() {
-    CurrentHost().SetDirectory(platform::NewSqliteDirectory(DatabasePath()));
+    host_.Install<test::DirectoryDouble>(platform::NewSqliteDirectory(DatabasePath()));
   }
 
   void LinkNamespace(const std::string& target) {
@@ -170,12 +110,8 @@ class DirectoryEntriesTest : public ::testing::Test {
   }
 
   void Subscribe() {
+    if (subscription_ != 0) ZeldBrixUnsubscribeToConfigEntry(subscription_);
     ASSERT_EQ(NOK_OK, ZeldBrixSubscribeToConfigEntry(RecordNotice, &subscription_));
-  }
-
-  void Unsubscribe() {
-    ZeldBrixUnsubscribeToConfigEntry(subscription_);
-    subscription_ = 0;
   }
 
   uint64_t Published() {
@@ -188,24 +124,17 @@ class DirectoryEntriesTest : public ::testing::Test {
   // release might, bypassing the newer-wins check.
   void WriteRaw(uint32_t type, const std::string& key, const std::string& entryId,
                 const std::string& payload, const std::string& owner = kOtherHost) {
-    DirectoryEntry entry;
-    entry.type = type;
-    entry.key = key;
-    entry.entryId = entryId;
-    entry.ownerHost = owner;
-    entry.payload = payload;
-    std::mutex mutex;
-    std::condition_variable done;
-    NOK_ReturnStatus result = NOK_PENDING;
-    CurrentHost().GetDirectory().AsyncUpdate(entry, {}, [&](NOK_ReturnStatus status,
-                                                            const DirectoryEntry*) {
-      std::lock_guard<std::mutex> guard(mutex);
-      result = status;
-      done.notify_all();
-    });
-    std::unique_lock<std::mutex> lock(mutex);
-    done.wait(lock, [&] { return result != NOK_PENDING; });
-    ASSERT_EQ(NOK_OK, result);
+    const DirectoryEntry entry{type, key, owner, entryId, payload, 0};
+    ASSERT_EQ(NOK_OK, test::PublishAndWait(CurrentHost().GetDirectory(), entry));
+  }
+
+  void Interface(const std::string& host, const std::string& name, std::array<uint8_t, 4> ipv4,
+                 std::array<uint8_t, 16> ipv6 = {}) {
+    std::string payload;
+    ZelInterfaceRecord record;
+    record.name = name, record.ipv4 = ipv4, record.ipv6 = ipv6;
+    ASSERT_EQ(NOK_OK, MarshalInterfaceRecord(record, &payload));
+    WriteRaw(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, host, name, payload, host);
   }
 
   void WriteGeneration(uint64_t generation) {
@@ -214,20 +143,23 @@ class DirectoryEntriesTest : public ::testing::Test {
     WriteRaw(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG, kNamespace, kNamespace, payload);
   }
 
+  static platform::HostConfig Config(const std::string& home) {
+    platform::HostConfig config = platform::EmbeddedHostConfig(home);
+    config.hostUuid = kHost;
+    return config;
+  }
+
   test::TempHome home_;
-  WatchedLogSink* log_ = nullptr;
-  std::unique_ptr<platform::Host> previous_;
+  test::ScopedTestHost host_{Config(home_.Path())};
+  test::RecordingLogSink* log_ = &host_.Log();
   Directory::SubscriptionHandle subscription_ = 0;
 };
 
 // ---- Publishing the generation ---------------------------------------------
 
-using DirectoryEntriesPublish = DirectoryEntriesTest;
-
-TEST_F(DirectoryEntriesPublish, FirstPublicationIsTheOneEntryOfTheNamespaceOwnedByThisHost) {
-  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(5));
-
-  EXPECT_EQ(5u, Published());
+TEST_F(DirectoryEntriesTest, PublicationIsOneEntryOfThisHostReplacedOnlyByANewerGeneration) {
+  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(7));
+  EXPECT_EQ(7u, Published());
   std::vector<DirectoryEntry> entries;
   ASSERT_EQ(NOK_OK, CurrentHost().GetDirectory().Query(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG,
                                                        kNamespace, &entries));
@@ -235,50 +167,39 @@ TEST_F(DirectoryEntriesPublish, FirstPublicationIsTheOneEntryOfTheNamespaceOwned
   EXPECT_EQ(kNamespace, entries[0].entryId);
   EXPECT_EQ(kHost, entries[0].ownerHost);
   EXPECT_TRUE(log_->Contains("Successfully updated BRIX ZEL config entry: " + kNamespace));
-}
-
-TEST_F(DirectoryEntriesPublish, EqualOrOlderGenerationIsRefusedWithoutAFailureLine) {
-  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(7));
   log_->Clear();
 
   EXPECT_EQ(NOK_EXISTS, ZeldUpdateBrixEntryForConfig(7));
   EXPECT_EQ(NOK_EXISTS, ZeldUpdateBrixEntryForConfig(6));
-
   EXPECT_EQ(7u, Published());
-  EXPECT_TRUE(log_->AtLeast(LogLevel::Warning).empty());
-}
-
-TEST_F(DirectoryEntriesPublish, NewerGenerationReplacesThePublishedOne) {
-  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(7));
+  EXPECT_TRUE(log_->Texts(LogLevel::Warning).empty());
   EXPECT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(8));
   EXPECT_EQ(8u, Published());
 }
 
-TEST_F(DirectoryEntriesPublish, UnreadableStoredGenerationIsOverwrittenWithAWarning) {
+TEST_F(DirectoryEntriesTest, UnreadableStoredGenerationIsOverwrittenWithAWarning) {
+  const std::string warning =
+      "Failed to unmarshal ZEL conf entry entry: payload is not a JSON object";
   WriteRaw(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG, kNamespace, kNamespace, "{\"generation\":");
-
   uint64_t generation = 0;
   EXPECT_EQ(NOK_BAD_PARAM, ZeldGetConfigGenNumInBrix(&generation));
-  EXPECT_TRUE(log_->Contains("Failed to unmarshal ZEL conf entry entry: payload is not a JSON object"));
+  EXPECT_TRUE(log_->Contains(warning));
   log_->Clear();
-
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(3));
   EXPECT_EQ(3u, Published());
-  EXPECT_TRUE(log_->Contains("Failed to unmarshal ZEL conf entry entry: payload is not a JSON object"));
+  EXPECT_TRUE(log_->Contains(warning));
 }
 
-TEST_F(DirectoryEntriesPublish, AddPublishesOnlyWhenNoGenerationIsPublished) {
+TEST_F(DirectoryEntriesTest, AddPublishesOnlyWhenNoGenerationIsPublished) {
   ASSERT_EQ(NOK_OK, ZeldAddBrixEntryForConfig(4));
   EXPECT_TRUE(log_->Contains("Added ZEL config entry to BRIX successfully."));
-
   EXPECT_EQ(NOK_OK, ZeldAddBrixEntryForConfig(9));
   EXPECT_TRUE(log_->Contains("ZEL conf entry in BRIX already exists."));
   EXPECT_EQ(4u, Published());
 }
 
-TEST_F(DirectoryEntriesPublish, WithoutADirectoryEveryCallReportsAStatusInsteadOfThrowing) {
+TEST_F(DirectoryEntriesTest, WithoutADirectoryEveryCallReportsAStatusInsteadOfThrowing) {
   CurrentHost().SetDirectory(nullptr);
-
   EXPECT_EQ(NOK_NO_CONNECTION, ZeldUpdateBrixEntryForConfig(1));
   EXPECT_TRUE(log_->Contains("Failed to update ZEL config entry: No connection"));
   uint64_t generation = 0;
@@ -289,7 +210,7 @@ TEST_F(DirectoryEntriesPublish, WithoutADirectoryEveryCallReportsAStatusInsteadO
   EXPECT_EQ(NOK_NO_CONNECTION, ZeldBrixGetOwnerHost(kNamespace, &owner));
 }
 
-TEST_F(DirectoryEntriesPublish, PublishersInThreadsEndWithTheHighestGeneration) {
+TEST_F(DirectoryEntriesTest, PublishersInThreadsEndWithTheHighestGeneration) {
   // Two publishers climb and two descend, so that without the
   // compare-and-set a late low generation would overwrite the highest.
   constexpr int kHighest = 120;
@@ -307,12 +228,11 @@ TEST_F(DirectoryEntriesPublish, PublishersInThreadsEndWithTheHighestGeneration) 
     });
   }
   for (std::thread& publisher : publishers) publisher.join();
-
   EXPECT_EQ(0, unexpected.load());
   EXPECT_EQ(uint64_t{kHighest}, Published());
 }
 
-TEST_F(DirectoryEntriesPublish, PublishersInTwoProcessesEndWithTheHighestGeneration) {
+TEST_F(DirectoryEntriesTest, PublishersInTwoProcessesEndWithTheHighestGeneration) {
   // The child is forked before this process opens the directory again: a
   // fork copies no threads, but would copy the locks they hold.
   CurrentHost().SetDirectory(nullptr);
@@ -335,88 +255,69 @@ TEST_F(DirectoryEntriesPublish, PublishersInTwoProcessesEndWithTheHighestGenerat
     EXPECT_TRUE(status == NOK_OK || status == NOK_EXISTS) << NOK_ReturnStatusToString(status);
   }
   ASSERT_EQ(0, child.Join());
-
   EXPECT_EQ(81u, Published());
 }
 
 // ---- Applying notices of the generation ------------------------------------
 
-using DirectoryEntriesSubscription = DirectoryEntriesTest;
-
-TEST_F(DirectoryEntriesSubscription, NewerGenerationReachesTheCacheCallback) {
+TEST_F(DirectoryEntriesTest, NewerGenerationReachesTheCacheAndTheSameOneAgainIsIgnored) {
   Subscribe();
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(5));
-
   std::vector<Notice> notices = AwaitNotices(1);
   ASSERT_EQ(1u, notices.size());
   EXPECT_EQ(NOK_OK, notices[0].status);
   EXPECT_EQ(5u, notices[0].generation);
   EXPECT_TRUE(log_->Contains("Applying config generation 5"));
-}
-
-TEST_F(DirectoryEntriesSubscription, NoticeOfTheGenerationAlreadyAppliedChangesNothing) {
-  Subscribe();
-  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(5));
-  ASSERT_EQ(1u, AwaitNotices(1).size());
 
   WriteGeneration(5);
   EXPECT_EQ("Ignoring config generation 5 because generation 5 already applied",
             log_->Await("Ignoring config generation"));
-
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(6));
-  std::vector<Notice> notices = AwaitNotices(2);
+  notices = AwaitNotices(2);
   ASSERT_EQ(2u, notices.size());
   EXPECT_EQ(6u, notices[1].generation);
 }
 
-TEST_F(DirectoryEntriesSubscription, AfterUnsubscribingTheNextNoticeIsAppliedWhateverItsGeneration) {
+TEST_F(DirectoryEntriesTest, AfterSubscribingAgainTheNextNoticeIsAppliedWhateverItsGeneration) {
   Subscribe();
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(8));
   ASSERT_EQ(1u, AwaitNotices(1).size());
-  Unsubscribe();
   Subscribe();
-
   WriteGeneration(3);
-
   EXPECT_EQ("Applying config generation 3", log_->Await("config generation 3"));
   std::vector<Notice> notices = AwaitNotices(2);
   ASSERT_EQ(2u, notices.size());
   EXPECT_EQ(3u, notices[1].generation);
 }
 
-TEST_F(DirectoryEntriesSubscription, DeletedEntryIsMarkedForRepublishAndTheCacheToldItIsAbsent) {
+TEST_F(DirectoryEntriesTest, DeletedEntryIsMarkedForRepublishAndTheCacheToldItIsAbsent) {
   Subscribe();
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(2));
   ASSERT_EQ(1u, AwaitNotices(1).size());
   EXPECT_FALSE(ZeldConfigEntryNeedsRepublish());
-
   ASSERT_EQ(NOK_OK, CurrentHost().GetDirectory().Delete(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG,
                                                         kNamespace, kNamespace));
-
   std::vector<Notice> notices = AwaitNotices(2);
   ASSERT_EQ(2u, notices.size());
   EXPECT_EQ(NOK_NOT_FOUND, notices[1].status);
   EXPECT_TRUE(ZeldConfigEntryNeedsRepublish());
   EXPECT_TRUE(log_->Contains("Config entry NOT FOUND, marking it as need to republished"));
-
   // Once gone, the same generation may be published again.
   EXPECT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(2));
 }
 
-TEST_F(DirectoryEntriesSubscription, UnreadableNoticeStillRefreshesTheCache) {
+TEST_F(DirectoryEntriesTest, UnreadableNoticeStillRefreshesTheCache) {
   Subscribe();
   WriteRaw(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG, kNamespace, kNamespace, "not json");
-
   std::vector<Notice> notices = AwaitNotices(1);
   ASSERT_EQ(1u, notices.size());
   EXPECT_EQ(NOK_OK, notices[0].status);
   EXPECT_TRUE(log_->Contains("Can't unmarshal ZEL config entry from BRIX"));
 }
 
-TEST_F(DirectoryEntriesSubscription, PublicationByAnotherProcessReachesThisOne) {
-  // Forked before this process opens the directory again (see
-  // PublishersInTwoProcessesEndWithTheHighestGeneration); the child opens its
-  // own once this process has subscribed.
+TEST_F(DirectoryEntriesTest, PublicationByAnotherProcessReachesThisOne) {
+  // Forked before this process opens the directory again (see above); the
+  // child opens its own once this process has subscribed.
   CurrentHost().SetDirectory(nullptr);
   const std::string database = DatabasePath();
   test::ChildProcess child([&](test::ChildControl& control) {
@@ -428,8 +329,8 @@ TEST_F(DirectoryEntriesSubscription, PublicationByAnotherProcessReachesThisOne) 
   ASSERT_TRUE(child.AwaitReady());
   InstallDirectory();
   Subscribe();
+  child.Release();
   ASSERT_EQ(0, child.Join());
-
   std::vector<Notice> notices = AwaitNotices(1);
   ASSERT_EQ(1u, notices.size());
   EXPECT_EQ(42u, notices[0].generation);
@@ -437,24 +338,28 @@ TEST_F(DirectoryEntriesSubscription, PublicationByAnotherProcessReachesThisOne) 
 
 // ---- The configuration namespace's identity --------------------------------
 
-using DirectoryEntriesNamespace = DirectoryEntriesTest;
-
-TEST_F(DirectoryEntriesNamespace, IdentityIsTheLastComponentOfTheLinkInLowerCase) {
+TEST_F(DirectoryEntriesTest, NamespaceIdentityIsTheLinksLastComponentInLowerCaseAndAUuid) {
   LinkNamespace("../volumes/8F3B6C1E-52D4-4A0B-9C7E-1D2F3A4B5C6D");
   std::string uuid;
   ASSERT_EQ(NOK_OK, ZeldGetNamespaceUuid(&uuid));
   EXPECT_EQ(kNamespace, uuid);
+  for (const char* target : {"not-a-uuid", "8f3b6c1e52d4-4a0b-9c7e-1d2f3a4b5c6d-",
+                             "{8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6}",
+                             "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6g"}) {
+    LinkNamespace(target);
+    EXPECT_EQ(NOK_FAILURE, ZeldGetNamespaceUuid(&uuid)) << target;
+    EXPECT_TRUE(log_->Contains("ZeldGetNamespaceUuid: Failed to convert ZEL namespace UUID string " +
+                               std::string(target) + " to ORVA object type."))
+        << target;
+  }
 }
 
-TEST_F(DirectoryEntriesNamespace, MissingLinkFailsEveryEntryOperationWithItsMessage) {
+TEST_F(DirectoryEntriesTest, MissingNamespaceLinkFailsEveryEntryOperationWithItsMessage) {
   fs::remove(Datastore() + "/.iSCSI-CONFIG");
-  const std::string readFailure =
-      "Failed to read symlink for ZEL namespace path " + Datastore() + "/.iSCSI-CONFIG.";
-
   std::string uuid;
   EXPECT_EQ(NOK_FAILURE, ZeldGetNamespaceUuid(&uuid));
-  EXPECT_TRUE(log_->Contains(readFailure));
-
+  EXPECT_TRUE(log_->Contains("Failed to read symlink for ZEL namespace path " + Datastore() +
+                             "/.iSCSI-CONFIG."));
   uint64_t generation = 0;
   EXPECT_EQ(NOK_FAILURE, ZeldGetConfigGenNumInBrix(&generation));
   EXPECT_TRUE(log_->Contains("ZeldGetConfigGenNumInBrix: Failed to get namespace UUID (Failure)."));
@@ -467,180 +372,100 @@ TEST_F(DirectoryEntriesNamespace, MissingLinkFailsEveryEntryOperationWithItsMess
   EXPECT_TRUE(log_->Contains("Failed to get ZEL namespace UUID with status: Failure"));
 }
 
-TEST_F(DirectoryEntriesNamespace, LinkNotNamingAUuidFailsWithTheConversionMessage) {
-  for (const char* target : {"not-a-uuid", "8f3b6c1e52d4-4a0b-9c7e-1d2f3a4b5c6d-",
-                                   "{8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6}",
-                                   "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6g"}) {
-    LinkNamespace(target);
-    std::string uuid;
-    EXPECT_EQ(NOK_FAILURE, ZeldGetNamespaceUuid(&uuid)) << target;
-    EXPECT_TRUE(log_->Contains("ZeldGetNamespaceUuid: Failed to convert ZEL namespace UUID string " +
-                               std::string(target) + " to ORVA object type."))
-        << target;
-  }
-}
-
 // ---- Owners and interface addresses -----------------------------------------
 
-using DirectoryEntriesLookup = DirectoryEntriesTest;
-
-TEST_F(DirectoryEntriesLookup, OwnerHostIsTheOneInTheObjectRecord) {
-  const std::string object = "0a0b0c0d-1111-4222-8333-444455556666";
-  std::string payload;
-  ASSERT_EQ(NOK_OK, MarshalStorageObjectRecord({kOtherHost, "raid1"}, &payload));
-  WriteRaw(BRIX_TYPE_STORAGE_OBJECT, object, object, payload, kHost);
-
-  std::string owner;
-  ASSERT_EQ(NOK_OK, ZeldBrixGetOwnerHost(object, &owner));
-  EXPECT_EQ(kOtherHost, owner);
-}
-
-TEST_F(DirectoryEntriesLookup, OwnerOfAnUnknownObjectIsNotFoundWithAWarningNamingIt) {
+TEST_F(DirectoryEntriesTest, OwnerHostIsTheOneInTheObjectRecord) {
   const std::string object = "0a0b0c0d-1111-4222-8333-444455556666";
   std::string owner = "unchanged";
   EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetOwnerHost(object, &owner));
   EXPECT_EQ("unchanged", owner);
-  std::vector<std::string> warnings = log_->AtLeast(LogLevel::Warning);
+  const std::vector<std::string> warnings = log_->Texts(LogLevel::Warning);
   ASSERT_EQ(1u, warnings.size());
   EXPECT_NE(std::string::npos, warnings[0].find(object));
   EXPECT_NE(std::string::npos, warnings[0].find("Not found"));
-}
 
-TEST_F(DirectoryEntriesLookup, ObjectRecordWithoutOwnerIsAMarshalError) {
-  const std::string object = "0a0b0c0d-1111-4222-8333-444455556666";
   WriteRaw(BRIX_TYPE_STORAGE_OBJECT, object, object,
            "{\"type\":\"BrixStorageObject\",\"policy\":\"raid1\"}");
-  std::string owner;
   EXPECT_EQ(NOK_BAD_PARAM, ZeldBrixGetOwnerHost(object, &owner));
+
+  std::string payload;
+  ASSERT_EQ(NOK_OK, MarshalStorageObjectRecord({kOtherHost, "raid1"}, &payload));
+  WriteRaw(BRIX_TYPE_STORAGE_OBJECT, object, object, payload, kHost);
+  ASSERT_EQ(NOK_OK, ZeldBrixGetOwnerHost(object, &owner));
+  EXPECT_EQ(kOtherHost, owner);
 }
 
-class DirectoryEntriesInterfaces : public DirectoryEntriesTest {
- protected:
-  void Publish(const std::string& host, const ZelInterfaceRecord& record) {
-    std::string payload;
-    ASSERT_EQ(NOK_OK, MarshalInterfaceRecord(record, &payload));
-    WriteRaw(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, host, record.name, payload, host);
+TEST_F(DirectoryEntriesTest, InterfaceAddressesAreTheNamedInterfacesAsTextWithoutAllZeros) {
+  const std::array<uint8_t, 16> fd00_5{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
+  // An unreadable entry does not hide the others.
+  WriteRaw(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, kOtherHost, "broken",
+           "{\"type\":\"BrixOrvaIscsiInterfaceMap\",\"name\":\"vmk1\",\"ipv4\":\"0a00\"}",
+           kOtherHost);
+  Interface(kOtherHost, "vmk1", {}, fd00_5);
+  Interface(kOtherHost, "vmk2", {192, 168, 10, 5}, fd00_5);
+  Interface(kOtherHost, "vmk3", {10, 0, 0, 2});
+  Interface(kHost, "vmk1", {10, 0, 0, 7});
+  struct Case {
+    std::string host, name, ipv4, ipv6;
+  };
+  for (const Case& c : {Case{kOtherHost, "vmk1", "", "fd00::5"},
+                        Case{kOtherHost, "vmk2", "192.168.10.5", "fd00::5"},
+                        Case{kOtherHost, "vmk3", "10.0.0.2", ""}, Case{kHost, "vmk1", "10.0.0.7", ""}}) {
+    std::string ipv4 = "stale", ipv6 = "stale";
+    ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(c.host, c.name, &ipv4, &ipv6)) << c.name;
+    EXPECT_EQ(c.ipv4, ipv4) << c.name;
+    EXPECT_EQ(c.ipv6, ipv6) << c.name;
   }
-
-  static ZelInterfaceRecord Interface(const std::string& name, std::array<uint8_t, 4> ipv4,
-                                      std::array<uint8_t, 16> ipv6) {
-    ZelInterfaceRecord record;
-    record.name = name;
-    record.ipv4 = ipv4;
-    record.ipv6 = ipv6;
-    return record;
-  }
-
-  const std::array<uint8_t, 16> kFd00_5{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
-};
-
-TEST_F(DirectoryEntriesInterfaces, AddressesOfTheNamedInterfaceAreGivenAsText) {
-  Publish(kOtherHost, Interface("vmk1", {10, 0, 0, 1}, {}));
-  Publish(kOtherHost, Interface("vmk2", {192, 168, 10, 5}, kFd00_5));
-
+  EXPECT_EQ(3u, log_->Texts(LogLevel::Warning).size());  // one per lookup of kOtherHost
   std::string ipv4, ipv6;
-  ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk2", &ipv4, &ipv6));
-  EXPECT_EQ("192.168.10.5", ipv4);
+  ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk2", nullptr, &ipv6));
   EXPECT_EQ("fd00::5", ipv6);
-}
-
-TEST_F(DirectoryEntriesInterfaces, AllZeroAddressGivesNoText) {
-  Publish(kOtherHost, Interface("vmk1", {}, kFd00_5));
-  Publish(kOtherHost, Interface("vmk2", {10, 0, 0, 2}, {}));
-
-  std::string ipv4 = "stale", ipv6 = "stale";
-  ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", &ipv4, &ipv6));
-  EXPECT_EQ("", ipv4);
-  EXPECT_EQ("fd00::5", ipv6);
-
-  ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk2", &ipv4, &ipv6));
-  EXPECT_EQ("10.0.0.2", ipv4);
-  EXPECT_EQ("", ipv6);
-}
-
-TEST_F(DirectoryEntriesInterfaces, UnwantedFamilyMayBeLeftOut) {
-  Publish(kOtherHost, Interface("vmk1", {10, 0, 0, 1}, kFd00_5));
-  std::string ipv6;
-  ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", nullptr, &ipv6));
-  EXPECT_EQ("fd00::5", ipv6);
-}
-
-TEST_F(DirectoryEntriesInterfaces, SelfLookupReadsThisHostsEntries) {
-  Publish(kOtherHost, Interface("vmk1", {10, 0, 0, 1}, {}));
-  Publish(kHost, Interface("vmk1", {10, 0, 0, 7}, {}));
-
-  std::string ipv4;
   ASSERT_EQ(NOK_OK, ZeldBrixGetSelfInterfaceAddress("vmk1", &ipv4, nullptr));
   EXPECT_EQ("10.0.0.7", ipv4);
 }
 
-TEST_F(DirectoryEntriesInterfaces, UnpublishedNameIsNotFoundWithTheFetchWarning) {
-  Publish(kOtherHost, Interface("vmk1", {10, 0, 0, 1}, {}));
-
-  std::string ipv4;
-  EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk9", &ipv4, nullptr));
-  EXPECT_TRUE(log_->Contains("Failed to fetch target interface vmk9 address for host " + kOtherHost));
-}
-
-TEST_F(DirectoryEntriesInterfaces, HostWithoutEntriesIsNotFoundWithTheUnableWarning) {
+TEST_F(DirectoryEntriesTest, UnpublishedInterfaceIsNotFoundWithTheWarningOfWhatIsMissing) {
   std::string ipv4;
   EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", &ipv4, nullptr));
   EXPECT_TRUE(log_->Contains("Unable to find BRIX entry for interface vmk1 for host " + kOtherHost +
                              ": Not found"));
-}
-
-TEST_F(DirectoryEntriesInterfaces, UnreadableEntryDoesNotHideTheOthers) {
-  WriteRaw(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, kOtherHost, "broken",
-           "{\"type\":\"BrixOrvaIscsiInterfaceMap\",\"name\":\"vmk1\",\"ipv4\":\"0a00\"}", kOtherHost);
-  Publish(kOtherHost, Interface("vmk1", {10, 0, 0, 1}, {}));
-
-  std::string ipv4;
-  ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", &ipv4, nullptr));
-  EXPECT_EQ("10.0.0.1", ipv4);
-  EXPECT_EQ(1u, log_->AtLeast(LogLevel::Warning).size());
+  Interface(kOtherHost, "vmk1", {10, 0, 0, 1});
+  EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk9", &ipv4, nullptr));
+  EXPECT_TRUE(log_->Contains("Failed to fetch target interface vmk9 address for host " + kOtherHost));
 }
 
 // ---- Datastore paths ---------------------------------------------------------
 
-class DirectoryEntriesPaths : public DirectoryEntriesTest {
- protected:
-  using PathFunction = std::function<NOK_ReturnStatus(const char*, char*, size_t)>;
+using PathFunction = NOK_ReturnStatus (*)(const char*, char*, size_t);
 
-  static std::string Build(const PathFunction& function, const std::string& diskPath,
-                           NOK_ReturnStatus expected = NOK_OK) {
-    char path[ZEL_PATH_MAX];
-    EXPECT_EQ(expected, function(diskPath.c_str(), path, sizeof path)) << diskPath;
-    return path;
-  }
-};
+std::string Build(PathFunction function, const std::string& diskPath,
+                  NOK_ReturnStatus expected = NOK_OK) {
+  char path[ZEL_PATH_MAX];
+  EXPECT_EQ(expected, function(diskPath.c_str(), path, sizeof path)) << diskPath;
+  return path;
+}
 
-TEST_F(DirectoryEntriesPaths, DatastorePathIsTheHostsDatastoreRoot) {
+TEST_F(DirectoryEntriesTest, DatastorePathIsTheHostsDatastoreRoot) {
   char path[ZEL_PATH_MAX];
   ASSERT_EQ(NOK_OK, GetOrvaDatastoreUUIDPath(path, sizeof path));
   EXPECT_EQ(Datastore(), path);
 }
 
-TEST_F(DirectoryEntriesPaths, ReservationFileIsTheHiddenDiskNameWithPr) {
+TEST(DirectoryEntriesPaths, ReservationAndLockFilesAreHiddenBesideTheDisk) {
   EXPECT_EQ("/ds/t1/.lun.qdsk.pr", Build(GetLunPRFilePath, "/ds/t1/lun.qdsk"));
   EXPECT_EQ("/.lun.qdsk.pr", Build(GetLunPRFilePath, "/lun.qdsk"));
-}
-
-TEST_F(DirectoryEntriesPaths, LockFileCutsTheExtensionOfTheFileNameOnly) {
+  // The lock file cuts the extension of the file name only.
   EXPECT_EQ("/ds/t1/.lun.lck", Build(GetQdskLockFilePath, "/ds/t1/lun.qdsk"));
   EXPECT_EQ("/ds/t1/.a.b.lck", Build(GetQdskLockFilePath, "/ds/t1/a.b.qdsk"));
   EXPECT_EQ("/ds/t.d/.disk.lck", Build(GetQdskLockFilePath, "/ds/t.d/disk"));
   EXPECT_EQ("/ds/..hidden.lck", Build(GetQdskLockFilePath, "/ds/.hidden"));
-}
-
-TEST_F(DirectoryEntriesPaths, DiskPathWithoutDirectoryOrNameIsRefused) {
-  for (const PathFunction& function : {PathFunction(GetLunPRFilePath),
-                                       PathFunction(GetQdskLockFilePath)}) {
+  for (PathFunction function : {GetLunPRFilePath, GetQdskLockFilePath}) {
     EXPECT_EQ("", Build(function, "lun.qdsk", NOK_BAD_PARAM));
     EXPECT_EQ("", Build(function, "/ds/t1/", NOK_BAD_PARAM));
   }
 }
 
-TEST_F(DirectoryEntriesPaths, PathsNeverExceedTheLimitAndAreNeverCut) {
+TEST(DirectoryEntriesPaths, PathsNeverExceedTheLimitAndAreNeverCut) {
   // "/" + dir + "/." + name + ".pr": 255 characters fit the 256 bytes with
   // the terminator, one more does not.
   const std::string dir = "/" + std::string(100, 'd');
@@ -648,7 +473,6 @@ TEST_F(DirectoryEntriesPaths, PathsNeverExceedTheLimitAndAreNeverCut) {
   const std::string over = fits + "n";
   EXPECT_EQ(255u, Build(GetLunPRFilePath, fits).size());
   EXPECT_EQ("", Build(GetLunPRFilePath, over, NOK_BAD_PARAM));
-
   char large[2 * ZEL_PATH_MAX];
   EXPECT_EQ(NOK_BAD_PARAM, GetLunPRFilePath(over.c_str(), large, sizeof large));
   EXPECT_STREQ("", large);
@@ -659,35 +483,28 @@ TEST_F(DirectoryEntriesPaths, PathsNeverExceedTheLimitAndAreNeverCut) {
 
 // ---- Payloads ------------------------------------------------------------------
 
-TEST(DirectoryEntriesMarshal, GenerationSurvivesTheRoundTripUpToAllOnes) {
+TEST(DirectoryEntriesMarshal, GenerationRoundTripsUpToAllOnesAndOtherPayloadsAreRefused) {
   std::string payload;
   ASSERT_EQ(NOK_OK, MarshalConfigRecord(ZelConfigRecord{UINT64_MAX}, &payload));
   ZelConfigRecord record;
   ASSERT_EQ(NOK_OK, UnmarshalConfigRecord(payload, &record, nullptr));
   EXPECT_EQ(UINT64_MAX, record.generation);
-}
 
-TEST(DirectoryEntriesMarshal, PayloadOfAnotherTypeOrLackingAFieldIsRefused) {
   std::string error;
-  ZelConfigRecord record;
-  std::string interface;
-  ASSERT_EQ(NOK_OK, MarshalInterfaceRecord(ZelInterfaceRecord{}, &interface));
-  EXPECT_EQ(NOK_BAD_PARAM, UnmarshalConfigRecord(interface, &record, &error));
+  ASSERT_EQ(NOK_OK, MarshalInterfaceRecord(ZelInterfaceRecord{}, &payload));
+  EXPECT_EQ(NOK_BAD_PARAM, UnmarshalConfigRecord(payload, &record, &error));
   EXPECT_EQ("payload of type 'BrixOrvaIscsiInterfaceMap', expected 'BrixOrvaIscsiTargetConfig'",
             error);
-  EXPECT_EQ(NOK_BAD_PARAM,
-            UnmarshalConfigRecord("{\"type\":\"BrixOrvaIscsiTargetConfig\"}", &record, &error));
-  EXPECT_EQ(NOK_BAD_PARAM, UnmarshalConfigRecord(
-                               "{\"type\":\"BrixOrvaIscsiTargetConfig\",\"generation\":-1}",
-                               &record, &error));
-  EXPECT_EQ(NOK_BAD_PARAM, UnmarshalConfigRecord("{\"generation\":1}", &record, &error));
-}
-
-TEST(DirectoryEntriesMarshal, PayloadOverTheBufferIsNotWritten) {
-  ZelInterfaceRecord record;
-  record.name = std::string(BRIX_PAYLOAD_MAX, 'x');
-  std::string payload = "unchanged";
-  EXPECT_EQ(NOK_BAD_PARAM, MarshalInterfaceRecord(record, &payload));
+  for (const char* bad : {"{\"type\":\"BrixOrvaIscsiTargetConfig\"}",
+                          "{\"type\":\"BrixOrvaIscsiTargetConfig\",\"generation\":-1}",
+                          "{\"generation\":1}"}) {
+    EXPECT_EQ(NOK_BAD_PARAM, UnmarshalConfigRecord(bad, &record, &error)) << bad;
+  }
+  // A payload over the buffer is not written.
+  ZelInterfaceRecord big;
+  big.name = std::string(BRIX_PAYLOAD_MAX, 'x');
+  payload = "unchanged";
+  EXPECT_EQ(NOK_BAD_PARAM, MarshalInterfaceRecord(big, &payload));
   EXPECT_EQ("unchanged", payload);
 }
 

@@ -6,9 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,8 +24,6 @@ namespace test {
 namespace {
 
 
-using HostCtl::Lib::Orva::OrvaCtlException;
-using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 using ::testing::Contains;
@@ -37,120 +33,26 @@ using ::testing::Not;
 
 const char kStart[] = "/etc/init.d/zeld ++group=host/kap/tmp restart";
 const char kStop[] = "/etc/init.d/zeld ++group=host/kap/tmp io_stop";
-const std::string kRunStart = std::string("run ") + kStart;
-const std::string kRunStop = std::string("run ") + kStop;
 const std::string kNotEnabled =
     "Orva iSCSI Target Service is not enabled or the enable task is in progress.";
-
-// What the doubles saw, across all of them, in order.
-class Journal {
- public:
-  void Add(const std::string& event) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    events_.push_back(event);
-  }
-  std::vector<std::string> Events() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return events_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> events_;
-};
-
-class JournalingCommands final : public platform::CommandRunner {
- public:
-  JournalingCommands(Journal& journal, std::unique_ptr<ScriptedCommandRunner> inner)
-      : journal_(journal), inner_(std::move(inner)) {}
-  int Exec(const std::vector<std::string>& argv) override {
-    std::string line = "run";
-    for (const std::string& word : argv) line += " " + word;
-    journal_.Add(line);
-    return inner_->Exec(argv);
-  }
-
- private:
-  Journal& journal_;
-  std::unique_ptr<ScriptedCommandRunner> inner_;
-};
-
-class JournalingModules final : public platform::KernelModules {
- public:
-  JournalingModules(Journal& journal, std::unique_ptr<FakeKernelModules> inner)
-      : journal_(journal), inner_(std::move(inner)) {}
-  bool ModuleIsLoaded(const std::string& name) override {
-    journal_.Add("ModuleIsLoaded " + name);
-    return inner_->ModuleIsLoaded(name);
-  }
-  NOK_ReturnStatus ModuleLoad(const std::string& name) override {
-    journal_.Add("ModuleLoad " + name);
-    return inner_->ModuleLoad(name);
-  }
-  NOK_ReturnStatus ModuleUnload(const std::string& name) override {
-    journal_.Add("ModuleUnload " + name);
-    return inner_->ModuleUnload(name);
-  }
-
- private:
-  Journal& journal_;
-  std::unique_ptr<FakeKernelModules> inner_;
-};
-
-class JournalingFirewall final : public platform::Firewall {
- public:
-  JournalingFirewall(Journal& journal, std::unique_ptr<FakeFirewall> inner)
-      : journal_(journal), inner_(std::move(inner)) {}
-  NOK_ReturnStatus FirewallRulesetSetStatus(const std::string& ruleset, bool enabled) override {
-    journal_.Add("firewall " + ruleset + (enabled ? " on" : " off"));
-    return inner_->FirewallRulesetSetStatus(ruleset, enabled);
-  }
-
- private:
-  Journal& journal_;
-  std::unique_ptr<FakeFirewall> inner_;
-};
-
-// The real store of the home; only writes of the enabled flag are journaled.
-class JournalingStore final : public platform::ConfigStore {
- public:
-  JournalingStore(Journal& journal, const std::string& path) : journal_(journal), inner_(path) {}
-  bool GetOrvaIscsiServiceEnabled(bool* enabled) override {
-    return inner_.GetOrvaIscsiServiceEnabled(enabled);
-  }
-  void SetOrvaIscsiServiceEnabled(bool enabled) override {
-    journal_.Add(enabled ? "store enabled" : "store disabled");
-    inner_.SetOrvaIscsiServiceEnabled(enabled);
-  }
-  bool GetOrvaIscsiDefaultConfig(DefaultInfo* info) override {
-    return inner_.GetOrvaIscsiDefaultConfig(info);
-  }
-  void SetOrvaIscsiDefaultConfig(const DefaultInfo& info) override {
-    inner_.SetOrvaIscsiDefaultConfig(info);
-  }
-
- private:
-  Journal& journal_;
-  platform::JsonConfigStore inner_;
-};
 
 class FacadeLifecycleTest : public ::testing::Test {
  protected:
   FacadeLifecycleTest() {
-    platform::Host& host = platform::CurrentHost();
-    auto commands = std::make_unique<ScriptedCommandRunner>();
-    auto modules = std::make_unique<FakeKernelModules>();
-    auto firewall = std::make_unique<FakeFirewall>();
-    commands_ = commands.get();
-    modules_ = modules.get();
-    firewall_ = firewall.get();
-    host.SetCommands(std::make_unique<JournalingCommands>(journal_, std::move(commands)));
-    host.SetModules(std::make_unique<JournalingModules>(journal_, std::move(modules)));
-    host.SetFirewall(std::make_unique<JournalingFirewall>(journal_, std::move(firewall)));
-    host.SetStore(std::make_unique<JournalingStore>(journal_, host.Config().configStorePath));
-    auto nics = std::make_unique<FakeNetworkInterfaces>();
-    nics->Set("nok0", platform::NOKNIC_UP, "192.0.2.10");
-    host.SetNics(std::move(nics));
+    for (CallScript* double_ : std::initializer_list<CallScript*>{
+             fakes_.commands, fakes_.modules, fakes_.firewall, host_.store}) {
+      double_->JournalInto(&journal_);
+    }
+    InstallFakeNetworkInterfaces()->Set("nok0", platform::NOKNIC_UP, "192.0.2.10");
+  }
+
+  // What the doubles were asked to change, across all of them, in order.
+  std::vector<std::string> Events() const {
+    std::vector<std::string> events;
+    for (const std::string& line : journal_.Lines()) {
+      if (line.rfind("GetOrvaIscsi", 0) != 0) events.push_back(line);
+    }
+    return events;
   }
 
   bool StoredEnabled() const {
@@ -160,14 +62,13 @@ class FacadeLifecycleTest : public ::testing::Test {
     return enabled;
   }
 
-  // Declared first: the host that holds the journaling doubles goes with
-  // home_, before the journal.
-  Journal journal_;
+  Journal journal_;  // outlives the host whose doubles write into it
   ServiceHome home_;
   TestServices host_ = home_.InstallTestHost();
-  ScriptedCommandRunner* commands_ = nullptr;
-  FakeKernelModules* modules_ = nullptr;
-  FakeFirewall* firewall_ = nullptr;
+  FakeHostControl fakes_ = InstallFakeHostControl();
+  ScriptedCommandRunner* commands_ = fakes_.commands;
+  FakeKernelModules* modules_ = fakes_.modules;
+  FakeFirewall* firewall_ = fakes_.firewall;
 };
 
 TEST_F(FacadeLifecycleTest, EnableStartsZeldAfterTheModuleThenPersistsAndOpensTheFirewall) {
@@ -176,10 +77,10 @@ TEST_F(FacadeLifecycleTest, EnableStartsZeldAfterTheModuleThenPersistsAndOpensTh
 
   service->SetIscsiTargetStatus(true, true);
 
-  EXPECT_THAT(journal_.Events(),
-              ElementsAre("ModuleIsLoaded zel", "ModuleLoad zel", kRunStart, "store enabled",
-                          "run /sbin/chkconfig zel_loader on", "ModuleLoad pyrfw",
-                          "ModuleIsLoaded pyrfw", "firewall zel on"));
+  EXPECT_THAT(Events(),
+              ElementsAre("ModuleIsLoaded zel", "ModuleLoad zel", kStart, "SetOrvaIscsiServiceEnabled true",
+                          "/sbin/chkconfig zel_loader on", "ModuleLoad pyrfw",
+                          "ModuleIsLoaded pyrfw", "FirewallRulesetSetStatus zel true"));
   EXPECT_TRUE(StoredEnabled());
   EXPECT_TRUE(firewall_->IsEnabled("zel"));
   EXPECT_TRUE(ConfigCache::IsBrixSubscribed());
@@ -195,35 +96,16 @@ TEST_F(FacadeLifecycleTest, DisableStopsZeldBeforeUnloadingTheModuleThenPersists
 
   service->SetIscsiTargetStatus(false, true);
 
-  EXPECT_THAT(journal_.Events(),
-              ElementsAre(kRunStop, "ModuleUnload zel", "store disabled",
-                          "run /sbin/chkconfig zel_loader off", "ModuleLoad pyrfw",
-                          "ModuleIsLoaded pyrfw", "firewall zel off"));
+  EXPECT_THAT(Events(),
+              ElementsAre(kStop, "ModuleUnload zel", "SetOrvaIscsiServiceEnabled false",
+                          "/sbin/chkconfig zel_loader off", "ModuleLoad pyrfw",
+                          "ModuleIsLoaded pyrfw", "FirewallRulesetSetStatus zel false"));
   EXPECT_FALSE(StoredEnabled());
   EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
   EXPECT_EQ(MessageOf([&] { service->CheckIscsiServiceStatus(false); }), kNotEnabled);
 }
 
-TEST_F(FacadeLifecycleTest, EnablingAnEnabledServiceFailsOnlyWhenAskedToAndRunsNothing) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(true, true); }),
-            "Orva iSCSI Target service is already enabled on this host");
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(true, false); }), "");
-  EXPECT_THAT(journal_.Events(), IsEmpty());
-  EXPECT_THAT(commands_->CommandLines(), IsEmpty());
-  EXPECT_TRUE(StoredEnabled());
-}
 
-TEST_F(FacadeLifecycleTest, DisablingADisabledServiceFailsOnlyWhenAskedToAndRunsNothing) {
-  home_.SetServiceEnabled(false);
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(false, true); }),
-            "Orva iSCSI Target service is already disabled on this host");
-  EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(false, false); }), "");
-  EXPECT_THAT(journal_.Events(), IsEmpty());
-  EXPECT_THAT(commands_->CommandLines(), IsEmpty());
-  EXPECT_FALSE(StoredEnabled());
-}
 
 TEST_F(FacadeLifecycleTest, FailedDaemonStartLeavesTheStoreSayingDisabled) {
   home_.SetServiceEnabled(false);
@@ -237,7 +119,7 @@ TEST_F(FacadeLifecycleTest, FailedDaemonStartLeavesTheStoreSayingDisabled) {
     EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(true, true); }), message);
     EXPECT_FALSE(StoredEnabled()) << code;
   }
-  EXPECT_THAT(journal_.Events(), Not(Contains("store enabled")));
+  EXPECT_THAT(Events(), Not(Contains("SetOrvaIscsiServiceEnabled true")));
   EXPECT_THAT(commands_->CommandLines(), ElementsAre(kStart, kStart));
   EXPECT_THAT(firewall_->Calls(), IsEmpty());
   EXPECT_EQ(MessageOf([&] { service->CheckIscsiServiceStatus(false); }), kNotEnabled);
@@ -265,17 +147,17 @@ TEST_F(FacadeLifecycleTest, EnableAfterAFailedStartRunsEveryStepAgain) {
 TEST_F(FacadeLifecycleTest, FailedStopStillUnloadsPersistsAndClosesTheFirewall) {
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   modules_->SetLoaded("zel", true);
-  firewall_->FirewallRulesetSetStatus("zel", true);
+  firewall_->Target().FirewallRulesetSetStatus("zel", true);
   commands_->SetExitCode(kStop, 1);
 
   service->SetIscsiTargetStatus(false, true);
 
   EXPECT_THAT(host_.log->Texts(platform::LogLevel::Warning),
               Contains("Util: Failed to stop zeld."));
-  EXPECT_THAT(journal_.Events(),
-              ElementsAre(kRunStop, "ModuleUnload zel", "store disabled",
-                          "run /sbin/chkconfig zel_loader off", "ModuleLoad pyrfw",
-                          "ModuleIsLoaded pyrfw", "firewall zel off"));
+  EXPECT_THAT(Events(),
+              ElementsAre(kStop, "ModuleUnload zel", "SetOrvaIscsiServiceEnabled false",
+                          "/sbin/chkconfig zel_loader off", "ModuleLoad pyrfw",
+                          "ModuleIsLoaded pyrfw", "FirewallRulesetSetStatus zel false"));
   EXPECT_FALSE(modules_->ModuleIsLoaded("zel"));
   EXPECT_FALSE(StoredEnabled());
   EXPECT_FALSE(firewall_->IsEnabled("zel"));
@@ -289,35 +171,46 @@ TEST_F(FacadeLifecycleTest, EnableWithoutNamespaceFailsBeforeRunningAnything) {
   EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(true, true); }),
             "Orva iSCSI namespace does not exist. Please create namespace if not already "
             "created.");
-  EXPECT_THAT(journal_.Events(), IsEmpty());
+  EXPECT_THAT(Events(), IsEmpty());
   EXPECT_FALSE(StoredEnabled());
   EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
 }
 
-TEST_F(FacadeLifecycleTest, RestoreOfADisabledServiceDoesNothing) {
+
+
+
+TEST_F(FacadeLifecycleTest, SwitchingToTheCurrentStateFailsOnlyWhenAskedToAndRunsNothing) {
+  for (const bool enabled : {true, false}) {
+    home_.SetServiceEnabled(enabled);
+    std::unique_ptr<OrvaIscsiTarget> service = NewService();
+    EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(enabled, true); }),
+              std::string("Orva iSCSI Target service is already ") +
+                  (enabled ? "enabled" : "disabled") + " on this host");
+    EXPECT_EQ(MessageOf([&] { service->SetIscsiTargetStatus(enabled, false); }), "");
+    EXPECT_EQ(StoredEnabled(), enabled);
+  }
+  EXPECT_THAT(Events(), IsEmpty());
+  EXPECT_THAT(commands_->CommandLines(), IsEmpty());
+}
+
+TEST_F(FacadeLifecycleTest, RestoreStartsAnEnabledZeldWithoutWritingTheStore) {
   home_.SetServiceEnabled(false);
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  service->Restore();
-  EXPECT_THAT(journal_.Events(), IsEmpty());
+  NewService()->Restore();
+  EXPECT_THAT(Events(), IsEmpty());
   EXPECT_FALSE(host_.log->Contains("OrvaIscsiTargetImpl: Restoring Orva iSCSI status."));
-}
 
-TEST_F(FacadeLifecycleTest, RestoreOfAnEnabledServiceStartsZeldWithoutWritingTheStore) {
-  std::unique_ptr<OrvaIscsiTarget> service = NewService();
-  service->Restore();
-  EXPECT_THAT(journal_.Events(), ElementsAre("ModuleIsLoaded zel", "ModuleLoad zel", kRunStart));
-  EXPECT_TRUE(StoredEnabled());
-  EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: Restored successfully."));
-}
-
-TEST_F(FacadeLifecycleTest, RestoreWhoseStartFailsLeavesTheStoredStateAlone) {
+  home_.SetServiceEnabled(true);
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   commands_->SetExitCode(kStart, 1);
   EXPECT_EQ(MessageOf([&] { service->Restore(); }),
             "Failed to reserve zeld memory (return code 1)");
-  EXPECT_THAT(journal_.Events(), Not(Contains("store disabled")));
-  EXPECT_TRUE(StoredEnabled());
   EXPECT_FALSE(host_.log->Contains("OrvaIscsiTargetImpl: Restored successfully."));
+  commands_->SetExitCode(kStart, 0);
+  service->Restore();
+  EXPECT_THAT(Events(), ElementsAre("ModuleIsLoaded zel", "ModuleLoad zel", kStart,
+                                    "ModuleIsLoaded zel", kStart));
+  EXPECT_TRUE(StoredEnabled());
+  EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: Restored successfully."));
 }
 
 }  // namespace

@@ -10,17 +10,17 @@
 #include <vector>
 
 #include "edit/HostState.h"
-#include "platform/Host.h"
+#include "support/FixedServices.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
 namespace {
 
-using zel::test::MessageOf;
-using ::testing::ElementsAre;
-using zel::platform::LogLevel;
-using zel::test::ScopedTestHost;
+namespace fs = std::filesystem;
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
+using ::testing::ElementsAreArray;
+using zel::platform::LogLevel;
+using zel::test::MessageOf;
 
 const std::string kNotInCluster = "Orva is not enabled on this host.";
 const std::string kNoNamespace =
@@ -29,114 +29,61 @@ const std::string kBadNamespace =
     "Bad Orva iSCSI target namespace configuration detected. Recreate namespace before "
     "enabling Orva iSCSI Target.";
 
-// Membership as the test sets it; a status other than NOK_OK says it could
-// not be learned.
-class ScriptedClusterFacts final : public zel::platform::ClusterFacts {
- public:
-  ScriptedClusterFacts(bool member, NOK_ReturnStatus status) : member_(member), status_(status) {}
-  std::string LocalHostUuid() override { return "0f3a6c1e-2b4d-4e8f-9a7b-6c5d4e3f2a1b"; }
-  NOK_ReturnStatus GetClusterInfo(zel::platform::ClusterInfo* info) override {
-    if (status_ != NOK_OK) return status_;
-    info->isMember = member_;
-    return NOK_OK;
-  }
-
- private:
-  bool member_;
-  NOK_ReturnStatus status_;
-};
-
 class HostStateTest : public ::testing::Test {
  protected:
-  void SetMembership(bool member, NOK_ReturnStatus status = NOK_OK) {
-    zel::platform::CurrentHost().SetCluster(std::make_unique<ScriptedClusterFacts>(member, status));
-  }
-
   // The namespace as the platform lays it out: ".iSCSI-CONFIG" is a link to
-  // the namespace object's own directory.
-  std::string MakeNamespace() {
-    const std::string root = host_.Config().datastoreRoot;
-    const std::string object = root + "/5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
-    std::filesystem::create_directories(object);
-    std::filesystem::create_directory_symlink("5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58",
-                                              root + "/.iSCSI-CONFIG");
-    return object;
+  // the namespace object's own directory, here with the directories `dirs`.
+  void MakeNamespace(const std::vector<std::string>& dirs) {
+    const std::string object = Root() + "/5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
+    fs::create_directories(object);
+    fs::create_directory_symlink("5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58", Root() + "/.iSCSI-CONFIG");
+    for (const std::string& dir : dirs) fs::create_directory(object + "/" + dir);
   }
+  const std::string& Root() const { return host_.Config().datastoreRoot; }
 
-  std::vector<std::string> Errors() { return host_.Log().Texts(LogLevel::Error); }
-
-  ScopedTestHost host_;
+  zel::test::ScopedTestHost host_;
+  zel::test::ClusterFactsDouble& cluster_ = host_.Install<zel::test::ClusterFactsDouble>(
+      std::make_unique<zel::test::FixedCluster>());
+  zel::platform::ClusterInfo& membership_ =
+      static_cast<zel::test::FixedCluster&>(cluster_.Target()).info;
 };
 
-TEST_F(HostStateTest, NamespaceCreationNeedsClusterMembership) {
-  SetMembership(true);
+TEST_F(HostStateTest, MembershipIsCheckedFirstAndUnknownCountsAsNone) {
+  for (auto verify : {Util::VerifyEnvForNamespaceCreate, Util::VerifyEnvForEnable}) {
+    membership_.isMember = false;
+    EXPECT_EQ(MessageOf(verify), kNotInCluster);
+    membership_.isMember = true;
+    cluster_.FailNext("GetClusterInfo", NOK_NO_CONNECTION);
+    EXPECT_EQ(MessageOf(verify), kNotInCluster);
+  }
   EXPECT_EQ(MessageOf(Util::VerifyEnvForNamespaceCreate), "");
-
-  SetMembership(false);
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForNamespaceCreate), kNotInCluster);
-}
-
-TEST_F(HostStateTest, UnknownMembershipCountsAsNoneAndSaysWhy) {
-  SetMembership(true, NOK_NO_CONNECTION);
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForNamespaceCreate), kNotInCluster);
   EXPECT_TRUE(host_.Log().Contains(std::string("Util: Failed to get cluster info: ") +
                                    NOK_ReturnStatusToString(NOK_NO_CONNECTION)));
 }
 
-TEST_F(HostStateTest, EnableChecksMembershipBeforeTheNamespace) {
-  SetMembership(false);
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNotInCluster);
-
-  SetMembership(true);
+TEST_F(HostStateTest, EnableWithoutNamespaceOrWithALinkToNothingIsNoNamespace) {
   EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNoNamespace);
-  EXPECT_TRUE(Errors().empty());
+  fs::create_directories(Root());
+  fs::create_directory_symlink("gone", Root() + "/.iSCSI-CONFIG");
+  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNoNamespace);
+  EXPECT_TRUE(host_.Log().Texts(LogLevel::Error).empty());
 }
 
 TEST_F(HostStateTest, EnableLogsEveryMissingDirectoryBeforeRefusing) {
-  SetMembership(true);
-  MakeNamespace();
-  const std::string root = host_.Config().datastoreRoot;
-
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kBadNamespace);
-  EXPECT_THAT(Errors(),
-              ElementsAre("Util: Target dir " + root + "/.iSCSI-CONFIG/targets does not exist",
-                          "Util: Etc  dir " + root + "/.iSCSI-CONFIG/etc/ does not exist"));
-}
-
-TEST_F(HostStateTest, EnableRefusesWhenOnlyOneDirectoryIsMissing) {
-  SetMembership(true);
-  const std::string object = MakeNamespace();
-  const std::string root = host_.Config().datastoreRoot;
-
-  std::filesystem::create_directory(object + "/targets");
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kBadNamespace);
-  EXPECT_THAT(Errors(),
-              ElementsAre("Util: Etc  dir " + root + "/.iSCSI-CONFIG/etc/ does not exist"));
-
-  host_.Log().Clear();
-  std::filesystem::remove(object + "/targets");
-  std::filesystem::create_directory(object + "/etc");
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kBadNamespace);
-  EXPECT_THAT(Errors(),
-              ElementsAre("Util: Target dir " + root + "/.iSCSI-CONFIG/targets does not exist"));
-}
-
-TEST_F(HostStateTest, EnableAcceptsACompleteNamespace) {
-  SetMembership(true);
-  const std::string object = MakeNamespace();
-  std::filesystem::create_directory(object + "/targets");
-  std::filesystem::create_directory(object + "/etc");
-
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), "");
-  EXPECT_TRUE(Errors().empty());
-}
-
-TEST_F(HostStateTest, NamespaceLinkToNothingIsNoNamespace) {
-  SetMembership(true);
-  std::filesystem::create_directories(host_.Config().datastoreRoot);
-  std::filesystem::create_directory_symlink("gone",
-                                            host_.Config().datastoreRoot + "/.iSCSI-CONFIG");
-  EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), kNoNamespace);
+  const std::string targets = "Util: Target dir " + Root() + "/.iSCSI-CONFIG/targets does not exist";
+  const std::string etc = "Util: Etc  dir " + Root() + "/.iSCSI-CONFIG/etc/ does not exist";
+  struct Case {
+    std::vector<std::string> dirs, errors;
+  };
+  for (const Case& c : {Case{{}, {targets, etc}}, Case{{"targets"}, {etc}},
+                        Case{{"etc"}, {targets}}, Case{{"etc", "targets"}, {}}}) {
+    SCOPED_TRACE(c.dirs.size());
+    fs::remove_all(Root());
+    host_.Log().Clear();
+    MakeNamespace(c.dirs);
+    EXPECT_EQ(MessageOf(Util::VerifyEnvForEnable), c.errors.empty() ? "" : kBadNamespace);
+    EXPECT_THAT(host_.Log().Texts(LogLevel::Error), ElementsAreArray(c.errors));
+  }
 }
 
 }  // namespace

@@ -21,15 +21,14 @@
 #include "platform/local/LocalKernelOptions.h"
 #include "platform/local/LocalLegacyConfig.h"
 #include "support/FakeHostControl.h"
+#include "support/Messages.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
-#include "zel/OrvaCtlException.h"
 
 namespace zel {
 namespace test {
 namespace {
 
-using HostCtl::Lib::Orva::OrvaCtlException;
 using platform::LogLevel;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -60,16 +59,14 @@ class LocalHostControlTest : public ::testing::Test {
   platform::HostConfig config_ = host_.Config();
 };
 
-TEST_F(LocalHostControlTest, ExitCodesOfRealPrograms) {
+TEST_F(LocalHostControlTest, ExitCodesOfRealProgramsAnd127WhenOneCannotStart) {
   EXPECT_EQ(Run({"/bin/true"}), 0);
   EXPECT_EQ(Run({"/bin/false"}), 1);
   EXPECT_EQ(Run({Script("three.sh", "exit 3\n")}), 3);
   EXPECT_EQ(Run({"true"}), 0);  // found in PATH
   EXPECT_EQ(Run({Script("killed.sh", "kill -9 $$\n")}), 128 + 9);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
-}
 
-TEST_F(LocalHostControlTest, ProgramThatCannotStartIs127WithAWarning) {
   EXPECT_EQ(Run({host_.Home() + "/missing", "arg"}), 127);
   EXPECT_EQ(Run({"zel-no-such-program"}), 127);
   const std::string notExecutable = host_.Home() + "/plain.sh";
@@ -84,15 +81,13 @@ TEST_F(LocalHostControlTest, ProgramThatCannotStartIs127WithAWarning) {
                               "\": Permission denied"));
 }
 
-TEST_F(LocalHostControlTest, ChildSeesTheHomeAndItsArgumentsVerbatim) {
+TEST_F(LocalHostControlTest, ChildSeesTheHomeAndItsArgumentsVerbatimAndNoOtherDescriptor) {
   const std::string script =
       Script("env.sh", "printf '%s|%s|%s' \"$ZEL_HOME\" \"$1\" \"$(env | grep -c '^ZEL_HOME=')\" > " +
                            Out() + "\n");
   ASSERT_EQ(Run({script, "two words; $HOME *"}), 0);
   EXPECT_EQ(ReadFile(Out()), host_.Home() + "|two words; $HOME *|1");
-}
 
-TEST_F(LocalHostControlTest, ChildInheritsOnlyTheStandardDescriptors) {
   // A descriptor of this process without close-on-exec, as a lock file's
   // may be: a daemon started from here must not keep it open.
   int fd = 9;
@@ -109,16 +104,13 @@ TEST_F(LocalHostControlTest, ChildInheritsOnlyTheStandardDescriptors) {
   EXPECT_EQ(code, 0);
 }
 
-TEST_F(LocalHostControlTest, ReplacementMayCarryLeadingArguments) {
-  config_.commands["/etc/init.d/zeld"] = "/bin/sh  " + Recorder(Out());
-  EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "restart"}), 0);
-  EXPECT_EQ(ReadFile(Out()), "++group=host/kap/tmp restart\n");
-}
-
-TEST_F(LocalHostControlTest, EmbeddedInitScriptIsTheBuildsZeldInit) {
+TEST_F(LocalHostControlTest, InitScriptIsTheBuildsOrAReplacementWithLeadingArguments) {
   // "status" is the one command of the script that changes nothing: 3 when
   // no daemon runs under this home.
   EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "status"}), 3);
+  config_.commands["/etc/init.d/zeld"] = "/bin/sh  " + Recorder(Out());
+  EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "restart"}), 0);
+  EXPECT_EQ(ReadFile(Out()), "++group=host/kap/tmp restart\n");
 }
 
 TEST_F(LocalHostControlTest, EmbeddedBootSwitchIsAStateFileUnderTheHome) {
@@ -129,24 +121,20 @@ TEST_F(LocalHostControlTest, EmbeddedBootSwitchIsAStateFileUnderTheHome) {
                                    path));
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
   EXPECT_EQ(ReadFile(path), "off");
-
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "maybe"}), 2);
   EXPECT_EQ(Run({"/sbin/chkconfig", "../zel_loader", "on"}), 2);
   EXPECT_EQ(ReadFile(path), "off");
   EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/zel_loader"));
 }
 
-TEST_F(LocalHostControlTest, RealHostLoaderSwitchIsTheDaemonsSystemdUnit) {
+TEST_F(LocalHostControlTest, RealHostBootSwitchIsTheDaemonsUnitUnlessChkconfigIsReplaced) {
   config_.profile = platform::Profile::RealHost;
   config_.commands["systemctl"] = "/bin/sh " + Recorder(Out());
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 0);
   EXPECT_EQ(ReadFile(Out()), "enable zeld.service\n");
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
   EXPECT_EQ(ReadFile(Out()), "disable zeld.service\n");
-  EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/boot"));
-}
 
-TEST_F(LocalHostControlTest, ReplacedChkconfigWinsOverBothProfiles) {
   config_.commands["/sbin/chkconfig"] = "/bin/sh " + Recorder(Out());
   for (platform::Profile profile : {platform::Profile::Embedded, platform::Profile::RealHost}) {
     config_.profile = profile;
@@ -157,7 +145,7 @@ TEST_F(LocalHostControlTest, ReplacedChkconfigWinsOverBothProfiles) {
   EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/boot"));
 }
 
-TEST_F(LocalHostControlTest, EmbeddedModuleIsAStateFileUnderTheHome) {
+TEST_F(LocalHostControlTest, EmbeddedModulesAndFirewallAreStateFilesUnderTheHome) {
   std::unique_ptr<platform::KernelModules> modules = platform::NewLocalKernelModules(config_);
   const std::string path = host_.Home() + "/state/modules/zel";
   EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
@@ -172,9 +160,17 @@ TEST_F(LocalHostControlTest, EmbeddedModuleIsAStateFileUnderTheHome) {
               ElementsAre("HostControl: Loaded module zel: created " + path,
                           "HostControl: Unloaded module zel: removed " + path,
                           "HostControl: Module zel is not loaded; nothing to unload"));
-
   EXPECT_EQ(modules->ModuleLoad("../zel"), NOK_BAD_PARAM);
   EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/zel"));
+
+  std::unique_ptr<platform::Firewall> firewall = platform::NewLocalFirewall(config_);
+  const std::string ruleset = host_.Home() + "/state/firewall/zel";
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
+  EXPECT_EQ(ReadFile(ruleset), "enabled");
+  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
+  EXPECT_EQ(ReadFile(ruleset), "disabled");
+  EXPECT_TRUE(host_.Log().Contains("HostControl: Firewall ruleset zel disabled: recorded in " +
+                                   ruleset));
 }
 
 TEST_F(LocalHostControlTest, EmbeddedStateThatCannotBeWrittenFailsTheCall) {
@@ -186,17 +182,6 @@ TEST_F(LocalHostControlTest, EmbeddedStateThatCannotBeWrittenFailsTheCall) {
   EXPECT_EQ(host_.Log().Texts(LogLevel::Warning).size(), 3u);
 }
 
-TEST_F(LocalHostControlTest, EmbeddedFirewallRecordsTheRulesetState) {
-  std::unique_ptr<platform::Firewall> firewall = platform::NewLocalFirewall(config_);
-  const std::string path = host_.Home() + "/state/firewall/zel";
-  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
-  EXPECT_EQ(ReadFile(path), "enabled");
-  EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
-  EXPECT_EQ(ReadFile(path), "disabled");
-  EXPECT_TRUE(host_.Log().Contains("HostControl: Firewall ruleset zel disabled: recorded in " +
-                                   path));
-}
-
 class RealHostControlTest : public LocalHostControlTest {
  protected:
   RealHostControlTest() {
@@ -206,32 +191,28 @@ class RealHostControlTest : public LocalHostControlTest {
               "zel_target 16384 0 - Live 0x0000000000000000\n"
               "nf_tables 311296 0 - Live 0x0000000000000000\n");
     std::filesystem::create_directories(files_.sysModuleDir + "/built_in");
-    auto runner = std::make_unique<ScriptedCommandRunner>();
-    runner_ = runner.get();
-    modules_ = platform::NewRealHostKernelModules(std::move(runner), files_);
+    modules_ = platform::NewRealHostKernelModules(std::unique_ptr<ScriptedCommandRunner>(runner_),
+                                                  files_);
   }
 
   platform::ModuleFiles files_;
-  ScriptedCommandRunner* runner_;
+  ScriptedCommandRunner* runner_ = new ScriptedCommandRunner;
   std::unique_ptr<platform::KernelModules> modules_;
 };
 
-TEST_F(RealHostControlTest, LoadedModulesComeFromTheKernelsLists) {
+TEST_F(RealHostControlTest, ModulesAreReadFromTheKernelsListsAndSwitchedWithModprobe) {
   EXPECT_TRUE(modules_->ModuleIsLoaded("zel-target"));  // modprobe's spelling
   EXPECT_TRUE(modules_->ModuleIsLoaded("pyrfw"));       // the host's nf_tables
   EXPECT_TRUE(modules_->ModuleIsLoaded("built_in"));
   EXPECT_FALSE(modules_->ModuleIsLoaded("zel"));  // a prefix of zel_target only
   EXPECT_THAT(runner_->Calls(), IsEmpty());
-}
 
-TEST_F(RealHostControlTest, ModulesAreLoadedAndUnloadedWithModprobe) {
   EXPECT_EQ(modules_->ModuleLoad("zel"), NOK_OK);
   EXPECT_EQ(modules_->ModuleLoad("pyrfw"), NOK_OK);
   EXPECT_EQ(modules_->ModuleUnload("zel"), NOK_OK);  // not listed: nothing to run
   EXPECT_EQ(modules_->ModuleUnload("zel-target"), NOK_OK);
   EXPECT_THAT(runner_->CommandLines(),
               ElementsAre("modprobe zel", "modprobe nf_tables", "modprobe -r zel_target"));
-
   runner_->SetExitCode("modprobe", 1);
   EXPECT_EQ(modules_->ModuleLoad("zel"), NOK_FAILURE);
   EXPECT_TRUE(
@@ -252,7 +233,6 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
   EXPECT_THAT(enabled, StartsWith(dropTable + "table inet zel {\n"));
   EXPECT_THAT(enabled, HasSubstr("type filter hook input priority 0; policy accept;"));
   EXPECT_THAT(enabled, HasSubstr("tcp dport 3260 accept"));
-
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
   EXPECT_EQ(ReadFile(path), dropTable);
 
@@ -260,14 +240,12 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_FAILURE);
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel; flush ruleset", true), NOK_BAD_PARAM);
   EXPECT_EQ(nft->CommandLines().size(), 3u);
-}
 
-TEST_F(RealHostControlTest, RealHostFactoriesRunTheReplacedPrograms) {
+  // The real-host factories run the replaced programs.
   config_.profile = platform::Profile::RealHost;
   config_.commands["nft"] = "/bin/sh " + Recorder(Out());
   EXPECT_EQ(platform::NewLocalFirewall(config_)->FirewallRulesetSetStatus("zel", false), NOK_OK);
-  EXPECT_EQ(ReadFile(Out()), "-f " + host_.Home() + "/state/firewall/zel.nft\n");
-
+  EXPECT_EQ(ReadFile(Out()), "-f " + path + "\n");
   config_.commands["modprobe"] = "/bin/sh " + Recorder(Out());
   EXPECT_EQ(platform::NewLocalKernelModules(config_)->ModuleLoad("zel"), NOK_OK);
   EXPECT_EQ(ReadFile(Out()), "zel\n");
@@ -289,16 +267,20 @@ TEST_F(KernelOptionsTest, FileValuesOverHostDefaults) {
   config_.options["ORVA-iSCSI.zelLoadBalancePeriod"] = 60;
   EXPECT_EQ(Get("ORVA-iSCSI", "zelLoadBalancePeriod"), NOK_OK);  // no file yet
   EXPECT_EQ(value_, 60);
-
   WriteOptions(R"({"ORVA-iSCSI": {"zelLoadBalancePeriod": -5}, "ORVA": {"configStore": 0}})");
-  EXPECT_EQ(Get("ORVA-iSCSI", "zelLoadBalancePeriod"), NOK_OK);
-  EXPECT_EQ(value_, -5);
-  EXPECT_EQ(Get("ORVA-iSCSI", "zelLoadBalanceMethod"), NOK_OK);
-  EXPECT_EQ(value_, 2);
-  EXPECT_EQ(Get("ORVA", "configStore"), NOK_OK);
-  EXPECT_EQ(value_, 0);
-  EXPECT_EQ(Get("ORVA", "zelLoadBalancePeriod"), NOK_NOT_FOUND);
-  EXPECT_EQ(Get("OTHER", "configStore"), NOK_NOT_FOUND);
+  struct Case {
+    const char *component, *field;
+    NOK_ReturnStatus status;
+    int value;
+  };
+  for (const Case& c : {Case{"ORVA-iSCSI", "zelLoadBalancePeriod", NOK_OK, -5},
+                        Case{"ORVA-iSCSI", "zelLoadBalanceMethod", NOK_OK, 2},
+                        Case{"ORVA", "configStore", NOK_OK, 0},
+                        Case{"ORVA", "zelLoadBalancePeriod", NOK_NOT_FOUND, -1},
+                        Case{"OTHER", "configStore", NOK_NOT_FOUND, -1}}) {
+    EXPECT_EQ(Get(c.component, c.field), c.status) << c.component << "." << c.field;
+    EXPECT_EQ(value_, c.value) << c.component << "." << c.field;
+  }
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
 }
 
@@ -314,7 +296,6 @@ TEST_F(KernelOptionsTest, MalformedValuesAreRefusedNamingTheFile) {
                                    ": 'ORVA-iSCSI.c' must be an integer of int range"));
   EXPECT_TRUE(host_.Log().Contains("HostControl: Options file " + path +
                                    ": 'ORVA' must be an object"));
-
   WriteOptions("[1, 2]");
   EXPECT_EQ(Get("ORVA", "configStore"), NOK_IO_ERROR);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning).back(), HasSubstr(path));
@@ -327,8 +308,10 @@ class LegacyConfigTest : public LocalHostControlTest {
       platform::NewLocalLegacyConfigFile(config_);
 };
 
-TEST_F(LegacyConfigTest, ValuesAreKeptBesideEachOther) {
+TEST_F(LegacyConfigTest, ValuesAreKeptBesideEachOtherAndAbsentOrForeignOnesRefused) {
   EXPECT_FALSE(legacy_->HasValue(ORVA_ZEL_STATUS_KEY));
+  EXPECT_EQ(MessageOf([&] { legacy_->GetBool(ORVA_ZEL_STATUS_KEY); }),
+            "Legacy configuration " + Path() + " has no value for '/UserVars/ZelServiceEnabled'");
   legacy_->SetBool("/UserVars/Other", false);
   legacy_->SetBool(ORVA_ZEL_STATUS_KEY, true);
   EXPECT_TRUE(legacy_->HasValue(ORVA_ZEL_STATUS_KEY));
@@ -337,25 +320,11 @@ TEST_F(LegacyConfigTest, ValuesAreKeptBesideEachOther) {
   legacy_->SetBool(ORVA_ZEL_STATUS_KEY, false);
   EXPECT_FALSE(legacy_->GetBool(ORVA_ZEL_STATUS_KEY));
   EXPECT_TRUE(legacy_->HasValue("/UserVars/Other"));
-}
 
-TEST_F(LegacyConfigTest, AbsentOrForeignValuesAreRefusedNamingTheFile) {
-  try {
-    legacy_->GetBool(ORVA_ZEL_STATUS_KEY);
-    ADD_FAILURE() << "no value, no failure";
-  } catch (const OrvaCtlException& e) {
-    EXPECT_EQ(e.GetMessage(), "Legacy configuration " + Path() +
-                                  " has no value for '/UserVars/ZelServiceEnabled'");
-  }
   WriteFile(Path(), R"({"/UserVars/ZelServiceEnabled": 1})");
-  try {
-    legacy_->SetBool("/UserVars/Other", true);
-    ADD_FAILURE() << "a number taken for a flag";
-  } catch (const OrvaCtlException& e) {
-    EXPECT_EQ(e.GetMessage(), "Legacy configuration " + Path() +
-                                  " holds '/UserVars/ZelServiceEnabled', which is not true or "
-                                  "false");
-  }
+  EXPECT_EQ(MessageOf([&] { legacy_->SetBool("/UserVars/Other", true); }),
+            "Legacy configuration " + Path() +
+                " holds '/UserVars/ZelServiceEnabled', which is not true or false");
   EXPECT_EQ(ReadFile(Path()), R"({"/UserVars/ZelServiceEnabled": 1})");
 }
 

@@ -16,13 +16,13 @@
 #include <nlohmann/json.hpp>
 
 #include "directory/DirectoryEntries.h"
-#include "local_directory_support.h"
 #include "platform/EntryMarshal.h"
-#include "platform/Host.h"
 #include "platform/local/AtomicFile.h"
+#include "platform/Host.h"
 #include "platform/local/LocalNamespaces.h"
 #include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
@@ -49,7 +49,7 @@ class LocalNamespacesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(Root());
-    CurrentHost().SetNamespaces(NewLocalNamespaces(HostOf(kHost)));
+    host_.Install<test::NamespacesDouble>(NewLocalNamespaces(HostOf(kHost)));
     InstallDirectory();
   }
 
@@ -62,9 +62,9 @@ class LocalNamespacesTest : public ::testing::Test {
   std::string Db() const { return host_.Home() + "/directory.db"; }
   Namespaces& Spaces() { return CurrentHost().GetNamespaces(); }
 
-  void InstallDirectory() { CurrentHost().SetDirectory(NewSqliteDirectory(Db())); }
+  void InstallDirectory() { host_.Install<test::DirectoryDouble>(NewSqliteDirectory(Db())); }
   void InstallUnreachableDirectory(NOK_ReturnStatus status) {
-    CurrentHost().SetDirectory(std::make_unique<test::UnreachableDirectory>(status));
+    host_.Install(std::make_unique<test::UnreachableDirectory>(status));
   }
 
   std::set<std::string> RootEntries() const {
@@ -105,7 +105,7 @@ class LocalNamespacesTest : public ::testing::Test {
 
 using LocalNamespaceCreation = LocalNamespacesTest;
 
-TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryReachedByARelativeLink) {
+TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryBehindALinkAndAUuidNameItself) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
 
   EXPECT_EQ(fs::path(uuid), fs::read_symlink(Root() + "/" + kConfig));
@@ -126,15 +126,14 @@ TEST_F(LocalNamespaceCreation, NamedNamespaceIsAPrivateDirectoryReachedByARelati
   EXPECT_EQ(kHost, owner);
   EXPECT_EQ(kHost, announced.ownerHost);
   EXPECT_EQ(kPolicy, announced.policy);
-}
 
-TEST_F(LocalNamespaceCreation, UuidNameIsTheIdentityItselfWithoutALink) {
+  // A UUID name is the identity itself, without a link.
   EXPECT_EQ(kTarget, Spaces().CreateNamespace(Root(), kTarget, "", 0));
-  EXPECT_EQ(std::set<std::string>{kTarget}, RootEntries());
-  platform::StorageObjectRecord announced;
+  EXPECT_EQ((std::set<std::string>{kConfig, uuid, kTarget}), RootEntries());
   ASSERT_EQ(NOK_OK, Announced(kTarget, &announced));
   EXPECT_EQ("", announced.policy);
 }
+
 
 TEST_F(LocalNamespaceCreation, TakenNameThrowsNamespaceExistsAndChangesNothing) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
@@ -153,17 +152,6 @@ TEST_F(LocalNamespaceCreation, TakenNameThrowsNamespaceExistsAndChangesNothing) 
   EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
 }
 
-TEST_F(LocalNamespaceCreation, BadNameOrPolicyIsRefusedBeforeAnythingIsMade) {
-  EXPECT_EQ("Invalid namespace name 'a/b'",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), "a/b", kPolicy, 0); }));
-  EXPECT_EQ("Invalid namespace name '..'",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), "..", kPolicy, 0); }));
-  EXPECT_EQ("Invalid namespace name ''",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), "", kPolicy, 0); }));
-  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
-            MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, "\"copies\" \"2\"", 0); }));
-  EXPECT_TRUE(RootEntries().empty());
-}
 
 TEST_F(LocalNamespaceCreation, FailedAnnouncementLeavesNothingBehind) {
   InstallUnreachableDirectory(NOK_TIMEOUT);
@@ -178,11 +166,30 @@ TEST_F(LocalNamespaceCreation, FailedAnnouncementLeavesNothingBehind) {
   EXPECT_TRUE(RootEntries().empty());
 }
 
+TEST_F(LocalNamespaceCreation, BadNamePolicyOrUnknownNamespaceIsRefusedBeforeAnythingChanges) {
+  EXPECT_EQ("Invalid namespace name 'a/b'",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "a/b", kPolicy, 0); }));
+  EXPECT_EQ("Invalid namespace name '..'",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "..", kPolicy, 0); }));
+  EXPECT_EQ("Invalid namespace name ''",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), "", kPolicy, 0); }));
+  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
+            MessageOf([&] { Spaces().CreateNamespace(Root(), kConfig, "\"copies\" \"2\"", 0); }));
+  EXPECT_TRUE(RootEntries().empty());
+  EXPECT_EQ("Namespace " + kConfig + " does not exist in " + Root(),
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
+  EXPECT_EQ("Namespace " + kTarget + " does not exist in " + Root(),
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), kTarget); }));
+  test::WriteFile(Root() + "/plain", "");
+  EXPECT_EQ(Root() + "/plain is not a namespace link",
+            MessageOf([&] { Spaces().DeleteNamespace(Root(), "plain"); }));
+}
+
 // ---- Removal -----------------------------------------------------------
 
 using LocalNamespaceRemoval = LocalNamespacesTest;
 
-TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncement) {
+TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncementAndFinishesAnInterruptedRemoval) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
   test::WriteFile(Root() + "/" + kConfig + "/etc/zel.conf", "generation 1\n");
   Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
@@ -195,17 +202,20 @@ TEST_F(LocalNamespaceRemoval, RemovesTreeLinkAndAnnouncement) {
   platform::StorageObjectRecord announced;
   EXPECT_EQ(NOK_NOT_FOUND, Announced(uuid, &announced));
   EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
+  const std::string again = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
+  Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
+  // What a removal that stopped after the tree leaves: a dangling link and
+  // the announcement.
+  fs::remove_all(Root() + "/" + again);
+  fs::remove_all(Root() + "/" + kTarget);
+
+  Spaces().DeleteNamespace(Root(), kConfig);
+  Spaces().DeleteNamespace(Root(), kTarget);
+  EXPECT_TRUE(RootEntries().empty());
+  EXPECT_EQ(NOK_NOT_FOUND, Announced(again, &announced));
+  EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
 }
 
-TEST_F(LocalNamespaceRemoval, UnknownNamespaceDoesNotExist) {
-  EXPECT_EQ("Namespace " + kConfig + " does not exist in " + Root(),
-            MessageOf([&] { Spaces().DeleteNamespace(Root(), kConfig); }));
-  EXPECT_EQ("Namespace " + kTarget + " does not exist in " + Root(),
-            MessageOf([&] { Spaces().DeleteNamespace(Root(), kTarget); }));
-  test::WriteFile(Root() + "/plain", "");
-  EXPECT_EQ(Root() + "/plain is not a namespace link",
-            MessageOf([&] { Spaces().DeleteNamespace(Root(), "plain"); }));
-}
 
 TEST_F(LocalNamespaceRemoval, UnreachableDirectoryKeepsTheWholeNamespace) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
@@ -217,21 +227,6 @@ TEST_F(LocalNamespaceRemoval, UnreachableDirectoryKeepsTheWholeNamespace) {
   EXPECT_EQ(kPolicy, Record(uuid)["policy"]);
 }
 
-TEST_F(LocalNamespaceRemoval, RemovalInterruptedAfterTheTreeIsFinishedByAskingAgain) {
-  const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
-  Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
-  // What a removal that stopped after the tree leaves: a dangling link and
-  // the announcement.
-  fs::remove_all(Root() + "/" + uuid);
-  fs::remove_all(Root() + "/" + kTarget);
-
-  Spaces().DeleteNamespace(Root(), kConfig);
-  Spaces().DeleteNamespace(Root(), kTarget);
-  EXPECT_TRUE(RootEntries().empty());
-  platform::StorageObjectRecord announced;
-  EXPECT_EQ(NOK_NOT_FOUND, Announced(uuid, &announced));
-  EXPECT_EQ(NOK_NOT_FOUND, Announced(kTarget, &announced));
-}
 
 // ---- Policy updates ----------------------------------------------------
 
@@ -239,7 +234,7 @@ using LocalNamespacePolicyUpdate = LocalNamespacesTest;
 
 TEST_F(LocalNamespacePolicyUpdate, RewritesRecordAndAnnouncementAndKeepsTheOwner) {
   const std::string uuid = Spaces().CreateNamespace(Root(), kConfig, kPolicy, 0);
-  CurrentHost().SetNamespaces(NewLocalNamespaces(HostOf(kOtherHost)));
+  host_.Install<test::NamespacesDouble>(NewLocalNamespaces(HostOf(kOtherHost)));
 
   Spaces().UpdateNamespace(Root(), kConfig, kOtherPolicy);
 
@@ -253,20 +248,18 @@ TEST_F(LocalNamespacePolicyUpdate, RewritesRecordAndAnnouncementAndKeepsTheOwner
   EXPECT_EQ(kHost, owner);
 }
 
-TEST_F(LocalNamespacePolicyUpdate, UnannouncedChangeKeepsTheOldPolicyOnTheObject) {
-  Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
-  InstallUnreachableDirectory(NOK_TIMEOUT);
-  EXPECT_EQ("Failed to announce namespace " + kTarget + " (" + kTarget +
-                ") in the cluster directory: Timeout",
-            MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, kOtherPolicy); }));
-  EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
-}
 
-TEST_F(LocalNamespacePolicyUpdate, InvalidPolicyChangesNothing) {
+
+TEST_F(LocalNamespacePolicyUpdate, InvalidOrUnannouncedChangeKeepsTheOldPolicy) {
   Spaces().CreateNamespace(Root(), kTarget, kPolicy, 0);
   EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"13\"': rule \"stripeWidth\" takes a whole "
             "number from 1 to 12, not \"13\"",
             MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, "\"stripeWidth\" \"13\""); }));
+  EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
+  InstallUnreachableDirectory(NOK_TIMEOUT);
+  EXPECT_EQ("Failed to announce namespace " + kTarget + " (" + kTarget +
+                ") in the cluster directory: Timeout",
+            MessageOf([&] { Spaces().UpdateNamespace(Root(), kTarget, kOtherPolicy); }));
   EXPECT_EQ(kPolicy, Record(kTarget)["policy"]);
 }
 
@@ -278,7 +271,7 @@ class LocalNamespaceRace : public LocalNamespacesTest {
   // own, the child before the parent.
   void SetUp() override {
     fs::create_directories(Root());
-    CurrentHost().SetNamespaces(NewLocalNamespaces(HostOf(kHost)));
+    host_.Install<test::NamespacesDouble>(NewLocalNamespaces(HostOf(kHost)));
   }
 };
 

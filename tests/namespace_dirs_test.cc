@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,7 +38,7 @@ namespace fs = std::filesystem;
 using HostCtl::Lib::Orva::OrvaCtlException;
 using zel::platform::CurrentHost;
 using zel::platform::LogLevel;
-using zel::platform::Namespaces;
+using zel::test::NamespacesDouble;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -47,45 +47,15 @@ const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kTarget = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
 const std::string kPolicy = "\"stripeWidth\" \"4\"";
 
-// The local namespaces, with a hook before each creation and removal: a
-// hook may act as another host would, or throw to fail the call.
-class HookedNamespaces final : public Namespaces {
- public:
-  explicit HookedNamespaces(std::unique_ptr<Namespaces> real) : real_(std::move(real)) {}
-
-  std::string CreateNamespace(const std::string& root, const std::string& name,
-                              const std::string& policy, uint64_t size) override {
-    if (beforeCreate) beforeCreate(*real_, name);
-    return real_->CreateNamespace(root, name, policy, size);
-  }
-  void DeleteNamespace(const std::string& root, const std::string& name) override {
-    if (beforeDelete) beforeDelete(*real_, name);
-    real_->DeleteNamespace(root, name);
-  }
-  void UpdateNamespace(const std::string& root, const std::string& name,
-                       const std::string& policy) override {
-    real_->UpdateNamespace(root, name, policy);
-  }
-
-  std::function<void(Namespaces&, const std::string&)> beforeCreate;
-  std::function<void(Namespaces&, const std::string&)> beforeDelete;
-
- private:
-  std::unique_ptr<Namespaces> real_;
-};
-
-void FailWith(Namespaces&, const std::string&) { throw OrvaCtlException("datastore busy"); }
-
 class NamespaceDirsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(Root());
     zel::platform::HostConfig config = host_.Config();
     config.hostUuid = kHost;
-    auto spaces = std::make_unique<HookedNamespaces>(zel::platform::NewLocalNamespaces(config));
-    spaces_ = spaces.get();
-    CurrentHost().SetNamespaces(std::move(spaces));
-    CurrentHost().SetDirectory(zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db"));
+    spaces_ = &host_.Install<NamespacesDouble>(zel::platform::NewLocalNamespaces(config));
+    host_.Install<zel::test::DirectoryDouble>(
+        zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db"));
   }
 
   const std::string& Root() const { return host_.Config().datastoreRoot; }
@@ -99,10 +69,10 @@ class NamespaceDirsTest : public ::testing::Test {
     return lines;
   }
   std::vector<std::string> Logged(LogLevel level, const std::string& part) {
-    std::vector<std::string> lines;
-    for (const std::string& line : Logged(level)) {
-      if (line.find(part) != std::string::npos) lines.push_back(line);
-    }
+    std::vector<std::string> lines = Logged(level);
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [&](const std::string& l) { return l.find(part) == l.npos; }),
+                lines.end());
     return lines;
   }
 
@@ -126,87 +96,86 @@ class NamespaceDirsTest : public ::testing::Test {
     host_.Log().Clear();
   }
 
+  void FailDeletes() { spaces_->FailNext("DeleteNamespace", "datastore busy", spaces_->kAlways); }
+  std::string MakeTarget(const std::string& policy = "") {
+    MakeConfigNamespace();
+    std::string uuid;
+    Util::CreateTargetNamespace(kTarget, policy, uuid);
+    return uuid;
+  }
+
   zel::test::ScopedTestHost host_;
-  HookedNamespaces* spaces_ = nullptr;
+  NamespacesDouble* spaces_ = nullptr;
 };
 
 // ---- The configuration namespace ---------------------------------------
 
-using ConfigNamespace = NamespaceDirsTest;
-
-TEST_F(ConfigNamespace, IsMadeWithTheDatastoreDefaultPolicyWhenNoneIsGiven) {
+TEST_F(NamespaceDirsTest, ConfigNamespaceGetsTheDefaultPolicyAndIsSkippedWhenThere) {
   Util::CreateNamespaceDir("");
   const std::string uuid = Util::GetNamespaceUuid();
   EXPECT_EQ(fs::path(uuid), fs::read_symlink(ConfigNamespacePath()));
   EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(uuid));
-}
-
-TEST_F(ConfigNamespace, ThatIsAlreadyThereIsSkippedWithItsLogLine) {
-  Util::CreateNamespaceDir(kPolicy);
-  const std::string uuid = Util::GetNamespaceUuid();
   host_.Log().Clear();
 
-  Util::CreateNamespaceDir("");
+  Util::CreateNamespaceDir(kPolicy);
   EXPECT_THAT(Logged(LogLevel::Info),
               ElementsAre("Util: Orva iSCSI Target namespace already exists. Skipping namespace "
                           "creation.."));
   EXPECT_EQ(uuid, Util::GetNamespaceUuid());
-  EXPECT_EQ(kPolicy, AnnouncedPolicy(uuid));
+  EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(uuid));
 }
 
-TEST_F(ConfigNamespace, MadeByAnotherHostMeanwhileCountsAsMade) {
+TEST_F(NamespaceDirsTest, ConfigNamespaceMadeByAnotherHostMeanwhileCountsAsMade) {
   std::string theirs;
-  spaces_->beforeCreate = [&](Namespaces& real, const std::string& name) {
-    theirs = real.CreateNamespace(Root(), name, kPolicy, 0);
-  };
+  spaces_->Before("CreateNamespace", [&] {
+    theirs = spaces_->Target().CreateNamespace(Root(), ".iSCSI-CONFIG", kPolicy, 0);
+  });
   Util::CreateNamespaceDir("");
   EXPECT_THAT(Logged(LogLevel::Info),
               ElementsAre("Util: ZEL namespace already exists Namespace .iSCSI-CONFIG already "
-                          "exists in " +
-                          Root()));
+                          "exists in " + Root()));
   EXPECT_EQ(theirs, Util::GetNamespaceUuid());
   EXPECT_EQ(kPolicy, AnnouncedPolicy(theirs));
 }
 
-TEST_F(ConfigNamespace, PlatformFailureIsLoggedAndThrownAsReported) {
+TEST_F(NamespaceDirsTest, ConfigNamespaceFailureIsLoggedAndThrownAsReported) {
   fs::remove(Root());
   const std::string message = MessageOf([] { Util::CreateNamespaceDir(kPolicy); });
   EXPECT_THAT(message, StartsWith("Failed to create namespace directory " + Root() + "/"));
   EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: Failed to create namespace " + message));
 }
 
-TEST_F(ConfigNamespace, DeletionRemovesItAndIsNothingWhenItIsGone) {
+TEST_F(NamespaceDirsTest, ConfigNamespaceDeletionRemovesItOrNamesItWhenItCannot) {
   MakeConfigNamespace();
+  FailDeletes();
+  const std::string message = "Failed to delete Orva iSCSI target namespace " +
+                              ConfigNamespacePath() + " with error: datastore busy";
+  EXPECT_EQ(message, MessageOf([] { Util::DeleteNamespaceDir(); }));
+  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
+  EXPECT_TRUE(Util::PathExists(Util::GetConfDirPath()));
+
+  spaces_->Heal("DeleteNamespace");
+  host_.Log().Clear();
   const std::string uuid = Util::GetNamespaceUuid();
   Util::DeleteConfigDirs();
   Util::DeleteNamespaceDir();
   EXPECT_TRUE(fs::is_empty(Root()));
   EXPECT_EQ("(none)", AnnouncedPolicy(uuid));
-
   Util::DeleteNamespaceDir();
   EXPECT_TRUE(Logged(LogLevel::Error).empty());
 }
 
-TEST_F(ConfigNamespace, DeletionFailureNamesTheNamespace) {
-  MakeConfigNamespace();
-  spaces_->beforeDelete = FailWith;
-  const std::string message = "Failed to delete Orva iSCSI target namespace " + ConfigNamespacePath() +
-                              " with error: datastore busy";
-  EXPECT_EQ(message, MessageOf([] { Util::DeleteNamespaceDir(); }));
-  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
-  EXPECT_TRUE(Util::PathExists(Util::GetConfDirPath()));
-}
-
 // ---- Its directories ---------------------------------------------------
 
-using ConfigDirs = NamespaceDirsTest;
+TEST_F(NamespaceDirsTest, ConfigDirsNeedTheNamespaceAndASecondRunLogsBothAsPresent) {
+  const std::string message = "Failed to create dir " + Util::GetConfDirPath() + " with errno (2).";
+  EXPECT_EQ(message, MessageOf([] { Util::CreateConfigDirs(); }));
+  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
 
-TEST_F(ConfigDirs, CreatingTwiceSucceedsAndTheSecondRunLogsBothAsPresent) {
   Util::CreateNamespaceDir("");
   Util::CreateConfigDirs();
   EXPECT_TRUE(Logged(LogLevel::Info, "Config dir").empty());
   Util::CreateConfigDirs();
-
   EXPECT_THAT(Logged(LogLevel::Info, "Config dir"),
               ElementsAre("Util: Config dir " + Util::GetConfDirPath() + " already exists.",
                           "Util: Config dir " + Util::GetTargetsDirPath() + " already exists."));
@@ -214,24 +183,14 @@ TEST_F(ConfigDirs, CreatingTwiceSucceedsAndTheSecondRunLogsBothAsPresent) {
   EXPECT_EQ(fs::perms::owner_all, fs::status(Util::GetTargetsDirPath()).permissions());
 }
 
-TEST_F(ConfigDirs, CreatingWithoutTheNamespaceGivesTheErrno) {
-  const std::string message =
-      "Failed to create dir " + Util::GetConfDirPath() + " with errno (2).";
-  EXPECT_EQ(message, MessageOf([] { Util::CreateConfigDirs(); }));
-  EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
-}
-
-TEST_F(ConfigDirs, DeletingRemovesTheFileAndBothDirsAndToleratesTheirAbsence) {
+TEST_F(NamespaceDirsTest, DeletingConfigDirsRemovesTheFileAndBothAndToleratesTheirAbsence) {
   MakeConfigNamespace();
   zel::test::WriteFile(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath(), "generation 3\n");
-
   Util::DeleteConfigDirs();
   EXPECT_FALSE(Util::PathExists(Util::GetConfDirPath()));
   EXPECT_FALSE(Util::PathExists(Util::GetTargetsDirPath()));
-  EXPECT_THAT(Logged(LogLevel::Info),
-              ElementsAre("Util: Removing dir " + Util::GetConfDirPath(),
-                          "Util: Removing dir " + Util::GetTargetsDirPath()));
-
+  EXPECT_THAT(Logged(LogLevel::Info), ElementsAre("Util: Removing dir " + Util::GetConfDirPath(),
+                                                  "Util: Removing dir " + Util::GetTargetsDirPath()));
   host_.Log().Clear();
   Util::DeleteConfigDirs();
   EXPECT_THAT(Logged(LogLevel::Info),
@@ -242,12 +201,9 @@ TEST_F(ConfigDirs, DeletingRemovesTheFileAndBothDirsAndToleratesTheirAbsence) {
                           "Util: Dir " + Util::GetTargetsDirPath() + " does not exist."));
 }
 
-TEST_F(ConfigDirs, DeletingWhileATargetIsLinkedFailsAtTheTargetsDir) {
-  MakeConfigNamespace();
+TEST_F(NamespaceDirsTest, DeletingConfigDirsWhileATargetIsLinkedFailsAtTheTargetsDir) {
+  MakeTarget();
   zel::test::WriteFile(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath(), "generation 3\n");
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, "", uuid);
-
   EXPECT_EQ("Failed to delete config directory: Failed to remove dir " +
                 Util::GetTargetsDirPath() + " with (errno 39).",
             MessageOf([] { Util::DeleteConfigDirs(); }));
@@ -255,21 +211,12 @@ TEST_F(ConfigDirs, DeletingWhileATargetIsLinkedFailsAtTheTargetsDir) {
   EXPECT_TRUE(Util::PathExists(TargetLink()));
 }
 
-// ---- Whether a path exists ---------------------------------------------
-
-using PathExistence = NamespaceDirsTest;
-
-TEST_F(PathExistence, AnythingThereIsFoundAndAMissingPathIsNot) {
+TEST_F(NamespaceDirsTest, PathExistsFindsAnythingThereAndThrowsWhenItCannotLook) {
   zel::test::WriteFile(Root() + "/file", "");
   ::symlink("file", (Root() + "/link").c_str());
-  EXPECT_TRUE(Util::PathExists(Root()));
-  EXPECT_TRUE(Util::PathExists(Root() + "/file"));
-  EXPECT_TRUE(Util::PathExists(Root() + "/link"));
+  for (const std::string there : {"", "/file", "/link"}) EXPECT_TRUE(Util::PathExists(Root() + there));
   EXPECT_FALSE(Util::PathExists(Root() + "/missing"));
   EXPECT_FALSE(Util::PathExists(Root() + "/missing/deeper"));
-}
-
-TEST_F(PathExistence, PathThatCannotBeLookedAtThrowsWithTheReason) {
   // A loop of links stands for an unreachable device: the lookup fails
   // for a reason other than absence.
   ::symlink("b", (Root() + "/a").c_str());
@@ -282,33 +229,22 @@ TEST_F(PathExistence, PathThatCannotBeLookedAtThrowsWithTheReason) {
 
 // ---- Target namespaces -------------------------------------------------
 
-using TargetNamespace = NamespaceDirsTest;
-
-TEST_F(TargetNamespace, IsMadeWithARelativeLinkUnderTargets) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, kPolicy, uuid);
-
-  EXPECT_EQ(kTarget, uuid);
+TEST_F(NamespaceDirsTest, TargetNamespaceIsMadeWithARelativeLinkUnderTargets) {
+  EXPECT_EQ(kTarget, MakeTarget(kPolicy));
   EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
   EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
   EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
   EXPECT_TRUE(host_.Clock().Sleeps().empty());
-}
-
-TEST_F(TargetNamespace, WithoutAPolicyGetsTheDatastoreDefault) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, "", uuid);
+  Util::DeleteTargetNamespace(kTarget);
+  MakeTarget();
   EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(kTarget));
 }
 
-TEST_F(TargetNamespace, LinkThatCannotBeMadeIsTriedTwelveTimesThenTheNamespaceIsRemoved) {
+TEST_F(NamespaceDirsTest, TargetLinkIsTriedTwelveTimesThenTheNamespaceIsRemoved) {
   // The configuration namespace without its targets directory.
   Util::CreateNamespaceDir("");
   host_.Log().Clear();
   std::string uuid = "unchanged";
-
   EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
             MessageOf([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
 
@@ -326,14 +262,10 @@ TEST_F(TargetNamespace, LinkThatCannotBeMadeIsTriedTwelveTimesThenTheNamespaceIs
   EXPECT_FALSE(Util::PathExists(Root() + "/" + kTarget));
   EXPECT_EQ("(none)", AnnouncedPolicy(kTarget));
   EXPECT_EQ("unchanged", uuid);
-}
 
-TEST_F(TargetNamespace, FailedCleanUpIsLoggedAndTheLinkFailureReported) {
-  Util::CreateNamespaceDir("");
+  // A clean-up that fails is logged and the link failure still reported.
+  FailDeletes();
   host_.Log().Clear();
-  spaces_->beforeDelete = FailWith;
-  std::string uuid;
-
   EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
             MessageOf([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
   EXPECT_THAT(Logged(LogLevel::Error, "clean up"),
@@ -341,7 +273,7 @@ TEST_F(TargetNamespace, FailedCleanUpIsLoggedAndTheLinkFailureReported) {
                           " with error: datastore busy"));
 }
 
-TEST_F(TargetNamespace, NamespaceFailureIsThrownAsReportedAndMakesNoLink) {
+TEST_F(NamespaceDirsTest, TargetNamespaceFailureIsThrownAsReportedAndMakesNoLink) {
   MakeConfigNamespace();
   fs::create_directory(Root() + "/" + kTarget);
   std::string uuid;
@@ -350,12 +282,9 @@ TEST_F(TargetNamespace, NamespaceFailureIsThrownAsReportedAndMakesNoLink) {
   EXPECT_FALSE(fs::is_symlink(fs::symlink_status(TargetLink())));
 }
 
-TEST_F(TargetNamespace, DeletionRemovesLinkNamespaceAndAnnouncement) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, "", uuid);
+TEST_F(NamespaceDirsTest, TargetDeletionRemovesLinkNamespaceAndAnnouncement) {
+  MakeTarget();
   zel::test::WriteFile(Root() + "/" + kTarget + "/lun.qdsk", "disk");
-
   Util::DeleteTargetNamespace(kTarget);
   EXPECT_THAT(Logged(LogLevel::Info, "target uuid"),
               ElementsAre("Util: Delete target namespace, target uuid: " + kTarget));
@@ -364,29 +293,18 @@ TEST_F(TargetNamespace, DeletionRemovesLinkNamespaceAndAnnouncement) {
   EXPECT_EQ("(none)", AnnouncedPolicy(kTarget));
 }
 
-TEST_F(TargetNamespace, FailedDeletionKeepsTheLinkAsBefore) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, kPolicy, uuid);
-  spaces_->beforeDelete = FailWith;
-
+TEST_F(NamespaceDirsTest, FailedTargetDeletionPutsTheLinkBackOrLogsWhyItCannot) {
+  MakeTarget(kPolicy);
+  FailDeletes();
   EXPECT_EQ("Failed to delete namespace for target with UUID " + kTarget +
                 " with error: datastore busy",
             MessageOf([] { Util::DeleteTargetNamespace(kTarget); }));
   EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
   EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
   EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
-}
 
-TEST_F(TargetNamespace, LinkThatCannotBeRestoredIsLogged) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, "", uuid);
-  spaces_->beforeDelete = [this](Namespaces& spaces, const std::string& name) {
-    fs::remove_all(Util::GetTargetsDirPath());
-    FailWith(spaces, name);
-  };
-
+  spaces_->Before("DeleteNamespace", [] { fs::remove_all(Util::GetTargetsDirPath()); });
+  host_.Log().Clear();
   EXPECT_THAT(MessageOf([] { Util::DeleteTargetNamespace(kTarget); }),
               StartsWith("Failed to delete namespace for target with UUID " + kTarget));
   EXPECT_THAT(Logged(LogLevel::Error),
@@ -394,24 +312,18 @@ TEST_F(TargetNamespace, LinkThatCannotBeRestoredIsLogged) {
                           " with error: No such file or directory (2)"));
 }
 
-TEST_F(TargetNamespace, MissingLinkFailsBeforeTheNamespaceIsTouched) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, "", uuid);
+TEST_F(NamespaceDirsTest, TargetDeletionWithoutLinkFailsAndWithoutNamespaceRemovesTheLink) {
+  MakeTarget();
   fs::remove(TargetLink());
-
   EXPECT_EQ("Util: Failed to remove target symlink: " + TargetLink() +
                 " with error: No such file or directory",
             MessageOf([] { Util::DeleteTargetNamespace(kTarget); }));
   EXPECT_TRUE(Util::PathExists(Root() + "/" + kTarget));
-}
 
-TEST_F(TargetNamespace, NamespaceAlreadyGoneIsReportedAndTheLinkRemoved) {
-  MakeConfigNamespace();
-  std::string uuid;
-  Util::CreateTargetNamespace(kTarget, "", uuid);
+  fs::remove_all(Root());
+  fs::create_directories(Root());
+  MakeTarget();
   fs::remove_all(Root() + "/" + kTarget);
-
   Util::DeleteTargetNamespace(kTarget);
   EXPECT_THAT(Logged(LogLevel::Error),
               ElementsAre("Util: Cannot find target namespace dir for target " + kTarget));

@@ -11,18 +11,16 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
 #include "directory/NicPublication.h"
 #include "service/DownNics.h"
-#include "local_directory_support.h"
-#include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/local/SqliteDirectory.h"
 #include "support/FakeNetworkInterfaces.h"
+#include "support/Messages.h"
 #include "support/ServiceHome.h"
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
@@ -49,71 +47,6 @@ using zel::test::FakeNetworkInterfaces;
 
 const std::string kOtherHost = "99999999-8888-4777-8666-555555555555";
 
-// The real directory, with writes that can be made to fail and counted.
-class FaultyDirectory final : public Directory {
- public:
-  explicit FaultyDirectory(std::unique_ptr<Directory> real) : real_(std::move(real)) {}
-
-  void FailQueries(NOK_ReturnStatus status) { Set(&queryFault_, status); }
-  void FailUpdates(NOK_ReturnStatus status) { Set(&updateFault_, status); }
-  void FailDeletes(NOK_ReturnStatus status) { Set(&deleteFault_, status); }
-  // Updates and deletes that reached the real directory.
-  int Writes() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return writes_;
-  }
-
-  NOK_ReturnStatus Query(uint32_t type, const std::string& key,
-                         std::vector<DirectoryEntry>* entries) override {
-    if (NOK_ReturnStatus fault = Get(queryFault_)) return fault;
-    return real_->Query(type, key, entries);
-  }
-  NOK_ReturnStatus QueryByHost(uint32_t type, const std::string& host,
-                               std::vector<DirectoryEntry>* entries) override {
-    if (NOK_ReturnStatus fault = Get(queryFault_)) return fault;
-    return real_->QueryByHost(type, host, entries);
-  }
-  void AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate accept, Completion done) override {
-    if (NOK_ReturnStatus fault = Get(updateFault_)) {
-      done(fault, nullptr);
-      return;
-    }
-    Count();
-    real_->AsyncUpdate(entry, std::move(accept), std::move(done));
-  }
-  NOK_ReturnStatus Delete(uint32_t type, const std::string& key,
-                          const std::string& entryId) override {
-    if (NOK_ReturnStatus fault = Get(deleteFault_)) return fault;
-    Count();
-    return real_->Delete(type, key, entryId);
-  }
-  SubscriptionHandle Subscribe(uint32_t type, const std::string& key, Callback callback) override {
-    return real_->Subscribe(type, key, std::move(callback));
-  }
-  void Unsubscribe(SubscriptionHandle handle) override { real_->Unsubscribe(handle); }
-
- private:
-  void Set(NOK_ReturnStatus* fault, NOK_ReturnStatus status) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    *fault = status;
-  }
-  NOK_ReturnStatus Get(const NOK_ReturnStatus& fault) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return fault;
-  }
-  void Count() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    ++writes_;
-  }
-
-  std::unique_ptr<Directory> real_;
-  mutable std::mutex mutex_;
-  NOK_ReturnStatus queryFault_ = NOK_OK;
-  NOK_ReturnStatus updateFault_ = NOK_OK;
-  NOK_ReturnStatus deleteFault_ = NOK_OK;
-  int writes_ = 0;
-};
-
 struct Published {
   std::string entryId;
   uint64_t version;
@@ -123,32 +56,14 @@ struct Published {
 
 class NicPublicationTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const zel::platform::HostConfig config = zel::platform::LoadHostConfig(home_.Path());
-    hostUuid_ = config.hostUuid;
-    auto log = std::make_unique<zel::test::RecordingLogSink>();
-    log_ = log.get();
-    auto host =
-        std::make_unique<zel::platform::Host>(config, std::make_unique<zel::test::TestClock>(),
-                                              std::move(log), zel::platform::NewPosixFileSystem());
-    std::unique_ptr<Directory> sqlite = zel::platform::NewSqliteDirectory(config.directoryPath);
-    ASSERT_TRUE(sqlite);
-    auto directory = std::make_unique<FaultyDirectory>(std::move(sqlite));
-    directory_ = directory.get();
-    host->SetDirectory(std::move(directory));
-    auto nics = std::make_unique<FakeNetworkInterfaces>();
-    nics_ = nics.get();
-    host->SetNics(std::move(nics));
-    previous_ = zel::platform::SelectHost(std::move(host));
-  }
-  void TearDown() override { zel::platform::SelectHost(std::move(previous_)); }
+  int Writes() const { return directory_.Count("AsyncUpdate") + directory_.Count("Delete"); }
 
   // This host's published interfaces by name, with their addresses as the
   // other hosts' reader gives them.
   std::map<std::string, Published> PublishedNow() {
     std::vector<DirectoryEntry> entries;
     const NOK_ReturnStatus status =
-        directory_->Query(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, hostUuid_, &entries);
+        directory_.Query(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, hostUuid_, &entries);
     EXPECT_TRUE(status == NOK_OK || status == NOK_NOT_FOUND) << status;
     std::map<std::string, Published> byName;
     for (const DirectoryEntry& entry : entries) {
@@ -163,19 +78,20 @@ class NicPublicationTest : public ::testing::Test {
     return byName;
   }
 
-  bool Logged(LogLevel level, const std::string& text) const {
-    for (const zel::test::LogLine& line : log_->Lines()) {
-      if (line.level == level && line.text == text) return true;
-    }
-    return false;
+  bool Logged(LogLevel level, const std::string& text) const { return log_->Count(level, text) > 0; }
+  // Publishes an interface entry of `host` as written by hand.
+  void WriteEntry(const std::string& host, const std::string& payload) {
+    const DirectoryEntry entry{BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, host, host, "", payload, 0};
+    ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(directory_, entry));
   }
 
   zel::test::TempHome home_;
-  std::string hostUuid_;
-  zel::test::RecordingLogSink* log_ = nullptr;
-  FaultyDirectory* directory_ = nullptr;
-  FakeNetworkInterfaces* nics_ = nullptr;
-  std::unique_ptr<zel::platform::Host> previous_;
+  zel::test::ScopedTestHost host_{zel::platform::LoadHostConfig(home_.Path())};
+  const std::string hostUuid_ = host_.Config().hostUuid;
+  zel::test::RecordingLogSink* log_ = &host_.Log();
+  zel::test::DirectoryDouble& directory_ = host_.Install<zel::test::DirectoryDouble>(
+      zel::platform::NewSqliteDirectory(host_.Config().directoryPath));
+  FakeNetworkInterfaces* nics_ = &host_.Install(std::make_unique<FakeNetworkInterfaces>());
 };
 
 TEST_F(NicPublicationTest, FirstPassPublishesEveryInterfaceUnderThisHost) {
@@ -194,31 +110,29 @@ TEST_F(NicPublicationTest, FirstPassPublishesEveryInterfaceUnderThisHost) {
   EXPECT_EQ("192.168.7.1", published.at("nok1").ipv4);
   EXPECT_EQ("", published.at("nok1").ipv6);
   for (const std::string name : {"nok2", "nok3"}) {
-    EXPECT_EQ("", published.at(name).ipv4) << name;
-    EXPECT_EQ("", published.at(name).ipv6) << name;
+    EXPECT_EQ("", published.at(name).ipv4 + published.at(name).ipv6) << name;
   }
-  EXPECT_TRUE(Logged(LogLevel::Info, "Util: Start to publish noknics to brix"));
-  EXPECT_TRUE(
-      Logged(LogLevel::Info, "Util: Getting nok interface entries from BRIX for this host."));
-  EXPECT_TRUE(
-      Logged(LogLevel::Info, "Util: Successfully updated BRIX interface entry for nok nic nok2"));
+  for (const std::string line : {"Util: Start to publish noknics to brix",
+                                 "Util: Getting nok interface entries from BRIX for this host.",
+                                 "Util: Successfully updated BRIX interface entry for nok nic nok2"}) {
+    EXPECT_TRUE(Logged(LogLevel::Info, line)) << line;
+  }
   EXPECT_THAT(log_->Texts(LogLevel::Warning), IsEmpty());
 }
 
-TEST_F(NicPublicationTest, ChangedAddressIsUpdatedInPlaceAndUnchangedOnesAreNotWritten) {
+TEST_F(NicPublicationTest, EachPassWritesOnlyTheDifferenceUnderTheSameIdentities) {
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "fd00::5");
   nics_->Set("nok1", NOKNIC_UP, "10.0.1.5", "");
   nics_->Set("nok2", NOKNIC_UP, "10.0.2.5", "fd00:2::5");
   PublishNokNicsToBrix();
   const std::map<std::string, Published> before = PublishedNow();
-  const int writes = directory_->Writes();
+  const int writes = Writes();
 
   nics_->SetAddresses("nok0", "10.0.0.6", "fd00::5");
   nics_->SetAddresses("nok1", "10.0.1.5", "fd00:1::7");
   PublishNokNicsToBrix();
-
-  EXPECT_EQ(writes + 2, directory_->Writes());
-  const std::map<std::string, Published> after = PublishedNow();
+  EXPECT_EQ(writes + 2, Writes());
+  std::map<std::string, Published> after = PublishedNow();
   ASSERT_EQ(3u, after.size());
   for (const std::string name : {"nok0", "nok1", "nok2"}) {
     EXPECT_EQ(before.at(name).entryId, after.at(name).entryId) << name;
@@ -230,38 +144,32 @@ TEST_F(NicPublicationTest, ChangedAddressIsUpdatedInPlaceAndUnchangedOnesAreNotW
   EXPECT_TRUE(
       Logged(LogLevel::Info, "Util: Successfully updated BRIX interface entry for nok nic nok0"));
   EXPECT_FALSE(log_->Contains("Util: Start to delete brix entry for 'nok0'"));
-
   PublishNokNicsToBrix();
-  EXPECT_EQ(writes + 2, directory_->Writes());
-}
+  EXPECT_EQ(writes + 2, Writes());
 
-TEST_F(NicPublicationTest, VanishedInterfaceIsDeletedAndANewOneGetsItsOwnEntry) {
-  nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  nics_->Set("nok1", NOKNIC_UP, "10.0.1.5", "");
-  PublishNokNicsToBrix();
-  const std::map<std::string, Published> before = PublishedNow();
-
+  // A vanished interface is deleted, a new one gets its own entry.
   nics_->Remove("nok1");
-  nics_->Set("nok2", NOKNIC_UP, "10.0.2.5", "");
+  nics_->Set("nok3", NOKNIC_UP, "10.0.3.5", "");
   PublishNokNicsToBrix();
-
-  const std::map<std::string, Published> after = PublishedNow();
-  ASSERT_EQ(2u, after.size());
-  EXPECT_EQ(0u, after.count("nok1"));
-  EXPECT_EQ(before.at("nok0").version, after.at("nok0").version);
-  EXPECT_EQ("10.0.2.5", after.at("nok2").ipv4);
-  EXPECT_NE(before.at("nok1").entryId, after.at("nok2").entryId);
-  EXPECT_NE(before.at("nok0").entryId, after.at("nok2").entryId);
+  const std::map<std::string, Published> last = PublishedNow();
+  ASSERT_EQ(3u, last.size());
+  EXPECT_EQ(0u, last.count("nok1"));
+  EXPECT_EQ(after.at("nok0").version, last.at("nok0").version);
+  EXPECT_EQ("10.0.3.5", last.at("nok3").ipv4);
+  for (const std::string name : {"nok0", "nok1", "nok2"}) {
+    EXPECT_NE(before.at(name).entryId, last.at("nok3").entryId) << name;
+  }
   EXPECT_TRUE(Logged(LogLevel::Info, "Util: Start to delete brix entry for 'nok1'"));
 }
 
-TEST_F(NicPublicationTest, UnreadableEntryOfThisHostIsDeletedByTheNextPass) {
-  DirectoryEntry junk;
-  junk.type = BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP;
-  junk.key = hostUuid_;
-  junk.ownerHost = hostUuid_;
-  junk.payload = "{\"type\":\"BrixOrvaIscsiInterfaceMap\",\"name\":\"nok0\"}";
-  ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, junk));
+TEST_F(NicPublicationTest, UnreadableEntryOfThisHostIsReplacedAndOtherHostsAreLeftAlone) {
+  WriteEntry(hostUuid_, "{\"type\":\"BrixOrvaIscsiInterfaceMap\",\"name\":\"nok0\"}");
+  ZelInterfaceRecord record;
+  record.name = "nok0";
+  record.ipv4 = {10, 9, 9, 9};
+  std::string payload;
+  ASSERT_EQ(NOK_OK, zel::platform::MarshalInterfaceRecord(record, &payload));
+  WriteEntry(kOtherHost, payload);
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
 
   PublishNokNicsToBrix();
@@ -272,51 +180,27 @@ TEST_F(NicPublicationTest, UnreadableEntryOfThisHostIsDeletedByTheNextPass) {
   EXPECT_TRUE(Logged(LogLevel::Warning,
                      "Util: Failed to umsh ZEL interface entry from BRIX with error payload lacks "
                      "text member 'ipv4'"));
-}
-
-TEST_F(NicPublicationTest, OtherHostsEntriesAreLeftAlone) {
-  DirectoryEntry peer;
-  peer.type = BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP;
-  peer.key = kOtherHost;
-  peer.ownerHost = kOtherHost;
-  ZelInterfaceRecord record;
-  record.name = "nok0";
-  record.ipv4 = {10, 9, 9, 9};
-  ASSERT_EQ(NOK_OK, zel::platform::MarshalInterfaceRecord(record, &peer.payload));
-  ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, peer));
-  nics_->Set("nok1", NOKNIC_UP, "10.0.0.5", "");
-
-  PublishNokNicsToBrix();
-
   std::string ipv4;
   ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "nok0", &ipv4, nullptr));
   EXPECT_EQ("10.9.9.9", ipv4);
-  EXPECT_EQ(1u, PublishedNow().size());
 }
 
-TEST_F(NicPublicationTest, FailedQueryIsLoggedAndWritesNothing) {
+TEST_F(NicPublicationTest, FailedQueryOrListingIsLoggedAndChangesNothing) {
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  directory_->FailQueries(NOK_TIMEOUT);
-
+  directory_.FailNext("Query", NOK_TIMEOUT);
   EXPECT_NO_THROW(PublishNokNicsToBrix());
-
-  EXPECT_EQ(0, directory_->Writes());
+  EXPECT_EQ(0, Writes());
   EXPECT_TRUE(Logged(LogLevel::Error,
                      "Util: Failed to get ZEL interface entry from BRIX with error Timeout"));
   EXPECT_TRUE(Logged(LogLevel::Error,
                      "Util: Failed to publish nok nic info to BRIX Failed to get ZEL interface "
                      "entry from BRIX with error Timeout"));
-}
 
-TEST_F(NicPublicationTest, FailedInterfaceListingKeepsWhatIsPublished) {
-  nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
   PublishNokNicsToBrix();
-  const int writes = directory_->Writes();
+  const int writes = Writes();
   nics_->FailListing("Failed to list the network interfaces of this host: Out of memory");
-
   EXPECT_NO_THROW(PublishNokNicsToBrix());
-
-  EXPECT_EQ(writes, directory_->Writes());
+  EXPECT_EQ(writes, Writes());
   EXPECT_EQ(1u, PublishedNow().count("nok0"));
   EXPECT_TRUE(Logged(LogLevel::Error,
                      "Util: Failed to publish nok nic info to BRIX Failed to list the network "
@@ -335,20 +219,18 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
   nics_->Remove("nok0");
   nics_->SetAddresses("nok1", "10.0.1.6", "");
   nics_->Set("nok2", NOKNIC_UP, "10.0.2.5", "");
-  directory_->FailDeletes(NOK_IO_ERROR);
+  directory_.FailNext("Delete", NOK_IO_ERROR);
   PublishNokNicsToBrix();
 
   const std::string failure = "Failed to delete interface entry UUID " + before.at("nok0").entryId +
                               " with error I/O error";
   EXPECT_TRUE(Logged(LogLevel::Error, "Util: " + failure));
   EXPECT_TRUE(Logged(LogLevel::Error, "Util: Failed to publish nok nic info to BRIX " + failure));
-  std::map<std::string, Published> mid = PublishedNow();
+  const std::map<std::string, Published> mid = PublishedNow();
   EXPECT_EQ(1u, mid.count("nok0"));
   EXPECT_EQ(0u, mid.count("nok2"));
 
-  directory_->FailDeletes(NOK_OK);
   PublishNokNicsToBrix();
-
   const std::map<std::string, Published> after = PublishedNow();
   ASSERT_EQ(2u, after.size());
   EXPECT_EQ("10.0.1.6", after.at("nok1").ipv4);
@@ -356,26 +238,16 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
   EXPECT_EQ("10.0.2.5", after.at("nok2").ipv4);
 }
 
-TEST_F(NicPublicationTest, FailedUpdateNamesTheInterfaceAndTheStatus) {
-  nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  directory_->FailUpdates(NOK_BUSY);
+TEST_F(NicPublicationTest, FailedUpdateNamesTheInterfaceAndDeletingAGoneEntryIsOnlyLogged) {
+  const std::string message =
+      "Failed to update BRIX interface entry for nok nic nok0 with status Busy";
+  directory_.FailNext("AsyncUpdate", NOK_BUSY);
   ZelInterfaceRecord record;
   record.name = "nok0";
-
-  try {
-    UpdateNetBrixEntry(record, "");
-    FAIL() << "no exception";
-  } catch (const OrvaCtlException& e) {
-    EXPECT_EQ("Failed to update BRIX interface entry for nok nic nok0 with status Busy",
-              e.GetMessage());
-  }
-  EXPECT_TRUE(
-      Logged(LogLevel::Error,
-             "Util: Failed to update BRIX interface entry for nok nic nok0 with status Busy"));
+  EXPECT_EQ(message, zel::test::MessageOf([&] { UpdateNetBrixEntry(record, ""); }));
+  EXPECT_TRUE(Logged(LogLevel::Error, "Util: " + message));
   EXPECT_THAT(PublishedNow(), IsEmpty());
-}
 
-TEST_F(NicPublicationTest, DeletingAnEntryThatIsGoneAlreadyIsOnlyLogged) {
   EXPECT_NO_THROW(DeleteNetBrixEntry("0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20"));
   EXPECT_TRUE(Logged(LogLevel::Warning,
                      "Util: Failed to get ZEL interface entry from BRIX with error Not found"));
@@ -383,13 +255,9 @@ TEST_F(NicPublicationTest, DeletingAnEntryThatIsGoneAlreadyIsOnlyLogged) {
 
 TEST(NicPublicationWithoutDirectoryTest, PassFailsWithTheLibraryMessage) {
   zel::test::ScopedTestHost host;
-  auto nics = std::make_unique<FakeNetworkInterfaces>();
-  nics->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-  CurrentHost().SetNics(std::move(nics));
-
+  host.Install(std::make_unique<FakeNetworkInterfaces>()).Set("nok0", NOKNIC_UP, "10.0.0.5", "");
   EXPECT_THROW(BrixHandle(), OrvaCtlException);
   EXPECT_NO_THROW(PublishNokNicsToBrix());
-
   EXPECT_TRUE(host.Log().Contains(
       "Util: Failed to publish nok nic info to BRIX Failed to initialize BRIX library: " +
       std::string(NOK_ReturnStatusToString(NOK_NO_CONNECTION))));
@@ -407,14 +275,13 @@ uint32_t Ipv4(const char* text) {
   return address.s_addr;
 }
 
-TEST(ZelNetBrixEntryTest, SameInterfaceComparesNamesOnlyDeepEqualAlsoTheAddresses) {
+TEST(ZelNetBrixEntryTest, SameInterfaceComparesNamesDeepEqualAddressesInNetworkByteOrder) {
   const ZelNetBrixEntry wanted("nok0", Ipv4("10.0.0.5"), Ipv6("fd00::5"));
   const ZelNetBrixEntry moved("nok0", Ipv4("10.0.0.6"), Ipv6("fd00::5"));
   const ZelNetBrixEntry renumbered6("nok0", Ipv4("10.0.0.5"), Ipv6("fd00::6"));
   const ZelNetBrixEntry other("nok1", Ipv4("10.0.0.5"), Ipv6("fd00::5"));
   const ZelNetBrixEntry published(wanted.GetBrixOrvaIscsiInterfaceMap(),
                                   "0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20");
-
   EXPECT_TRUE(wanted == moved);
   EXPECT_FALSE(wanted.DeepEqual(moved));
   EXPECT_FALSE(wanted.DeepEqual(renumbered6));
@@ -425,13 +292,9 @@ TEST(ZelNetBrixEntryTest, SameInterfaceComparesNamesOnlyDeepEqualAlsoTheAddresse
   EXPECT_TRUE(published.DeepEqual(wanted));
   EXPECT_EQ("", wanted.GetEntryUuid());
   EXPECT_EQ("0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20", published.GetEntryUuid());
-}
 
-TEST(ZelNetBrixEntryTest, DirectoryRecordCarriesTheAddressInNetworkByteOrder) {
-  const ZelNetBrixEntry entry("nok0", Ipv4("10.1.2.3"), Ipv6("fd00::1"));
-
-  const ZelInterfaceRecord record = entry.GetBrixOrvaIscsiInterfaceMap();
-
+  const ZelInterfaceRecord record = ZelNetBrixEntry("nok0", Ipv4("10.1.2.3"), Ipv6("fd00::1"))
+                                        .GetBrixOrvaIscsiInterfaceMap();
   EXPECT_EQ("nok0", record.name);
   EXPECT_EQ((std::array<uint8_t, 4>{10, 1, 2, 3}), record.ipv4);
   EXPECT_EQ(0xfd, record.ipv6[0]);
@@ -439,65 +302,44 @@ TEST(ZelNetBrixEntryTest, DirectoryRecordCarriesTheAddressInNetworkByteOrder) {
   EXPECT_EQ(Ipv4("10.1.2.3"), ZelNetBrixEntry(record, "").GetIpv4());
 }
 
-// The standard configuration with its default portal group listening on
-// `listens` instead of nok0:3260.
-std::string ConfListeningOn(const std::vector<std::string>& listens) {
-  std::string conf = zel::test::kStandardConf;
-  std::string lines;
-  for (const std::string& listen : listens) lines += "\t listen " + listen + "\n";
-  const std::string standard = "\t listen nok0:3260\n";
-  conf.replace(conf.find(standard), standard.size(), lines);
-  return conf;
-}
-
 class DownNokNicTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    services_ = home_.InstallTestHost();
-    auto nics = std::make_unique<FakeNetworkInterfaces>();
-    nics_ = nics.get();
-    CurrentHost().SetNics(std::move(nics));
-  }
-
-  int Lines(LogLevel level, const std::string& text) const {
-    int count = 0;
-    for (const zel::test::LogLine& line : services_.log->Lines()) {
-      if (line.level == level && line.text == text) ++count;
-    }
-    return count;
+  // The standard configuration with its default portal group listening on
+  // `listens` instead of nok0:3260.
+  void ListenOn(const std::vector<std::string>& listens) {
+    std::string conf = zel::test::kStandardConf, lines;
+    for (const std::string& listen : listens) lines += "\t listen " + listen + "\n";
+    const std::string standard = "\t listen nok0:3260\n";
+    home_.WriteConf(conf.replace(conf.find(standard), standard.size(), lines));
   }
 
   zel::test::ServiceHome home_;
-  zel::test::TestServices services_{};
-  FakeNetworkInterfaces* nics_ = nullptr;
+  zel::test::TestServices services_ = home_.InstallTestHost();
+  FakeNetworkInterfaces* nics_ = zel::test::InstallFakeNetworkInterfaces();
 };
 
 TEST_F(DownNokNicTest, InterfacesDownOrWithoutCarrierAreReportedInConfigurationOrder) {
-  home_.WriteConf(ConfListeningOn(
-      {"nok2:3260", "nok0:3261", "nok3:3262", "nok1:3263", "nok4:3264", "nok2:3265"}));
+  ListenOn({"nok2:3260", "nok0:3261", "nok3:3262", "nok1:3263", "nok4:3264", "nok2:3265"});
   nics_->Set("nok0", NOKNIC_UP);
   nics_->Set("nok1", NOKNIC_DOWN);
   nics_->Set("nok2", NOKNIC_NO_CARRIER);
   nics_->Set("nok3", NOKNIC_NO_UPLINKS);
   nics_->Set("unused", NOKNIC_DOWN);
-
   EXPECT_THAT(GetZelDownNokNics(), ElementsAre("nok2", "nok1"));
-
-  EXPECT_EQ(1, Lines(LogLevel::Warning, "Util: Receive NOKNIC_NONE for iSCSI NokNic(nok4)"));
+  EXPECT_EQ(1, services_.log->Count(LogLevel::Warning,
+                                    "Util: Receive NOKNIC_NONE for iSCSI NokNic(nok4)"));
 }
 
 TEST_F(DownNokNicTest, InterfaceWithoutUplinksIsNeverDownAndLoggedOncePerFiftyLooks) {
-  home_.WriteConf(ConfListeningOn({"nok3:3260"}));
+  ListenOn({"nok3:3260"});
   nics_->Set("nok3", NOKNIC_NO_UPLINKS);
   const std::string line = "Util: Retrieve physical Nic uplinks Empty for iSCSI NokNic(nok3)";
-
   // The counter is the process's: whatever other tests left in it, any 50
   // consecutive looks log exactly once.
   for (int look = 0; look < 50; ++look) EXPECT_THAT(GetZelDownNokNics(), IsEmpty());
-  EXPECT_EQ(1, Lines(LogLevel::Info, line));
+  EXPECT_EQ(1, services_.log->Count(LogLevel::Info, line));
   for (int look = 0; look < 50; ++look) EXPECT_THAT(GetZelDownNokNics(), IsEmpty());
-  EXPECT_EQ(2, Lines(LogLevel::Info, line));
-
+  EXPECT_EQ(2, services_.log->Count(LogLevel::Info, line));
   nics_->SetState("nok3", NOKNIC_DOWN);
   EXPECT_THAT(GetZelDownNokNics(), ElementsAre("nok3"));
 }

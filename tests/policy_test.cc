@@ -11,17 +11,17 @@
 
 #include <nlohmann/json.hpp>
 
-#include "local_directory_support.h"
 #include "platform/EntryMarshal.h"
-#include "platform/Host.h"
-#include "platform/HostServices.h"
 #include "platform/local/AtomicFile.h"
+#include "platform/Host.h"
 #include "platform/local/LocalNamespaces.h"
 #include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
 #include "storage/Compliance.h"
 #include "storage/Namespace.h"
 #include "storage/Policy.h"
+#include "support/FixedServices.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
@@ -32,9 +32,6 @@ namespace {
 
 using zel::test::MessageOf;
 namespace fs = std::filesystem;
-using zel::platform::ClusterFacts;
-using zel::platform::ClusterInfo;
-using zel::platform::ClusterMember;
 using zel::platform::Compliance;
 using zel::platform::CurrentHost;
 using zel::platform::LocalPolicyService;
@@ -76,87 +73,61 @@ TEST(PolicyText, EveryKnownRuleIsReadWithItsValue) {
   EXPECT_EQ("", VerifyFailure(""));
 }
 
-TEST(PolicyText, UnknownRuleIsNamed) {
-  EXPECT_EQ("Invalid storage policy '\"copies\" \"2\"': unknown rule \"copies\"",
-            VerifyFailure("\"copies\" \"2\""));
-  EXPECT_EQ("Invalid storage policy '\"Locality\" \"Preferred\"': unknown rule \"Locality\"",
-            VerifyFailure("\"Locality\" \"Preferred\""));
-}
-
-TEST(PolicyText, ValueOutsideItsRuleNamesTheRuleAndWhatItTakes) {
-  EXPECT_EQ("Invalid storage policy '\"locality\" \"preferred\"': rule \"locality\" takes "
-            "Preferred or NonPreferred, not \"preferred\"",
-            VerifyFailure("\"locality\" \"preferred\""));
-  EXPECT_EQ("Invalid storage policy '\"failuresToTolerate\" \"4\"': rule \"failuresToTolerate\" "
-            "takes a whole number from 0 to 3, not \"4\"",
-            VerifyFailure("\"failuresToTolerate\" \"4\""));
-  EXPECT_THAT(VerifyFailure("\"failuresToTolerate\" \"-1\""), ::testing::HasSubstr("not \"-1\""));
-  EXPECT_THAT(VerifyFailure("\"failuresToTolerate\" \"\""), ::testing::HasSubstr("not \"\""));
-  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"0\"': rule \"stripeWidth\" takes a whole "
-            "number from 1 to 12, not \"0\"",
-            VerifyFailure("\"stripeWidth\" \"0\""));
-  EXPECT_THAT(VerifyFailure("\"stripeWidth\" \"99999999999\""),
-              ::testing::HasSubstr("from 1 to 12"));
-  EXPECT_EQ("Invalid storage policy '\"thinProvisioned\" \"yes\"': rule \"thinProvisioned\" "
-            "takes true or false, not \"yes\"",
-            VerifyFailure("\"thinProvisioned\" \"yes\""));
-}
-
-TEST(PolicyText, MalformedTextSaysWhatIsWrongWhere) {
-  EXPECT_EQ("Invalid storage policy 'failuresToTolerate=1': expected a double-quoted rule name "
-            "at offset 0",
-            VerifyFailure("failuresToTolerate=1"));
-  // The locality check matches a rule with exactly one blank inside.
-  EXPECT_EQ("Invalid storage policy '\"locality\"  \"Preferred\"': rule \"locality\" needs one "
-            "blank and a double-quoted value",
-            VerifyFailure("\"locality\"  \"Preferred\""));
-  EXPECT_EQ("Invalid storage policy '\"locality\"': rule \"locality\" needs one blank and a "
-            "double-quoted value",
-            VerifyFailure("\"locality\""));
-  EXPECT_EQ("Invalid storage policy '\"locality\" \"Preferred': unterminated quoted text at "
-            "offset 11",
-            VerifyFailure("\"locality\" \"Preferred"));
-  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"2\"x': expected a blank after the value "
-            "of rule \"stripeWidth\" at offset 17",
-            VerifyFailure("\"stripeWidth\" \"2\"x"));
-}
-
-TEST(PolicyText, RuleGivenTwiceIsRefused) {
-  EXPECT_EQ("Invalid storage policy '\"stripeWidth\" \"2\" \"stripeWidth\" \"2\"': rule "
-            "\"stripeWidth\" is given twice",
-            VerifyFailure("\"stripeWidth\" \"2\" \"stripeWidth\" \"2\""));
+TEST(PolicyText, EachRefusalSaysWhatIsWrongAndWhere) {
+  const std::string kHead = "Invalid storage policy '";
+  struct Case {
+    std::string policy, expected;  // `expected` follows "<kHead><policy>': "
+  };
+  const Case cases[] = {
+      {"\"copies\" \"2\"", "unknown rule \"copies\""},
+      {"\"Locality\" \"Preferred\"", "unknown rule \"Locality\""},
+      {"\"locality\" \"preferred\"",
+       "rule \"locality\" takes Preferred or NonPreferred, not \"preferred\""},
+      {"\"failuresToTolerate\" \"4\"",
+       "rule \"failuresToTolerate\" takes a whole number from 0 to 3, not \"4\""},
+      {"\"failuresToTolerate\" \"-1\"",
+       "rule \"failuresToTolerate\" takes a whole number from 0 to 3, not \"-1\""},
+      {"\"failuresToTolerate\" \"\"",
+       "rule \"failuresToTolerate\" takes a whole number from 0 to 3, not \"\""},
+      {"\"stripeWidth\" \"0\"", "rule \"stripeWidth\" takes a whole number from 1 to 12, not \"0\""},
+      {"\"stripeWidth\" \"99999999999\"",
+       "rule \"stripeWidth\" takes a whole number from 1 to 12, not \"99999999999\""},
+      {"\"thinProvisioned\" \"yes\"", "rule \"thinProvisioned\" takes true or false, not \"yes\""},
+      {"failuresToTolerate=1", "expected a double-quoted rule name at offset 0"},
+      // The locality check matches a rule with exactly one blank inside.
+      {"\"locality\"  \"Preferred\"", "rule \"locality\" needs one blank and a double-quoted value"},
+      {"\"locality\"", "rule \"locality\" needs one blank and a double-quoted value"},
+      {"\"locality\" \"Preferred", "unterminated quoted text at offset 11"},
+      {"\"stripeWidth\" \"2\"x",
+       "expected a blank after the value of rule \"stripeWidth\" at offset 17"},
+      {"\"stripeWidth\" \"2\" \"stripeWidth\" \"2\"", "rule \"stripeWidth\" is given twice"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(kHead + c.policy + "': " + c.expected, VerifyFailure(c.policy));
+  }
 }
 
 // ---- The datastore's default -------------------------------------------
 
-// A test host whose host.json sets `defaultPolicy`.
-class HostWithDefaultPolicy {
- public:
-  explicit HostWithDefaultPolicy(const std::string& policy) {
-    zel::platform::WriteJsonFileAtomically(home_.Path() + "/host.json",
-                                           nlohmann::json{{"defaultPolicy", policy}}, 0644);
-    previous_ = zel::platform::SelectHost(std::make_unique<zel::platform::Host>(
-        zel::platform::LoadHostConfig(home_.Path()), std::make_unique<zel::test::TestClock>(),
-        std::make_unique<zel::test::RecordingLogSink>(), zel::platform::NewPosixFileSystem()));
-  }
-  ~HostWithDefaultPolicy() { zel::platform::SelectHost(std::move(previous_)); }
+// The configuration of `home` once its host.json sets `defaultPolicy`.
+zel::platform::HostConfig WithDefaultPolicy(const zel::test::TempHome& home,
+                                            const std::string& policy) {
+  zel::platform::WriteJsonFileAtomically(home.Path() + "/host.json",
+                                         nlohmann::json{{"defaultPolicy", policy}}, 0644);
+  return zel::platform::LoadHostConfig(home.Path());
+}
 
- private:
-  zel::test::TempHome home_;
-  std::unique_ptr<zel::platform::Host> previous_;
-};
-
-TEST(DatastoreDefaultPolicy, IsTheHostConfigurationsAndToleratesOneFailureUnlessSet) {
+TEST(DatastoreDefaultPolicy, IsTheHostConfigurationsOrTolerateOneFailureAndNeverAnInvalidOne) {
   {
     zel::test::ScopedTestHost host;
     EXPECT_EQ("\"failuresToTolerate\" \"1\"", Util::GetDatastoreDefaultPolicy());
   }
-  HostWithDefaultPolicy host("\"locality\" \"Preferred\"");
-  EXPECT_EQ("\"locality\" \"Preferred\"", Util::GetDatastoreDefaultPolicy());
-}
-
-TEST(DatastoreDefaultPolicy, ThatIsInvalidIsRefusedRatherThanInherited) {
-  HostWithDefaultPolicy host("mirrored");
+  zel::test::TempHome home;
+  {
+    zel::test::ScopedTestHost host(WithDefaultPolicy(home, "\"locality\" \"Preferred\""));
+    EXPECT_EQ("\"locality\" \"Preferred\"", Util::GetDatastoreDefaultPolicy());
+  }
+  zel::test::ScopedTestHost host(WithDefaultPolicy(home, "mirrored"));
   EXPECT_EQ("Invalid default storage policy 'mirrored' in the host configuration: expected a "
             "double-quoted rule name at offset 0",
             MessageOf([] { Util::GetDatastoreDefaultPolicy(); }));
@@ -164,34 +135,11 @@ TEST(DatastoreDefaultPolicy, ThatIsInvalidIsRefusedRatherThanInherited) {
 
 // ---- Compliance --------------------------------------------------------
 
-class FixedCluster final : public ClusterFacts {
- public:
-  std::string LocalHostUuid() override { return kHost; }
-  NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) override {
-    if (status != NOK_OK) return status;
-    info->isMember = true;
-    info->members = members;
-    return NOK_OK;
-  }
-
-  // `count` members, the first `sited` of them in a named fault domain.
-  void SetMembers(int count, int sited = 0) {
-    members.clear();
-    for (int i = 0; i < count; ++i) {
-      members.push_back({"host-" + std::to_string(i), "h" + std::to_string(i),
-                         i < sited ? "Preferred" : ""});
-    }
-  }
-
-  std::vector<ClusterMember> members;
-  NOK_ReturnStatus status = NOK_OK;
-};
-
 class PolicyCompliance : public ::testing::Test {
  protected:
   void SetUp() override {
     directory_ = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
-    service_ = std::make_unique<LocalPolicyService>(*directory_, kHost, &cluster_);
+    service_ = std::make_unique<LocalPolicyService>(*directory_, kHost, &double_);
   }
 
   Compliance Judged(const std::string& policy) {
@@ -208,7 +156,8 @@ class PolicyCompliance : public ::testing::Test {
   }
 
   zel::test::ScopedTestHost host_;
-  FixedCluster cluster_;
+  zel::test::ClusterFactsDouble double_{std::make_unique<zel::test::FixedCluster>(kHost)};
+  zel::test::FixedCluster& cluster_ = static_cast<zel::test::FixedCluster&>(double_.Target());
   std::unique_ptr<zel::platform::Directory> directory_;
   std::unique_ptr<LocalPolicyService> service_;
 };
@@ -238,14 +187,10 @@ TEST_F(PolicyCompliance, LocalityNeedsAStretchedCluster) {
             Judged("\"locality\" \"Preferred\" \"failuresToTolerate\" \"2\""));
 }
 
-TEST_F(PolicyCompliance, LayoutRulesAndNoRulesAskNothingOfTheMembership) {
-  cluster_.status = NOK_TIMEOUT;
+TEST_F(PolicyCompliance, UnknownMembershipLeavesOnlyRulesThatNeedItUnknown) {
+  double_.FailNext("GetClusterInfo", NOK_TIMEOUT, double_.kAlways);
   EXPECT_EQ(Compliance::Compliant, Judged(""));
   EXPECT_EQ(Compliance::Compliant, Judged("\"stripeWidth\" \"12\" \"thinProvisioned\" \"true\""));
-}
-
-TEST_F(PolicyCompliance, UnknownMembershipLeavesComplianceUnknown) {
-  cluster_.status = NOK_TIMEOUT;
   EXPECT_EQ(Compliance::Unknown, Judged("\"failuresToTolerate\" \"1\""));
   EXPECT_TRUE(host_.Log().Contains("PolicyService: Cannot judge the compliance of storage object " +
                                    kObject + ", the membership is unknown: Timeout"));
@@ -268,13 +213,13 @@ class PolicyUpdate : public ::testing::Test {
     zel::platform::HostConfig config = host_.Config();
     config.hostUuid = kHost;
     auto directory = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
-    auto cluster = std::make_unique<FixedCluster>();
+    auto cluster = std::make_unique<zel::test::FixedCluster>(kHost);
     cluster->SetMembers(3);
-    CurrentHost().SetPolicies(
+    host_.Install<zel::test::PolicyServiceDouble>(
         std::make_unique<LocalPolicyService>(*directory, kHost, cluster.get()));
-    CurrentHost().SetCluster(std::move(cluster));
-    CurrentHost().SetDirectory(std::move(directory));
-    CurrentHost().SetNamespaces(zel::platform::NewLocalNamespaces(config));
+    host_.Install<zel::test::ClusterFactsDouble>(std::move(cluster));
+    host_.Install<zel::test::DirectoryDouble>(std::move(directory));
+    host_.Install<zel::test::NamespacesDouble>(zel::platform::NewLocalNamespaces(config));
   }
 
   void PolicyOf(const std::string& uuid, std::string* policy, bool* compliant) {

@@ -15,10 +15,10 @@
 #include "cache/ConfigCache.h"
 #include "cache/ConfigSave.h"
 #include "directory/DirectoryEntries.h"
-#include "platform/Host.h"
 #include "platform/local/JsonConfigStore.h"
 #include "platform/local/LocalKernelOptions.h"
 #include "platform/local/LocalLegacyConfig.h"
+#include "cache/ConfigSave.h"
 #include "service/ConfigBackup.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
@@ -59,69 +59,36 @@ DefaultInfo FreshDefaults() {
   return info;
 }
 
-// The local store, counting the writes of the defaults; reads or writes of
-// the defaults can be made to fail.
-class CountingStore final : public platform::ConfigStore {
- public:
-  explicit CountingStore(const std::string& path) : real_(path) {}
-  bool GetOrvaIscsiServiceEnabled(bool* enabled) override {
-    return real_.GetOrvaIscsiServiceEnabled(enabled);
-  }
-  void SetOrvaIscsiServiceEnabled(bool enabled) override {
-    real_.SetOrvaIscsiServiceEnabled(enabled);
-  }
-  bool GetOrvaIscsiDefaultConfig(DefaultInfo* info) override {
-    if (failDefaults) throw OrvaCtlException("defaults unreadable");
-    return real_.GetOrvaIscsiDefaultConfig(info);
-  }
-  void SetOrvaIscsiDefaultConfig(const DefaultInfo& info) override {
-    ++defaultWrites;
-    if (failDefaults) throw OrvaCtlException("store is read-only");
-    real_.SetOrvaIscsiDefaultConfig(info);
-  }
-
-  int defaultWrites = 0;
-  bool failDefaults = false;
-
- private:
-  platform::JsonConfigStore real_;
-};
-
 class ServiceStateTest : public ::testing::Test {
  protected:
   ServiceStateTest() {
-    platform::Host& host = platform::CurrentHost();
-    auto store = std::make_unique<CountingStore>(host_.Config().configStorePath);
-    store_ = store.get();
-    host.SetStore(std::move(store));
-    host.SetOptions(platform::NewLocalKernelOptions(host_.Config()));
-    host.SetLegacyConfig(platform::NewLocalLegacyConfigFile(host_.Config()));
+    host_.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(host_.Config()));
+    host_.Install<LegacyConfigDouble>(platform::NewLocalLegacyConfigFile(host_.Config()));
   }
 
+  int DefaultWrites() const { return store_.Count("SetOrvaIscsiDefaultConfig"); }
   void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
   std::string StorePath() const { return host_.Config().configStorePath; }
   std::string LegacyPath() const { return host_.Home() + "/legacy-config.json"; }
 
   ScopedTestHost host_;
-  CountingStore* store_;
+  ConfigStoreDouble& store_ = host_.Install<ConfigStoreDouble>(
+      std::make_unique<platform::JsonConfigStore>(host_.Config().configStorePath));
 };
 
-TEST_F(ServiceStateTest, StatusRoundTripsThroughTheConfigStore) {
+TEST_F(ServiceStateTest, StatusReadsDisabledWhenNeverStoredAndRoundTripsThroughTheStore) {
+  bool enabled = true;
+  Util::LoadConfig(enabled);
+  EXPECT_FALSE(enabled);
+  EXPECT_TRUE(host_.Log().Contains("Util: ZEL service enabled field not exist in config store."));
+  host_.Log().Clear();
   Util::SetStatus(true);
-  bool enabled = false;
   Util::LoadConfig(enabled);
   EXPECT_TRUE(enabled);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
               ElementsAre("Util: Stored zel status 'enabled' to config store successfully",
                           "Util: Retrieved zel status 'enabled' from config store successfully"));
   EXPECT_FALSE(std::filesystem::exists(LegacyPath()));
-}
-
-TEST_F(ServiceStateTest, StatusNeverStoredReadsDisabled) {
-  bool enabled = true;
-  Util::LoadConfig(enabled);
-  EXPECT_FALSE(enabled);
-  EXPECT_TRUE(host_.Log().Contains("Util: ZEL service enabled field not exist in config store."));
 }
 
 TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
@@ -140,7 +107,7 @@ TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
 
 TEST_F(ServiceStateTest, LoadConfigFailsWhenTheStoredDefaultsCannotBeRead) {
   Util::SetStatus(true);
-  store_->failDefaults = true;
+  store_.FailNext("GetOrvaIscsiDefaultConfig", "defaults unreadable");
   bool enabled = false;
   EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
@@ -156,7 +123,7 @@ TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCache) {
   EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
   // What was just read is not written back.
   Util::UpdateDefaultConfigToConfigStore(stored);
-  EXPECT_EQ(store_->defaultWrites, 0);
+  EXPECT_EQ(DefaultWrites(), 0);
 }
 
 TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
@@ -200,14 +167,11 @@ TEST_F(ServiceStateTest, StoreFeatureFollowsTheOptionsFileWithoutRestart) {
   EXPECT_TRUE(enabled);
 }
 
-TEST_F(ServiceStateTest, MissingOptionReadsZeroWithoutAWarning) {
+TEST_F(ServiceStateTest, MissingOptionReadsZeroSilentlyAndAnUnreadableOneWithAWarning) {
   WriteOptions(R"({"ORVA-iSCSI": {"zelLoadBalancePeriod": 30}})");
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelNokNicCtlEnable"), 0);
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA", "zelNokNicCtlEnable"), 0);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
-}
-
-TEST_F(ServiceStateTest, UnreadableOptionReadsZeroWithAWarning) {
   WriteOptions(R"({"ORVA-iSCSI": {"zelLunNaaEnable": "yes"}})");
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
   EXPECT_TRUE(host_.Log().Contains(
@@ -236,19 +200,14 @@ TEST_F(ServiceStateTest, FeatureSwitchIsLoggedByName) {
                           "Util: Retrieve Zel Feature (zelFeatureY): Disabled."));
 }
 
-TEST_F(ServiceStateTest, UnchangedDefaultsAreNeverRewritten) {
-  const DefaultInfo defaults = FreshDefaults();
+TEST_F(ServiceStateTest, DefaultsAreWrittenOnlyWhenAFieldChanged) {
+  DefaultInfo defaults = FreshDefaults();
   Util::UpdateDefaultConfigToConfigStore(defaults);
   Util::UpdateDefaultConfigToConfigStore(defaults);
-  EXPECT_EQ(store_->defaultWrites, 1);
+  EXPECT_EQ(DefaultWrites(), 1);
   DefaultInfo stored;
   ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
   EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
-}
-
-TEST_F(ServiceStateTest, AChangeOfAnyOneFieldIsWritten) {
-  DefaultInfo defaults = FreshDefaults();
-  Util::UpdateDefaultConfigToConfigStore(defaults);
   const std::vector<std::function<void(DefaultInfo&)>> changes = {
       [](DefaultInfo& d) { d.networkInterface += "x"; },
       [](DefaultInfo& d) { d.port = 3261; },
@@ -262,27 +221,26 @@ TEST_F(ServiceStateTest, AChangeOfAnyOneFieldIsWritten) {
   for (const auto& change : changes) {
     change(defaults);
     Util::UpdateDefaultConfigToConfigStore(defaults);
-    EXPECT_EQ(store_->defaultWrites, ++writes);
+    EXPECT_EQ(DefaultWrites(), ++writes);
   }
 }
 
 TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
   const DefaultInfo defaults = FreshDefaults();
-  store_->failDefaults = true;
+  store_.FailNext("SetOrvaIscsiDefaultConfig", "store is read-only");
   EXPECT_EQ(MessageOf([&] { Util::UpdateDefaultConfigToConfigStore(defaults); }),
             "store is read-only");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
               ElementsAre("Util: ZEL failed to persist default config to config store with "
                           "exception store is read-only"));
-  store_->failDefaults = false;
   Util::UpdateDefaultConfigToConfigStore(defaults);
-  EXPECT_EQ(store_->defaultWrites, 2);
+  EXPECT_EQ(DefaultWrites(), 2);
 }
 
 TEST_F(ServiceStateTest, DefaultsStayOutOfTheStoreWhenTheFeatureIsOff) {
   WriteOptions(R"({"ORVA": {"configStore": 0}})");
   Util::UpdateDefaultConfigToConfigStore(FreshDefaults());
-  EXPECT_EQ(store_->defaultWrites, 0);
+  EXPECT_EQ(DefaultWrites(), 0);
   EXPECT_FALSE(std::filesystem::exists(StorePath()));
 }
 
@@ -307,19 +265,10 @@ class ConfigChangeTest : public ::testing::Test {
   TestServices host_ = home_.InstallTestHost();
 };
 
-TEST_F(ConfigChangeTest, AllOnesMeansNothingWasWrittenAndPublishesNothing) {
+TEST_F(ConfigChangeTest, PublicationOfAllOnesIsNoneOfAnOlderGenerationWarnsElseThrows) {
   Util::DoActionForConfigChange(kNone);
   uint64_t generation = 0;
   EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_NOT_FOUND);
-}
-
-TEST_F(ConfigChangeTest, AFailedPublicationThrowsWithTheStatus) {
-  home_.RemoveNamespaceLink();  // no namespace identity to publish under
-  EXPECT_EQ(MessageOf([] { Util::DoActionForConfigChange(8); }),
-            "Failed to Update ZEL conf entry into BRIX with error: Failure");
-}
-
-TEST_F(ConfigChangeTest, AnOlderGenerationThanPublishedOnlyWarns) {
   Util::DoActionForConfigChange(10);
   EXPECT_EQ(Published(), 10u);
   Util::DoActionForConfigChange(9);
@@ -329,7 +278,11 @@ TEST_F(ConfigChangeTest, AnOlderGenerationThanPublishedOnlyWarns) {
                           "failed with NOK_EXISTS"));
   Util::DoActionForConfigChange(11);
   EXPECT_EQ(Published(), 11u);
+  home_.RemoveNamespaceLink();  // no namespace identity to publish under
+  EXPECT_EQ(MessageOf([] { Util::DoActionForConfigChange(12); }),
+            "Failed to Update ZEL conf entry into BRIX with error: Failure");
 }
+
 
 TEST_F(ConfigChangeTest, RefreshIsNeededOnlyForALaterCachedGeneration) {
   uint64_t known = 3;
@@ -375,20 +328,17 @@ TEST_F(ConfigChangeTest, CopySkipsAGenerationAlreadyBackedUp) {
   EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 9\n"));
 }
 
-TEST_F(ConfigChangeTest, CopyOfAnUnreachableFileFailsNamingIt) {
+TEST_F(ConfigChangeTest, BackupCopiesNothingOutsideTheManagementProcessOrFromNowhere) {
+  ASSERT_FALSE(Util::IsRunningInOrvaMgmtd());
+  Util::BackupConfigFile();
+  EXPECT_FALSE(std::filesystem::exists(BackupPath()));
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
   home_.RemoveNamespaceLink();
   EXPECT_FALSE(Util::CopyZelConfWithLock());
   const std::vector<std::string> errors = host_.log->Texts(LogLevel::Error);
   ASSERT_FALSE(errors.empty());
   EXPECT_THAT(errors.back(),
               StartsWith("Util: Failed to copy file from " + NokCtl::Orva::IscsiTarget::Util::GetConfFilePath() + " due to: "));
-  EXPECT_FALSE(std::filesystem::exists(BackupPath()));
-  EXPECT_TRUE(Util::IsBackupConfNeeded());
-}
-
-TEST_F(ConfigChangeTest, BackupOutsideTheManagementProcessNeverCopies) {
-  ASSERT_FALSE(Util::IsRunningInOrvaMgmtd());
-  Util::BackupConfigFile();
   EXPECT_FALSE(std::filesystem::exists(BackupPath()));
   EXPECT_TRUE(Util::IsBackupConfNeeded());
 }

@@ -1,114 +1,75 @@
 #include "support/FakeHostControl.h"
 
+#include <map>
 #include <memory>
-
-#include "platform/Host.h"
+#include <mutex>
 
 namespace zel {
 namespace test {
 namespace {
 
-std::string Joined(const std::vector<std::string>& argv) {
-  std::string line;
-  for (const std::string& word : argv) line += (line.empty() ? "" : " ") + word;
-  return line;
+struct ExitZero final : platform::CommandRunner {
+  int Exec(const std::vector<std::string>&) override { return 0; }
+};
+
+// Names mapped to a state: loaded modules, enabled rulesets.
+struct Switches final : platform::KernelModules, platform::Firewall {
+  bool Get(const std::string& name) {
+    std::lock_guard<std::mutex> guard(mutex);
+    return on[name];
+  }
+  NOK_ReturnStatus Set(const std::string& name, bool value) {
+    std::lock_guard<std::mutex> guard(mutex);
+    on[name] = value;
+    return NOK_OK;
+  }
+  bool ModuleIsLoaded(const std::string& name) override { return Get(name); }
+  NOK_ReturnStatus ModuleLoad(const std::string& name) override { return Set(name, true); }
+  NOK_ReturnStatus ModuleUnload(const std::string& name) override { return Set(name, false); }
+  NOK_ReturnStatus FirewallRulesetSetStatus(const std::string& name, bool enabled) override {
+    return Set(name, enabled);
+  }
+
+  std::mutex mutex;
+  std::map<std::string, bool> on;
+};
+
+void AnswerAlways(CallScript& script, const std::string& key, int code) {
+  script.Heal(key);
+  if (code != 0) script.FailNext(key, code, CallScript::kAlways);
 }
 
 }  // namespace
 
+ScriptedCommandRunner::ScriptedCommandRunner()
+    : CommandRunnerDouble(std::make_unique<ExitZero>()) {}
+
 void ScriptedCommandRunner::SetExitCode(const std::string& command, int code) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  codes_[command] = code;
+  AnswerAlways(*this, command, code);
 }
 
-std::vector<std::vector<std::string>> ScriptedCommandRunner::Calls() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return calls_;
-}
-
-std::vector<std::string> ScriptedCommandRunner::CommandLines() const {
-  std::vector<std::string> lines;
-  for (const std::vector<std::string>& argv : Calls()) lines.push_back(Joined(argv));
-  return lines;
-}
-
-int ScriptedCommandRunner::Exec(const std::vector<std::string>& argv) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  calls_.push_back(argv);
-  auto found = codes_.find(Joined(argv));
-  if (found == codes_.end() && !argv.empty()) found = codes_.find(argv[0]);
-  return found == codes_.end() ? 0 : found->second;
-}
+FakeKernelModules::FakeKernelModules() : KernelModulesDouble(std::make_unique<Switches>()) {}
 
 void FakeKernelModules::SetLoaded(const std::string& name, bool loaded) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  if (loaded) {
-    loaded_.insert(name);
-  } else {
-    loaded_.erase(name);
-  }
+  static_cast<Switches&>(Target()).Set(name, loaded);
 }
 
 void FakeKernelModules::SetLoadResult(const std::string& name, NOK_ReturnStatus status) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  loadResults_[name] = status;
+  AnswerAlways(*this, "ModuleLoad " + name, static_cast<int>(status));
 }
 
 void FakeKernelModules::SetUnloadResult(const std::string& name, NOK_ReturnStatus status) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  unloadResults_[name] = status;
+  AnswerAlways(*this, "ModuleUnload " + name, static_cast<int>(status));
 }
 
-std::vector<std::string> FakeKernelModules::Calls() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return calls_;
-}
-
-bool FakeKernelModules::ModuleIsLoaded(const std::string& name) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  calls_.push_back("ModuleIsLoaded " + name);
-  return loaded_.count(name) != 0;
-}
-
-NOK_ReturnStatus FakeKernelModules::ModuleLoad(const std::string& name) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  calls_.push_back("ModuleLoad " + name);
-  const auto scripted = loadResults_.find(name);
-  if (scripted != loadResults_.end() && scripted->second != NOK_OK) return scripted->second;
-  loaded_.insert(name);
-  return NOK_OK;
-}
-
-NOK_ReturnStatus FakeKernelModules::ModuleUnload(const std::string& name) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  calls_.push_back("ModuleUnload " + name);
-  const auto scripted = unloadResults_.find(name);
-  if (scripted != unloadResults_.end() && scripted->second != NOK_OK) return scripted->second;
-  loaded_.erase(name);
-  return NOK_OK;
-}
+FakeFirewall::FakeFirewall() : FirewallDouble(std::make_unique<Switches>()) {}
 
 void FakeFirewall::SetResult(NOK_ReturnStatus status) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  result_ = status;
+  AnswerAlways(*this, "FirewallRulesetSetStatus", static_cast<int>(status));
 }
 
-std::vector<std::pair<std::string, bool>> FakeFirewall::Calls() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return calls_;
-}
-
-bool FakeFirewall::IsEnabled(const std::string& ruleset) const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  const auto found = enabled_.find(ruleset);
-  return found != enabled_.end() && found->second;
-}
-
-NOK_ReturnStatus FakeFirewall::FirewallRulesetSetStatus(const std::string& ruleset, bool enabled) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  calls_.emplace_back(ruleset, enabled);
-  if (result_ == NOK_OK) enabled_[ruleset] = enabled;
-  return result_;
+bool FakeFirewall::IsEnabled(const std::string& ruleset) {
+  return static_cast<Switches&>(Target()).Get(ruleset);
 }
 
 FakeHostControl InstallFakeHostControl() {
@@ -117,9 +78,9 @@ FakeHostControl InstallFakeHostControl() {
   auto firewall = std::make_unique<FakeFirewall>();
   const FakeHostControl installed{commands.get(), modules.get(), firewall.get()};
   platform::Host& host = platform::CurrentHost();
-  host.SetCommands(std::move(commands));
-  host.SetModules(std::move(modules));
-  host.SetFirewall(std::move(firewall));
+  Attach(host, std::move(commands));
+  Attach(host, std::move(modules));
+  Attach(host, std::move(firewall));
   return installed;
 }
 

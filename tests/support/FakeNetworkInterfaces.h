@@ -1,21 +1,19 @@
-// An in-memory host's network interfaces: the names, states and addresses a
-// test sets, in the order the names were first added. Install it with
-// CurrentHost().SetNics(...) and keep the raw pointer to change it while the
-// code under test runs; every method is thread-safe, so a control thread may
-// read it meanwhile.
+// The double of the host's network interfaces over an in-memory table: the
+// names, states and addresses a test sets, in the order the names were
+// first added. Keep the raw pointer to change it while the code under test
+// runs; every method is thread-safe.
 #pragma once
 
-#include <mutex>
 #include <string>
-#include <vector>
 
-#include "platform/NetworkInterfaces.h"
+#include "support/HostDoubles.h"
 
 namespace zel {
 namespace test {
 
-class FakeNetworkInterfaces final : public platform::NetworkInterfaces {
+class FakeNetworkInterfaces final : public NetworkInterfacesDouble {
  public:
+  FakeNetworkInterfaces();
   // Adds interface `name`, or replaces its state and addresses keeping its
   // place in the order.
   void Set(const std::string& name, platform::NokNicState state, const std::string& ipv4 = "",
@@ -30,27 +28,10 @@ class FakeNetworkInterfaces final : public platform::NetworkInterfaces {
   // `message`, as the local backend does when the system refuses the list.
   // An empty message lifts the fault.
   void FailListing(const std::string& message);
-
-  std::vector<std::string> GetNokKernelNicNames() override;
-  platform::NokNicState GetNokKernelNicState(const std::string& name) override;
-  void GetPreferredZelNetworkAddressForNokNic(const std::string& name, std::string* ipv4,
-                                              std::string* ipv6) override;
-
- private:
-  struct Nic {
-    std::string name;
-    platform::NokNicState state;
-    std::string ipv4;
-    std::string ipv6;
-  };
-  // REQUIRES: mutex_ held. Null when absent.
-  Nic* Find(const std::string& name);
-  void ThrowIfFailing() const;
-
-  mutable std::mutex mutex_;
-  std::vector<Nic> nics_;
-  std::string listingFault_;
 };
+
+// Installs a FakeNetworkInterfaces on the selected host, which owns it.
+FakeNetworkInterfaces* InstallFakeNetworkInterfaces();
 
 }  // namespace test
 }  // namespace zel

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <future>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -82,15 +81,6 @@ std::unique_ptr<platform::Directory> OpenDirectory(const platform::HostConfig& c
   return directory;
 }
 
-void Publish(platform::Directory& directory, const platform::DirectoryEntry& entry) {
-  std::promise<NOK_ReturnStatus> done;
-  std::future<NOK_ReturnStatus> status = done.get_future();
-  directory.AsyncUpdate(entry, {}, [&done](NOK_ReturnStatus result, const platform::DirectoryEntry*) {
-    done.set_value(result);
-  });
-  if (status.get() != NOK_OK) throw std::runtime_error("cannot publish entry " + entry.key);
-}
-
 }  // namespace
 
 void ResetConfigCache() {
@@ -125,10 +115,8 @@ ServiceHome::ServiceHome() {
 }
 
 ServiceHome::~ServiceHome() {
-  if (!selected_) return;
   // The subscription lives in the directory of the host about to go.
-  ResetConfigCache();
-  platform::SelectHost(std::move(previous_));
+  if (testHost_ || localHost_) ResetConfigCache();
 }
 
 std::string ServiceHome::NamespaceDir() const {
@@ -171,7 +159,9 @@ void ServiceHome::AnnounceObject(const std::string& uuid, const std::string& own
   if (platform::MarshalStorageObjectRecord({ownerHost, policy}, &entry.payload) != NOK_OK) {
     throw std::runtime_error("cannot marshal storage object " + uuid);
   }
-  Publish(*OpenDirectory(platform::LoadHostConfig(Path())), entry);
+  if (PublishAndWait(*OpenDirectory(platform::LoadHostConfig(Path())), entry) != NOK_OK) {
+    throw std::runtime_error("cannot publish storage object " + uuid);
+  }
 }
 
 void ServiceHome::AnnounceMember(const std::string& hostUuid, const std::string& hostName) {
@@ -186,40 +176,34 @@ void ServiceHome::AnnounceMember(const std::string& hostUuid, const std::string&
 }
 
 TestServices ServiceHome::InstallTestHost() {
-  platform::HostConfig config = platform::LoadHostConfig(Path());
-  auto clock = std::make_unique<TestClock>();
-  auto log = std::make_unique<RecordingLogSink>();
-  auto files = std::make_unique<FaultyFileSystem>(platform::NewPosixFileSystem());
-  const TestServices services{clock.get(), log.get(), files.get()};
-  std::unique_ptr<platform::Directory> directory = OpenDirectory(config);
-  platform::Directory& shared = *directory;
-
-  auto host = std::make_unique<platform::Host>(std::move(config), std::move(clock), std::move(log),
-                                               std::move(files));
-  const platform::HostConfig& settled = host->Config();
-  host->SetDirectory(std::move(directory));
-  auto cluster = std::make_unique<platform::LocalClusterFacts>(settled, shared);
+  ResetConfigCache();
+  localHost_.reset();
+  testHost_.reset();
+  testHost_ = std::make_unique<ScopedTestHost>(platform::LoadHostConfig(Path()));
+  ScopedTestHost& host = *testHost_;
+  const platform::HostConfig& config = host.Config();
+  TestServices services = host.Services();
+  services.directory = &host.Install<DirectoryDouble>(OpenDirectory(config));
+  platform::Directory& directory = *services.directory;
+  auto cluster = std::make_unique<platform::LocalClusterFacts>(config, directory);
   if (cluster->Announce() != NOK_OK) throw std::runtime_error("cannot announce this host");
-  host->SetCluster(std::move(cluster));
-  host->SetStore(std::make_unique<platform::JsonConfigStore>(settled.configStorePath));
-  host->SetPolicies(std::make_unique<platform::LocalPolicyService>(shared, settled.hostUuid));
-  host->SetDisks(std::make_unique<platform::LocalDiskLibrary>(settled.datastoreRoot));
-  host->SetNamespaces(platform::NewLocalNamespaces(settled));
-  host->SetOptions(platform::NewLocalKernelOptions(settled));
-  Select(std::move(host));
+  services.cluster = &host.Install<ClusterFactsDouble>(std::move(cluster));
+  services.store = &host.Install<ConfigStoreDouble>(
+      std::make_unique<platform::JsonConfigStore>(config.configStorePath));
+  services.policies = &host.Install<PolicyServiceDouble>(
+      std::make_unique<platform::LocalPolicyService>(directory, config.hostUuid));
+  host.Install<DiskLibraryDouble>(std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot));
+  services.namespaces = &host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
+  host.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(config));
   return services;
 }
 
 void ServiceHome::InstallLocalServiceHost(platform::LogLevel maxLevel) {
-  Select(platform::NewLocalServiceHost(platform::LoadHostConfig(Path()), maxLevel));
-}
-
-void ServiceHome::Select(std::unique_ptr<platform::Host> host) {
   ResetConfigCache();
-  std::unique_ptr<platform::Host> replaced = platform::SelectHost(std::move(host));
-  // A second install replaces this home's own earlier host, which goes.
-  if (!selected_) previous_ = std::move(replaced);
-  selected_ = true;
+  testHost_.reset();
+  localHost_.reset();
+  localHost_ = std::make_unique<HostSelection>(
+      platform::NewLocalServiceHost(platform::LoadHostConfig(Path()), maxLevel));
 }
 
 }  // namespace test

@@ -43,14 +43,6 @@ constexpr const char* kFinanceSecret = "Finance#Secret1";
 // zel.conf of the standard preparation, generation 7.
 extern const char* const kStandardConf;
 
-// The test host with every local service backend attached: what a test
-// inspects through it.
-struct TestServices {
-  TestClock* clock;
-  RecordingLogSink* log;
-  FaultyFileSystem* files;
-};
-
 class ServiceHome {
  public:
   // The standard preparation in a fresh temporary home. No host is selected
@@ -86,20 +78,19 @@ class ServiceHome {
   // Publishes another cluster member.
   void AnnounceMember(const std::string& hostUuid, const std::string& hostName);
 
-  // Selects a host of this home whose clock is a TestClock, whose log is
-  // recorded and whose file layer can be scripted to fail, with the local
-  // directory, cluster facts, store, policies, disks and namespaces attached.
+  // Selects a ScopedTestHost of this home with the local directory, cluster
+  // facts, store, policies, disks, namespaces and kernel options attached,
+  // each inside its double (HostDoubles.h).
   TestServices InstallTestHost();
   // Selects the local service host of this home, as zelctl does.
   void InstallLocalServiceHost(platform::LogLevel maxLevel = platform::LogLevel::Warning);
 
  private:
-  void Select(std::unique_ptr<platform::Host> host);
-
   TempHome home_;
   std::string hostUuid_;
-  bool selected_ = false;
-  std::unique_ptr<platform::Host> previous_;
+  // At most one is set; a second install replaces this home's earlier host.
+  std::unique_ptr<ScopedTestHost> testHost_;
+  std::unique_ptr<HostSelection> localHost_;
 };
 
 // Puts the configuration cache back into its empty state: no subscription,

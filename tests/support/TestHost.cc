@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -36,6 +37,19 @@ void TestClock::ClearSleeps() {
 void RecordingLogSink::Write(platform::LogLevel level, const std::string& line) {
   std::lock_guard<std::mutex> guard(mutex_);
   lines_.push_back({level, line});
+  added_.notify_all();
+}
+
+std::string RecordingLogSink::Await(const std::string& part) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  std::string found;
+  added_.wait_for(lock, std::chrono::seconds(20), [&] {
+    for (const LogLine& line : lines_) {
+      if (line.text.find(part) != std::string::npos) return found = line.text, true;
+    }
+    return false;
+  });
+  return found;
 }
 
 std::vector<LogLine> RecordingLogSink::Lines() const {
@@ -58,6 +72,13 @@ bool RecordingLogSink::Contains(const std::string& text) const {
     if (line.text == text) return true;
   }
   return false;
+}
+
+int RecordingLogSink::Count(platform::LogLevel level, const std::string& text) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  int count = 0;
+  for (const LogLine& line : lines_) count += line.level == level && line.text == text ? 1 : 0;
+  return count;
 }
 
 void RecordingLogSink::Clear() {
@@ -90,35 +111,19 @@ bool FaultyFileSystem::Scripted(FileOp op, FileIOResult* result) {
   return true;
 }
 
-FileIOResult FaultyFileSystem::Open(FileIODescriptor* file, const std::string& path, int access) {
-  FileIOResult result;
-  return Scripted(FileOp::Open, &result) ? result : real_->Open(file, path, access);
-}
-
-FileIOResult FaultyFileSystem::Close(FileIODescriptor* file) {
-  FileIOResult result;
-  return Scripted(FileOp::Close, &result) ? result : real_->Close(file);
-}
-
-FileIOResult FaultyFileSystem::AtomicTempFile(const std::string& path, FileIODescriptor* temp) {
-  FileIOResult result;
-  return Scripted(FileOp::AtomicTempFile, &result) ? result : real_->AtomicTempFile(path, temp);
-}
-
-FileIOResult FaultyFileSystem::Sync(const FileIODescriptor& file) {
-  FileIOResult result;
-  return Scripted(FileOp::Sync, &result) ? result : real_->Sync(file);
-}
-
-FileIOResult FaultyFileSystem::AtomicUpdate(FileIODescriptor* temp, const std::string& path) {
-  FileIOResult result;
-  return Scripted(FileOp::AtomicUpdate, &result) ? result : real_->AtomicUpdate(temp, path);
-}
-
-FileIOResult FaultyFileSystem::CloseAndUnlink(FileIODescriptor* file) {
-  FileIOResult result;
-  return Scripted(FileOp::CloseAndUnlink, &result) ? result : real_->CloseAndUnlink(file);
-}
+#define ZEL_FILE_OP(Op, Params, Args)                                  \
+  FileIOResult FaultyFileSystem::Op Params {                           \
+    FileIOResult result;                                               \
+    return Scripted(FileOp::Op, &result) ? result : real_->Op Args;    \
+  }
+ZEL_FILE_OP(Open, (FileIODescriptor * file, const std::string& path, int access),
+            (file, path, access))
+ZEL_FILE_OP(Close, (FileIODescriptor * file), (file))
+ZEL_FILE_OP(AtomicTempFile, (const std::string& path, FileIODescriptor* temp), (path, temp))
+ZEL_FILE_OP(Sync, (const FileIODescriptor& file), (file))
+ZEL_FILE_OP(AtomicUpdate, (FileIODescriptor * temp, const std::string& path), (temp, path))
+ZEL_FILE_OP(CloseAndUnlink, (FileIODescriptor * file), (file))
+#undef ZEL_FILE_OP
 
 TempHome::TempHome() {
   const char* base = std::getenv("TMPDIR");
@@ -134,24 +139,29 @@ TempHome::~TempHome() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-ScopedTestHost::ScopedTestHost() {
+HostSelection::HostSelection(std::unique_ptr<platform::Host> host)
+    : previous_(platform::SelectHost(std::move(host))) {}
+
+HostSelection::~HostSelection() { platform::SelectHost(std::move(previous_)); }
+
+ScopedTestHost::ScopedTestHost() : home_(std::make_unique<TempHome>()) {
+  Select(platform::EmbeddedHostConfig(home_->Path()));
+}
+
+ScopedTestHost::ScopedTestHost(platform::HostConfig config) { Select(std::move(config)); }
+
+ScopedTestHost::~ScopedTestHost() = default;
+
+void ScopedTestHost::Select(platform::HostConfig config) {
   auto clock = std::make_unique<TestClock>();
   auto log = std::make_unique<RecordingLogSink>();
   auto files = std::make_unique<FaultyFileSystem>(platform::NewPosixFileSystem());
-  clock_ = clock.get();
-  log_ = log.get();
-  files_ = files.get();
-  previous_ = platform::SelectHost(std::make_unique<platform::Host>(
-      platform::EmbeddedHostConfig(home_.Path()), std::move(clock), std::move(log),
-      std::move(files)));
+  services_ = TestServices{clock.get(), log.get(), files.get()};
+  auto host = std::make_unique<platform::Host>(std::move(config), std::move(clock), std::move(log),
+                                               std::move(files));
+  host_ = host.get();
+  selection_ = std::make_unique<HostSelection>(std::move(host));
 }
-
-ScopedTestHost::~ScopedTestHost() { platform::SelectHost(std::move(previous_)); }
-
-const platform::HostConfig& ScopedTestHost::Config() const {
-  return platform::CurrentHost().Config();
-}
-
 void WriteFile(const std::string& path, const std::string& text, int mode) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   {

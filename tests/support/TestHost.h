@@ -1,9 +1,11 @@
 // The fault-injecting test host: a clock that records pauses instead of
 // sleeping, a log sink that keeps every line, and a file layer over the real
 // one whose calls can be scripted to fail ("rename fails twice, then
-// succeeds"; "lock held for the next 1501 opens").
+// succeeds"; "lock held for the next 1501 opens"); and the one way a test
+// selects a host (HostSelection, under ScopedTestHost and ServiceHome).
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "platform/Host.h"
+#include "support/HostDoubles.h"
 
 namespace zel {
 namespace test {
@@ -43,10 +46,16 @@ class RecordingLogSink final : public platform::LogSink {
   // Lines at `level` or more severe, text only.
   std::vector<std::string> Texts(platform::LogLevel upTo = platform::LogLevel::Debug2) const;
   bool Contains(const std::string& text) const;
+  // How many lines at exactly `level` are `text`.
+  int Count(platform::LogLevel level, const std::string& text) const;
+  // The first line containing `part`, waiting up to 20 s for another thread
+  // to log it; "" when none came.
+  std::string Await(const std::string& part) const;
   void Clear();
 
  private:
   mutable std::mutex mutex_;
+  mutable std::condition_variable added_;
   std::vector<LogLine> lines_;
 };
 
@@ -95,26 +104,68 @@ class TempHome {
   std::string path_;
 };
 
-// Installs the test host (embedded profile under a fresh temporary home,
-// TestClock, RecordingLogSink, FaultyFileSystem over the real files) for the
-// scope's life and puts the previous host back afterwards.
+// The test host's own parts, and the doubles a ServiceHome attached (null
+// elsewhere).
+struct TestServices {
+  TestClock* clock;
+  RecordingLogSink* log;
+  FaultyFileSystem* files;
+  DirectoryDouble* directory = nullptr;
+  ClusterFactsDouble* cluster = nullptr;
+  ConfigStoreDouble* store = nullptr;
+  PolicyServiceDouble* policies = nullptr;
+  NamespacesDouble* namespaces = nullptr;
+};
+
+// Selects `host` for the object's life and puts the previous host back
+// afterwards: the one place where tests select a host.
+class HostSelection {
+ public:
+  explicit HostSelection(std::unique_ptr<platform::Host> host);
+  ~HostSelection();
+  HostSelection(const HostSelection&) = delete;
+  HostSelection& operator=(const HostSelection&) = delete;
+
+ private:
+  std::unique_ptr<platform::Host> previous_;
+};
+
+// Selects the test host (TestClock, RecordingLogSink, FaultyFileSystem over
+// the real files, no other service) for the scope's life: of the embedded
+// profile under a fresh temporary home, or of `config`.
 class ScopedTestHost {
  public:
   ScopedTestHost();
+  explicit ScopedTestHost(platform::HostConfig config);
   ~ScopedTestHost();
 
-  const std::string& Home() const { return home_.Path(); }
-  const platform::HostConfig& Config() const;
-  TestClock& Clock() { return *clock_; }
-  RecordingLogSink& Log() { return *log_; }
-  FaultyFileSystem& Files() { return *files_; }
+  const std::string& Home() const { return Config().home; }
+  const platform::HostConfig& Config() const { return host_->Config(); }
+  TestClock& Clock() { return *services_.clock; }
+  RecordingLogSink& Log() { return *services_.log; }
+  FaultyFileSystem& Files() { return *services_.files; }
+  TestServices Services() const { return services_; }
+
+  // Puts `double_` into the host as its service and returns it.
+  template <typename Double>
+  Double& Install(std::unique_ptr<Double> double_) {
+    Double& installed = *double_;
+    Attach(*host_, std::move(double_));
+    return installed;
+  }
+  // Wraps `target` in the double `Double`, installs it and returns it.
+  template <typename Double>
+  Double& Install(std::unique_ptr<typename Double::Service> target) {
+    return Install(std::make_unique<Double>(std::move(target)));
+  }
 
  private:
-  TempHome home_;
-  TestClock* clock_;
-  RecordingLogSink* log_;
-  FaultyFileSystem* files_;
-  std::unique_ptr<platform::Host> previous_;
+  void Select(platform::HostConfig config);
+
+  std::unique_ptr<TempHome> home_;  // removed after the host is put back
+  TestServices services_{};
+  platform::Host* host_;
+  std::unique_ptr<HostSelection> selection_;
 };
 
 // Writes `text` to `path`, creating parent directories.
