@@ -39,8 +39,8 @@ bool RunsZeld(const std::string& proc) {
   std::error_code error;
   std::string exe = fs::read_symlink(proc + "/exe", error).string();
   const std::string deleted = " (deleted)";
-  if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(),
-                                                 deleted) == 0) {
+  if (exe.size() > deleted.size() &&
+      exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0) {
     exe.resize(exe.size() - deleted.size());
   }
   return !error && fs::path(exe).filename() == "zeld";

@@ -158,8 +158,7 @@ void AddGroupEditCommands(CLI::App& group, const GlobalOptions& options, int& ex
 
   auto members = std::make_shared<GroupMembers>();
   CLI::App* addMembers = AddServiceCommand(
-      group, "add-initiators", "Add initiators to a group", options, exitCode,
-      [&options, members] {
+      group, "add-initiators", "Add initiators to a group", options, exitCode, [&options, members] {
         Service()->AddInitiatorsToInitiatorgroup(members->name, members->initiators);
         ReportDone(options.json,
                    "Added " + Initiators(members->initiators.size()) + " to initiator group " +
@@ -171,8 +170,8 @@ void AddGroupEditCommands(CLI::App& group, const GlobalOptions& options, int& ex
       [&options, members] {
         Service()->RemoveInitiatorsFromInitiatorgroup(members->name, members->initiators);
         ReportDone(options.json,
-                   "Removed " + Initiators(members->initiators.size()) +
-                       " from initiator group " + Printable(members->name),
+                   "Removed " + Initiators(members->initiators.size()) + " from initiator group " +
+                       Printable(members->name),
                    [&] { return GroupRecord(members->name); });
       });
   for (CLI::App* command : {addMembers, removeMembers}) {

@@ -57,12 +57,12 @@ ordered_json NamespaceRecord() { return ToJson(Service()->GetNamespaceInfo(true)
 void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitCode) {
   auto param = std::make_shared<NamespaceCreateParam>();
   auto defaults = std::make_shared<DefaultsOptions>();
-  CLI::App* create = AddServiceCommand(
-      ns, "create", "Create the service's namespace on the datastore", options, exitCode,
-      [&options, param, defaults] {
-        Service()->CreateNamespace(*param, defaults->ToRecord());
-        ReportDone(options.json, "Created the namespace", NamespaceRecord);
-      });
+  CLI::App* create =
+      AddServiceCommand(ns, "create", "Create the service's namespace on the datastore", options,
+                        exitCode, [&options, param, defaults] {
+                          Service()->CreateNamespace(*param, defaults->ToRecord());
+                          ReportDone(options.json, "Created the namespace", NamespaceRecord);
+                        });
   create->add_option("--policy", param->policy, "Storage policy of the namespace");
   AddDefaultsOptions(create, *defaults);
 
@@ -78,8 +78,9 @@ void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitC
   AddServiceCommand(ns, "delete", "Delete the namespace and zel.conf", options, exitCode,
                     [&options] {
                       Service()->DeleteNamespace();
-                      ReportDone(options.json, "Deleted the namespace",
-                                 [] { return ordered_json{{"removed", "namespace"}}; });
+                      ReportDone(options.json, "Deleted the namespace", [] {
+                        return ordered_json{{"removed", "namespace"}};
+                      });
                     });
 }
 
@@ -102,9 +103,9 @@ void SetState(const GlobalOptions& options, bool enable, bool failIfSame) {
   service->SetIscsiTargetStatus(enable, failIfSame);
   const std::string state = enable ? "enabled" : "disabled";
   ReportDone(options.json,
-             was == enable ? "The service was already " + state + " on this host"
-                           : std::string(enable ? "Enabled" : "Disabled") +
-                                 " the service on this host",
+             was == enable
+                 ? "The service was already " + state + " on this host"
+                 : std::string(enable ? "Enabled" : "Disabled") + " the service on this host",
              StatusRecord);
 }
 
