@@ -1,6 +1,5 @@
-// zelctl against careless or hostile input: control characters, CRLF
-// secrets, empty names and updates; one line per refusal and change; the
-// daemon state under concurrent restores and a pid file naming a stranger.
+// zelctl against hostile input (control characters, CRLF secrets, empty names), its one-line
+// reports, and the daemon state under concurrent restores and a pid file naming a stranger.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -167,8 +166,7 @@ TEST_F(ZelctlDaemonTest, ConcurrentRestoresAllSucceedAndOnlyTheHomesOwnDaemonCou
   for (auto& restorer : restorers) EXPECT_EQ(restorer->Join(), 0);
   EXPECT_TRUE(DaemonRunning(home_.Path()));
 
-  // A pid file naming another home's zeld, or a live process that is no zeld.
-  ServiceHome other;
+  ServiceHome other;  // its pid file names another home's zeld, then a process that is no zeld
   std::filesystem::create_directories(other.Path() + "/run");
   for (const std::string& pid :
        {ReadFile(home_.Path() + "/run/zeld.pid"), std::to_string(::getpid())}) {
