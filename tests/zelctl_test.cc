@@ -189,7 +189,7 @@ TEST_F(ZelctlTest, ReadCommandsPrintTablesOrJson) {
   EXPECT_THAT(Keys(defaultsJson), UnorderedElementsAre("networkInterface", "port", "authType",
                                                        "userid", "mutualUserid"));
   EXPECT_EQ(defaultsJson["authType"], "CHAP-Mutual");
-  const std::string groupTargets = "{\"finance\":\"iqn.2026-11.local.zel:finance\"}";
+  const std::string groupTargets = "finance=iqn.2026-11.local.zel:finance";
   lines = TableLines({"initiator-group", "list"});
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_THAT(Cells(lines[0]), ElementsAre("name", "initiators", "targets"));
@@ -232,7 +232,7 @@ TEST_F(ZelctlTest, EditCommandsTakeTheirOptionsAndSecretsFromStdin) {
       Run({"target", "update", "web", "--new-alias", "shop", "--add-initiator", kWebIqn2,
            "--remove-initiator", kWebIqn1, "--remove-initiator", "finance-hosts"});
   ASSERT_EQ(renamed.exitCode, 0) << renamed.err;
-  EXPECT_EQ(renamed.out, "");
+  EXPECT_EQ(renamed.out, "Updated target web, now named shop\n");
   const ProcessResult mutual =
       Run({"target", "update", "shop", "--auth-type", "CHAP-Mutual", "--userid", "shopuser",
            "--secret", "-", "--mutual-userid", "shoptarget", "--mutual-secret", "-"},
@@ -257,7 +257,7 @@ TEST_F(ZelctlTest, EditCommandsTakeTheirOptionsAndSecretsFromStdin) {
   for (const std::string alias : {"shop", "plain"}) {
     const ProcessResult removed = Run({"target", "remove", alias});
     ASSERT_EQ(removed.exitCode, 0) << removed.err;
-    EXPECT_EQ(removed.out, "");
+    EXPECT_EQ(removed.out, "Removed target " + alias + "\n");
   }
   EXPECT_EQ(RunJson({"target", "list"}).size(), 2u);
   ASSERT_EQ(Run({"initiator-group", "add", "web-hosts"}).exitCode, 0);

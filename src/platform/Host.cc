@@ -75,7 +75,11 @@ void Host::SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig) {
 }
 
 std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel) {
-  return std::make_unique<Host>(std::move(config), NewSystemClock(), NewStderrLogSink(maxLevel),
+  return NewLocalHost(std::move(config), NewStderrLogSink(maxLevel));
+}
+
+std::unique_ptr<Host> NewLocalHost(HostConfig config, std::unique_ptr<LogSink> log) {
+  return std::make_unique<Host>(std::move(config), NewSystemClock(), std::move(log),
                                 NewPosixFileSystem());
 }
 

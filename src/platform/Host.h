@@ -90,6 +90,11 @@ std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel);
 // policies and disks.
 std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel);
 
+// The same two with `log` as the host's log, for a program that shows log
+// lines its own way.
+std::unique_ptr<Host> NewLocalHost(HostConfig config, std::unique_ptr<LogSink> log);
+std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<LogSink> log);
+
 // The selected host. Before any selection it is the local service host of
 // the home ResolveHome("") (falling back, with a warning, to file access
 // only when that home cannot be used), logging warnings and errors.

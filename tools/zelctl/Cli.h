@@ -24,12 +24,16 @@ struct GlobalOptions {
 
 // Selects the local host for the given options: file access only, or with
 // every local service (directory, cluster, store). Called once, after
-// parsing and before a command runs.
+// parsing and before a command runs. Log lines go to stderr, escaped as
+// Printable does: with -v all of them; without it the file access host
+// shows the reader's warnings and errors (what `conf check` is for), the
+// service host none, since a refusal is reported by its message alone.
 void SelectHostFor(const GlobalOptions& options);
 void SelectServiceHostFor(const GlobalOptions& options);
 
 // Runs `command`, turning the service's exceptions into its message on
-// stderr and exit code 1.
+// stderr (one line, escaped as Printable does) and exit code 1. A
+// CLI::Error goes on to the parser's report: it is a usage error.
 int RunReportingFailure(const std::function<int()>& command);
 
 // The service as the management process reaches it: through the plug-in.
@@ -37,8 +41,14 @@ std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget> Service();
 
 // A secret given as "-" is read from standard input, one line per secret in
 // the order the calls are made, so that it never shows in the process list;
-// any other value is the secret itself.
+// the line end ("\n" or "\r\n") is not part of it. Any other value is the
+// secret itself.
 std::string SecretArgument(const std::string& value);
+
+// Refuses an empty value as a usage error. Names and aliases carry it: the
+// service looks some of them up by prefix, so an empty one would match the
+// first entry instead of none.
+const CLI::Validator& NonEmpty();
 
 // Adds a subcommand whose action runs against the local service host and
 // reports the service's refusal as exit code 1.

@@ -1,8 +1,13 @@
 // zelctl conf: check and format a configuration file exactly as the
 // service reads and writes zel.conf.
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 
 #include "Cli.h"
 #include "conf/ConfHandle.h"
@@ -13,7 +18,19 @@ namespace {
 
 using NokCtl::Orva::IscsiTarget::ConfHandle;
 
+// A file named on the command line that is not there fails at once: the
+// handle's not-found retries wait out the rename of zel.conf by its writer,
+// which a path typed by an operator never is.
+void RequireFile(const std::string& file) {
+  struct stat status;
+  if (::stat(file.c_str(), &status) != 0) {
+    throw std::runtime_error("Cannot read " + file + ": " + std::strerror(errno));
+  }
+  if (S_ISDIR(status.st_mode)) throw std::runtime_error("Cannot read " + file + ": Is a directory");
+}
+
 int CheckFile(const std::string& file) {
+  RequireFile(file);
   ConfHandle handle(ConfHandle::kShareMode, file);
   return kExitOk;
 }
@@ -21,6 +38,7 @@ int CheckFile(const std::string& file) {
 // The text is built in memory first, so a writer failure (a secret too
 // long to encode, say) prints nothing on stdout.
 int FormatFile(const std::string& file) {
+  RequireFile(file);
   ConfHandle handle(ConfHandle::kShareMode, file);
   char* text = nullptr;
   size_t length = 0;
@@ -50,7 +68,7 @@ void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode)
   auto file = std::make_shared<std::string>();
   CLI::App* check = conf->add_subcommand(
       "check", "Read FILE as the service reads zel.conf; exit 0 when it is a valid configuration");
-  check->add_option("FILE", *file, "Configuration file")->required();
+  check->add_option("FILE", *file, "Configuration file")->required()->check(NonEmpty());
   check->callback([&options, &exitCode, file] {
     SelectHostFor(options);
     exitCode = RunReportingFailure([&] {
@@ -61,7 +79,7 @@ void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode)
 
   CLI::App* fmt = conf->add_subcommand(
       "fmt", "Print FILE as the service would save it (generation unchanged)");
-  fmt->add_option("FILE", *file, "Configuration file")->required();
+  fmt->add_option("FILE", *file, "Configuration file")->required()->check(NonEmpty());
   fmt->callback([&options, &exitCode, file] {
     SelectHostFor(options);
     exitCode = RunReportingFailure([&] {

@@ -8,6 +8,7 @@
 
 #include "Cli.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace zelctl {
 namespace {
@@ -56,42 +57,65 @@ void AddTargetEditCommands(CLI::App& target, const GlobalOptions& options, int& 
             {"alias", created->alias}, {"iqn", created->iqn}, {"uuid", created->uuid}};
         Emit(options.json, record, [&] { PrintKeyValues(std::cout, record); });
       });
-  add->add_option("--alias", created->alias, "Alias of the new target")->required();
+  add->add_option("--alias", created->alias, "Alias of the new target")
+      ->required()
+      ->check(NonEmpty());
   add->add_option("--iqn", created->iqn, "Target IQN (generated when not given)");
   AddTargetSettingOptions(add, *created, "Site the target belongs to: Preferred or NonPreferred");
   // Each occurrence of a repeatable option takes one name, so that a
   // positional argument after it is never taken for another name.
   add->add_option("--initiator", created->initiatorsToAdd,
                   "Initiator IQN or initiator-group name allowed to log in (repeatable)")
-      ->allow_extra_args(false);
+      ->allow_extra_args(false)
+      ->check(NonEmpty());
 
   auto changed = std::make_shared<TargetCreateParam>();
   CLI::App* update = AddServiceCommand(
       target, "update",
       "Change a target; what is not given stays as it is (--auth-type replaces the "
       "credentials)",
-      options, exitCode, [changed] {
+      options, exitCode, [&options, changed] {
         ReadSecrets(*changed);
         Service()->UpdateTargetConfig(*changed);
+        const std::string now = changed->newAlias.empty() ? changed->alias : changed->newAlias;
+        ReportDone(options.json,
+                   "Updated target " + Printable(changed->alias) +
+                       (now == changed->alias ? "" : ", now named " + Printable(now)),
+                   [&] { return ToJson(Service()->GetTargetInfo(now)); });
       });
-  update->add_option("ALIAS", changed->alias, "Alias of the target to change")->required();
-  update->add_option("--new-alias", changed->newAlias, "Rename the target");
-  AddTargetSettingOptions(update, *changed,
+  update->add_option("ALIAS", changed->alias, "Alias of the target to change")
+      ->required()
+      ->check(NonEmpty());
+  // An update that changes nothing would still save zel.conf and raise its
+  // generation, which every host then re-reads.
+  CLI::Option_group* changes =
+      update->add_option_group("Changes", "What to change: at least one of these");
+  changes->require_option(1, 0);
+  changes->add_option("--new-alias", changed->newAlias, "Rename the target")->check(NonEmpty());
+  AddTargetSettingOptions(changes, *changed,
                           "Site the target belongs to: Preferred, NonPreferred, or None to clear");
-  update
+  changes
       ->add_option("--add-initiator", changed->initiatorsToAdd,
                    "Allow an initiator IQN or initiator group (repeatable)")
-      ->allow_extra_args(false);
-  update
+      ->allow_extra_args(false)
+      ->check(NonEmpty());
+  changes
       ->add_option("--remove-initiator", changed->initiatorsToRemove,
                    "Withdraw an initiator IQN or initiator group (repeatable)")
-      ->allow_extra_args(false);
+      ->allow_extra_args(false)
+      ->check(NonEmpty());
 
   auto removed = std::make_shared<std::string>();
   AddServiceCommand(target, "remove", "Remove a target that has no LUNs left", options, exitCode,
-                    [removed] { Service()->RemoveTarget(*removed); })
+                    [&options, removed] {
+                      Service()->RemoveTarget(*removed);
+                      ReportDone(options.json, "Removed target " + Printable(*removed), [&] {
+                        return ordered_json{{"removed", "target"}, {"alias", *removed}};
+                      });
+                    })
       ->add_option("ALIAS", *removed, "Target alias")
-      ->required();
+      ->required()
+      ->check(NonEmpty());
 }
 
 struct GroupMembers {
@@ -99,31 +123,62 @@ struct GroupMembers {
   std::vector<std::string> initiators;
 };
 
+// The group as the change left it, for --json.
+ordered_json GroupRecord(const std::string& name) {
+  return ToJson(Service()->GetInitiatorgroupInfo(name));
+}
+
+std::string Initiators(size_t count) {
+  return std::to_string(count) + (count == 1 ? " initiator" : " initiators");
+}
+
 void AddGroupEditCommands(CLI::App& group, const GlobalOptions& options, int& exitCode) {
   auto name = std::make_shared<std::string>();
   AddServiceCommand(group, "add", "Create an empty initiator group", options, exitCode,
-                    [name] { Service()->AddInitiatorgroup(*name); })
+                    [&options, name] {
+                      Service()->AddInitiatorgroup(*name);
+                      ReportDone(options.json, "Added initiator group " + Printable(*name),
+                                 [&] { return GroupRecord(*name); });
+                    })
       ->add_option("NAME", *name, "Group name (not all digits, not starting with iqn. or eui.)")
-      ->required();
+      ->required()
+      ->check(NonEmpty());
 
   auto force = std::make_shared<bool>(false);
   CLI::App* remove = AddServiceCommand(
       group, "remove", "Remove an initiator group and every target's reference to it", options,
-      exitCode, [name, force] { Service()->RemoveInitiatorgroup(*name, *force); });
-  remove->add_option("NAME", *name, "Group name")->required();
+      exitCode, [&options, name, force] {
+        Service()->RemoveInitiatorgroup(*name, *force);
+        ReportDone(options.json, "Removed initiator group " + Printable(*name), [&] {
+          return ordered_json{{"removed", "initiator-group"}, {"name", *name}};
+        });
+      });
+  remove->add_option("NAME", *name, "Group name")->required()->check(NonEmpty());
   remove->add_flag("--force", *force, "Remove the group even while it has members");
 
   auto members = std::make_shared<GroupMembers>();
   CLI::App* addMembers = AddServiceCommand(
-      group, "add-initiators", "Add initiators to a group", options, exitCode,
-      [members] { Service()->AddInitiatorsToInitiatorgroup(members->name, members->initiators); });
+      group, "add-initiators", "Add initiators to a group", options, exitCode, [&options, members] {
+        Service()->AddInitiatorsToInitiatorgroup(members->name, members->initiators);
+        ReportDone(options.json,
+                   "Added " + Initiators(members->initiators.size()) + " to initiator group " +
+                       Printable(members->name),
+                   [&] { return GroupRecord(members->name); });
+      });
   CLI::App* removeMembers = AddServiceCommand(
-      group, "remove-initiators", "Remove initiators from a group", options, exitCode, [members] {
+      group, "remove-initiators", "Remove initiators from a group", options, exitCode,
+      [&options, members] {
         Service()->RemoveInitiatorsFromInitiatorgroup(members->name, members->initiators);
+        ReportDone(options.json,
+                   "Removed " + Initiators(members->initiators.size()) + " from initiator group " +
+                       Printable(members->name),
+                   [&] { return GroupRecord(members->name); });
       });
   for (CLI::App* command : {addMembers, removeMembers}) {
-    command->add_option("NAME", members->name, "Group name")->required();
-    command->add_option("IQN", members->initiators, "Initiator IQNs")->required();
+    command->add_option("NAME", members->name, "Group name")->required()->check(NonEmpty());
+    command->add_option("IQN", members->initiators, "Initiator IQNs")
+        ->required()
+        ->check(NonEmpty());
   }
 }
 

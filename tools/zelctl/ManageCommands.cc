@@ -1,12 +1,10 @@
 // zelctl commands that change the service on this host: the namespace,
 // enablement, restore and the cluster-wide defaults.
-#include <signal.h>
-
-#include <fstream>
 #include <iostream>
 #include <memory>
 
 #include "Cli.h"
+#include "DaemonState.h"
 #include "Output.h"
 #include "Records.h"
 #include "directory/NicPublication.h"
@@ -54,52 +52,88 @@ void AddDefaultsOptions(CLI::App* command, DefaultsOptions& defaults) {
                       "Mutual CHAP secret ('-' reads it from stdin)");
 }
 
-// The daemon's pid file under the home; a live pid means it runs.
-bool DaemonRunning() {
-  std::ifstream pidFile(zel::platform::CurrentHost().Config().home + "/run/zeld.pid");
-  long pid = 0;
-  return (pidFile >> pid) && pid > 0 && kill(static_cast<pid_t>(pid), 0) == 0;
-}
+ordered_json NamespaceRecord() { return ToJson(Service()->GetNamespaceInfo(true)); }
 
 void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitCode) {
   auto param = std::make_shared<NamespaceCreateParam>();
   auto defaults = std::make_shared<DefaultsOptions>();
-  CLI::App* create = AddServiceCommand(
-      ns, "create", "Create the service's namespace on the datastore", options, exitCode,
-      [param, defaults] { Service()->CreateNamespace(*param, defaults->ToRecord()); });
+  CLI::App* create =
+      AddServiceCommand(ns, "create", "Create the service's namespace on the datastore", options,
+                        exitCode, [&options, param, defaults] {
+                          Service()->CreateNamespace(*param, defaults->ToRecord());
+                          ReportDone(options.json, "Created the namespace", NamespaceRecord);
+                        });
   create->add_option("--policy", param->policy, "Storage policy of the namespace");
   AddDefaultsOptions(create, *defaults);
 
   AddServiceCommand(ns, "update", "Change the namespace's storage policy", options, exitCode,
-             [param] { Service()->UpdateNamespaceConfig(*param); })
+                    [&options, param] {
+                      Service()->UpdateNamespaceConfig(*param);
+                      ReportDone(options.json, "Changed the namespace's storage policy",
+                                 NamespaceRecord);
+                    })
       ->add_option("--policy", param->policy, "Storage policy")
       ->required();
 
   AddServiceCommand(ns, "delete", "Delete the namespace and zel.conf", options, exitCode,
-             [] { Service()->DeleteNamespace(); });
+                    [&options] {
+                      Service()->DeleteNamespace();
+                      ReportDone(options.json, "Deleted the namespace", [] {
+                        return ordered_json{{"removed", "namespace"}};
+                      });
+                    });
+}
+
+// What `service status` shows; also the record of a change of the state.
+ordered_json StatusRecord() {
+  ordered_json status{
+      {"enabled", Service()->GetIscsiTargetStatus(true)},
+      {"daemonRunning", HomeDaemonRunning(zel::platform::CurrentHost().Config().home)},
+      {"publishedInterfaces", ordered_json::array()}};
+  for (const auto& entry : NokCtl::Orva::IscsiTarget::Util::GetBrixEntriesForNokNics()) {
+    status["publishedInterfaces"].push_back(entry.GetName());
+  }
+  return status;
+}
+
+// Enables or disables, saying whether anything had to be done.
+void SetState(const GlobalOptions& options, bool enable, bool failIfSame) {
+  const auto service = Service();
+  const bool was = service->GetIscsiTargetStatus(true);
+  service->SetIscsiTargetStatus(enable, failIfSame);
+  const std::string state = enable ? "enabled" : "disabled";
+  ReportDone(options.json,
+             was == enable
+                 ? "The service was already " + state + " on this host"
+                 : std::string(enable ? "Enabled" : "Disabled") + " the service on this host",
+             StatusRecord);
 }
 
 void AddServiceStateCommands(CLI::App& service, const GlobalOptions& options, int& exitCode) {
   auto failIfSame = std::make_shared<bool>(false);
   AddServiceCommand(service, "enable", "Enable the service on this host", options, exitCode,
-             [failIfSame] { Service()->SetIscsiTargetStatus(true, *failIfSame); })
+                    [&options, failIfSame] { SetState(options, true, *failIfSame); })
       ->add_flag("--fail-if-same", *failIfSame, "Fail when already enabled");
   AddServiceCommand(service, "disable", "Disable the service on this host", options, exitCode,
-             [failIfSame] { Service()->SetIscsiTargetStatus(false, *failIfSame); })
+                    [&options, failIfSame] { SetState(options, false, *failIfSame); })
       ->add_flag("--fail-if-same", *failIfSame, "Fail when already disabled");
   AddServiceCommand(service, "restore", "Bring an enabled service back after a restart", options,
-             exitCode, [] { Service()->Restore(); });
-  AddServiceCommand(service, "status", "Whether the service is enabled and its daemon runs", options,
-             exitCode, [&options] {
-               ordered_json status{{"enabled", Service()->GetIscsiTargetStatus(true)},
-                                   {"daemonRunning", DaemonRunning()},
-                                   {"publishedInterfaces", ordered_json::array()}};
-               for (const auto& entry :
-                    NokCtl::Orva::IscsiTarget::Util::GetBrixEntriesForNokNics()) {
-                 status["publishedInterfaces"].push_back(entry.GetName());
-               }
-               Emit(options.json, status, [&] { PrintKeyValues(std::cout, status); });
-             });
+                    exitCode, [&options] {
+                      // Restoring a disabled service does nothing.
+                      const auto target = Service();
+                      const bool enabled = target->GetIscsiTargetStatus(true);
+                      target->Restore();
+                      ReportDone(options.json,
+                                 enabled ? "Restored the service on this host"
+                                         : "The service is disabled on this host: nothing to "
+                                           "restore",
+                                 StatusRecord);
+                    });
+  AddServiceCommand(service, "status", "Whether the service is enabled and its daemon runs",
+                    options, exitCode, [&options] {
+                      const ordered_json status = StatusRecord();
+                      Emit(options.json, status, [&] { PrintKeyValues(std::cout, status); });
+                    });
 }
 
 }  // namespace
@@ -114,10 +148,14 @@ void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
 
   CLI::App* defaults = app.get_subcommand("defaults");
   auto values = std::make_shared<DefaultsOptions>();
-  AddDefaultsOptions(AddServiceCommand(*defaults, "set", "Set the cluster-wide defaults", options,
-                                exitCode,
-                                [values] { Service()->UpdateDefaultConfig(values->ToRecord()); }),
-                     *values);
+  AddDefaultsOptions(
+      AddServiceCommand(*defaults, "set", "Set the cluster-wide defaults", options, exitCode,
+                        [&options, values] {
+                          Service()->UpdateDefaultConfig(values->ToRecord());
+                          ReportDone(options.json, "Set the cluster-wide defaults",
+                                     [] { return ToJson(Service()->GetDefaultInfo()); });
+                        }),
+      *values);
 }
 
 }  // namespace zelctl

@@ -16,7 +16,15 @@ std::string SecretArgument(const std::string& value) {
   if (value != "-") return value;
   std::string line;
   std::getline(std::cin, line);
+  if (!line.empty() && line.back() == '\r') line.pop_back();
   return line;
+}
+
+const CLI::Validator& NonEmpty() {
+  static const CLI::Validator validator(
+      [](const std::string& value) { return value.empty() ? "must not be empty" : ""; }, "",
+      "NonEmpty");
+  return validator;
 }
 
 CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,

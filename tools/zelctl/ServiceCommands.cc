@@ -56,7 +56,7 @@ void AddTargetCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
         PrintTable(std::cout, luns, kLunColumns);
       }
     });
-  })->add_option("ALIAS", *alias, "Target alias")->required();
+  })->add_option("ALIAS", *alias, "Target alias")->required()->check(NonEmpty());
 }
 
 void AddLunCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
@@ -72,7 +72,7 @@ void AddLunCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) 
                                        Emit(options.json, rows,
                                             [&] { PrintTable(std::cout, rows, kLunColumns); });
                                      });
-  list->add_option("--target", *target, "Target alias")->required();
+  list->add_option("--target", *target, "Target alias")->required()->check(NonEmpty());
   CLI::App* get = AddServiceCommand(*lun, "get", "Show one LUN", options, exitCode,
                                     [&options, target, id] {
                                       const ordered_json record =
@@ -80,7 +80,7 @@ void AddLunCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) 
                                       Emit(options.json, record,
                                            [&] { PrintKeyValues(std::cout, record); });
                                     });
-  get->add_option("--target", *target, "Target alias")->required();
+  get->add_option("--target", *target, "Target alias")->required()->check(NonEmpty());
   get->add_option("--id", *id, "LUN number")->required();
 }
 
@@ -99,7 +99,8 @@ void AddGroupCommands(CLI::App& app, const GlobalOptions& options, int& exitCode
                       Emit(options.json, record, [&] { PrintKeyValues(std::cout, record); });
                     })
       ->add_option("NAME", *name, "Group name")
-      ->required();
+      ->required()
+      ->check(NonEmpty());
 }
 
 }  // namespace

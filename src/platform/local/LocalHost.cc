@@ -22,6 +22,10 @@ namespace platform {
 using HostCtl::Lib::Orva::OrvaCtlException;
 
 std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) {
+  return NewLocalServiceHost(std::move(config), NewStderrLogSink(maxLevel));
+}
+
+std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<LogSink> log) {
   // The identity keys this host's directory entries; an empty one would
   // make the directory invent a different one on every start.
   if (config.hostUuid.empty()) {
@@ -41,7 +45,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
     throw OrvaCtlException("Failed to open the cluster directory " + config.directoryPath);
   }
 
-  std::unique_ptr<Host> host = NewLocalHost(std::move(config), maxLevel);
+  std::unique_ptr<Host> host = NewLocalHost(std::move(config), std::move(log));
   const HostConfig& settled = host->Config();
   Directory& shared = *directory;
   host->SetDirectory(std::move(directory));
