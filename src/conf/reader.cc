@@ -9,7 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <exception>
+#include <string>
 
 #include "conf/reader_state.h"
 
@@ -97,10 +99,23 @@ bool add_builtin_groups(struct conf *conf) {
 // Runs the parser over the stream; true when the whole file was accepted.
 // An exception that an action or the scanner parked is rethrown here, after
 // the stream is closed; the partly built conf stays for ZeldCleanConf.
+//
+// The scanner gets the whole file in one buffer: reading from the stream,
+// it rescans a token from its start each time it refills, which makes a
+// long token cost the square of its length.
 bool parse_stream(FILE *stream) {
   rewind(stream);
+  std::string text;
+  char chunk[65536];
+  for (size_t n; (n = fread(chunk, 1, sizeof(chunk), stream)) > 0;)
+    text.append(chunk, n);
+  if (ferror(stream) || text.size() > static_cast<size_t>(INT_MAX)) {
+    log_warnx("unable to read the whole configuration file");
+    close_input();
+    return false;
+  }
   zeldParser_lineno = 1;
-  zeldParser_restart(stream);
+  zeldParser__scan_bytes(text.data(), static_cast<int>(text.size()));
   int error = zeldParser_parse();
   forget_current_blocks();
   close_input();
@@ -186,20 +201,37 @@ void ZeldCleanConf(void) {
   close_input();
 }
 
-// The dump must not carry credentials into the log: on a "chap" or
-// "chap-mutual" line, every second quoted text (the secrets) is masked.
+// The dump must not carry credentials into the log: after a "chap"
+// keyword the second word (the secret), and after "chap-mutual" the second
+// and fourth, are masked, quoted or not, wherever the keyword stands on the
+// line.
 static void redact_secrets(char *line) {
-  const char *text = line + strspn(line, " \t");
-  if (strncmp(text, "chap", 4) != 0)
-    return;
-  int quoted = 0;
-  for (char *c = line; (c = strchr(c, '"')) != NULL;) {
-    char *end = strchr(c + 1, '"');
-    if (end == NULL)
-      end = c + strlen(c);
-    if (++quoted % 2 == 0)
-      memset(c + 1, '*', static_cast<size_t>(end - c - 1));
-    c = *end == '\0' ? end : end + 1;
+  static const char *const separators = " \t;{}";
+  unsigned secrets = 0;  // bit i set: the i-th word from now is a secret
+  char *c = line;
+  for (;;) {
+    c += strspn(c, separators);
+    if (*c == '\0')
+      return;
+    char *begin = c, *end;
+    if (*c == '"') {
+      ++begin;
+      end = strchr(begin, '"');
+      if (end == NULL)
+        end = begin + strlen(begin);
+      c = *end == '\0' ? end : end + 1;
+    } else {
+      end = c + strcspn(c, separators);
+      c = end;
+    }
+    const size_t length = static_cast<size_t>(end - begin);
+    if (secrets & 1u)
+      memset(begin, '*', length);
+    secrets >>= 1;
+    if (length == 4 && strncmp(begin, "chap", 4) == 0)
+      secrets = 0x2;  // user, secret
+    else if (length == 11 && strncmp(begin, "chap-mutual", 11) == 0)
+      secrets = 0xA;  // user, secret, mutual user, mutual secret
   }
 }
 

@@ -33,6 +33,7 @@ extern struct zeld_reader_state zeld_reader;
 extern FILE *zeldParser_in;
 extern char *zeldParser_text;
 extern int zeldParser_lineno;
-void zeldParser_restart(FILE *input);
+struct yy_buffer_state;
+struct yy_buffer_state *zeldParser__scan_bytes(const char *bytes, int length);
 int zeldParser_lex_destroy(void);
 int zeldParser_parse(void);
