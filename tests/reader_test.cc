@@ -135,7 +135,7 @@ class ReaderTest : public ::testing::Test {
     } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {
       message = e.GetMessage();
       EXPECT_NE(nullptr, zeld_reader.conf) << "the partial conf is ZeldCleanConf's to delete";
-      EXPECT_EQ(nullptr, zeldParser_in) << "the stream is closed before the rethrow";
+      EXPECT_EQ(nullptr, zeld_reader.source) << "the stream is closed before the rethrow";
       ZeldCleanConf();
     }
     EXPECT_EQ(nullptr, zeld_reader.conf);
@@ -524,7 +524,7 @@ TEST_F(ReaderTest, RefusedFileIsNeverHalfLoaded) {
                           " portal-group pg\n chap-mutual a b c\n}\n"));
   EXPECT_EQ(nullptr, zeld_reader.conf);
   EXPECT_EQ(nullptr, zeld_reader.target);
-  EXPECT_EQ(nullptr, zeldParser_in);
+  EXPECT_EQ(nullptr, zeld_reader.source);
   EXPECT_EQ(descriptors, OpenDescriptors());
   ASSERT_NE(nullptr, Read("generation 5\n"));
   EXPECT_EQ(5u, conf_->conf_generation);

@@ -31,9 +31,9 @@ void forget_current_blocks() {
 // open_stream) and frees the scanner's buffers, so that nothing of a parse
 // outlives it.
 void close_input() {
-  if (zeldParser_in != NULL) {
-    fclose(zeldParser_in);
-    zeldParser_in = NULL;
+  if (zeld_reader.source != NULL) {
+    fclose(zeld_reader.source);
+    zeld_reader.source = NULL;
   }
   zeldParser_lex_destroy();
 }
@@ -109,10 +109,11 @@ bool parse_stream(FILE *stream) {
   char chunk[65536];
   for (size_t n; (n = fread(chunk, 1, sizeof(chunk), stream)) > 0;)
     text.append(chunk, n);
+  // The scanner's own words for input it cannot read, thrown as a
+  // scanner failure is: with the stream already closed.
   if (ferror(stream) || text.size() > static_cast<size_t>(INT_MAX)) {
-    log_warnx("unable to read the whole configuration file");
     close_input();
-    return false;
+    log_errx(1, "%s", "input in flex scanner failed");
   }
   zeldParser_lineno = 1;
   zeldParser__scan_bytes(text.data(), static_cast<int>(text.size()));
@@ -156,7 +157,7 @@ bool read_into(struct conf *conf, const FileIODescriptor *file, struct conf *old
     log_warn("unable to open configuration file %s", path);
     return false;
   }
-  zeldParser_in = stream;  // from here on ZeldCleanConf closes it after an exception
+  zeld_reader.source = stream;  // from here on ZeldCleanConf closes it after an exception
   check_permissions(file);
   if (!parse_stream(stream)) {
     log_warn("Failed to parse config file %s", path);
@@ -238,7 +239,7 @@ static void redact_secrets(char *line) {
 void zeldParser_error(const char *message) {
   log_warnx("error in configuration file at line %d near '%s': %s", zeldParser_lineno,
             zeldParser_text != NULL ? zeldParser_text : "", message);
-  FILE *in = zeldParser_in;
+  FILE *in = zeld_reader.source;
   if (in == NULL)
     return;
 

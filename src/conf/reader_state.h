@@ -10,6 +10,10 @@
 #include "conf/conf.h"
 
 struct zeld_reader_state {
+  // The stream of the file being read, owned: the scanner reads a copy of
+  // its text, the syntax-error dump reads it again.
+  FILE *source;
+
   // The conf being built. Owned here until conf_new_from_file hands it out
   // or deletes it; after an exception ZeldCleanConf deletes it.
   struct conf *conf;
@@ -30,7 +34,6 @@ struct zeld_reader_state {
 extern struct zeld_reader_state zeld_reader;
 
 // The generated scanner and parser.
-extern FILE *zeldParser_in;
 extern char *zeldParser_text;
 extern int zeldParser_lineno;
 struct yy_buffer_state;
