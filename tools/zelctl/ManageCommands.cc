@@ -1,14 +1,18 @@
 // zelctl commands that change the service on this host: the namespace,
 // enablement, restore and the cluster-wide defaults.
+#include <filesystem>
 #include <iostream>
 #include <memory>
+#include <vector>
 
 #include "Cli.h"
 #include "DaemonState.h"
 #include "Output.h"
 #include "Records.h"
 #include "directory/NicPublication.h"
+#include "edit/ParserQueries.h"
 #include "platform/Host.h"
+#include "storage/DatastoreLayout.h"
 
 namespace zelctl {
 namespace {
@@ -17,39 +21,65 @@ using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using HostCtl::Orva::IscsiTarget::NamespaceCreateParam;
 using nlohmann::ordered_json;
 
+// The defaults an operator gives. Only what is given changes: the rest
+// stays as the configuration holds it, so that changing the interface never
+// drops the CHAP credentials and opens every target that uses the defaults.
+// A new --auth-type replaces the whole authentication.
 struct DefaultsOptions {
-  std::string networkInterface;
-  int port = 3260;
-  std::string authType = "No-Authentication";
-  std::string userid;
+  DefaultInfo given;
   std::string secret;
-  std::string mutualUserid;
   std::string mutualSecret;
+  std::vector<CLI::Option*> network;
+  std::vector<CLI::Option*> credentials;
+  CLI::Option* authType = nullptr;
 
-  DefaultInfo ToRecord() const {
-    DefaultInfo info;
-    info.networkInterface = networkInterface;
-    info.port = port;
-    info.authType = authType;
-    info.userid = userid;
-    info.secret = SecretArgument(secret);
-    info.mutualUserid = mutualUserid;
-    info.mutualSecret = SecretArgument(mutualSecret);
-    return info;
+  DefaultsOptions() {
+    given.port = 3260;
+    given.authType = "No-Authentication";
+  }
+
+  // `current` with the given options laid over it.
+  DefaultInfo Over(DefaultInfo current) const {
+    if (network[0]->count() > 0) current.networkInterface = given.networkInterface;
+    if (network[1]->count() > 0) current.port = given.port;
+    const bool newAuth = authType->count() > 0;
+    if (newAuth) current.authType = given.authType;
+    std::string* fields[] = {&current.userid, &current.secret, &current.mutualUserid,
+                             &current.mutualSecret};
+    const std::string values[] = {given.userid, SecretArgument(secret), given.mutualUserid,
+                                  SecretArgument(mutualSecret)};
+    for (size_t i = 0; i < credentials.size(); ++i) {
+      if (newAuth || credentials[i]->count() > 0) *fields[i] = values[i];
+    }
+    return current;
   }
 };
 
 void AddDefaultsOptions(CLI::App* command, DefaultsOptions& defaults) {
-  command->add_option("--interface", defaults.networkInterface, "Default network interface");
-  command->add_option("--port", defaults.port, "Default TCP port")->capture_default_str();
-  command->add_option("--auth-type", defaults.authType,
-                      "No-Authentication, CHAP or CHAP-Mutual")
-      ->capture_default_str();
-  command->add_option("--userid", defaults.userid, "CHAP user name");
-  command->add_option("--secret", defaults.secret, "CHAP secret ('-' reads it from stdin)");
-  command->add_option("--mutual-userid", defaults.mutualUserid, "Mutual CHAP user name");
-  command->add_option("--mutual-secret", defaults.mutualSecret,
-                      "Mutual CHAP secret ('-' reads it from stdin)");
+  defaults.network = {
+      command->add_option("--interface", defaults.given.networkInterface,
+                          "Default network interface"),
+      command->add_option("--port", defaults.given.port, "Default TCP port")
+          ->capture_default_str()};
+  defaults.authType = command->add_option("--auth-type", defaults.given.authType,
+                                          "No-Authentication, CHAP or CHAP-Mutual")
+                          ->capture_default_str();
+  defaults.credentials = {
+      command->add_option("--userid", defaults.given.userid, "CHAP user name"),
+      command->add_option("--secret", defaults.secret, "CHAP secret ('-' reads it from stdin)"),
+      command->add_option("--mutual-userid", defaults.given.mutualUserid,
+                          "Mutual CHAP user name"),
+      command->add_option("--mutual-secret", defaults.mutualSecret,
+                          "Mutual CHAP secret ('-' reads it from stdin)")};
+}
+
+// The defaults zel.conf holds now, secrets included; the built-in ones
+// (port 3260, no authentication) before the namespace has a zel.conf.
+DefaultInfo CurrentDefaults() {
+  if (!std::filesystem::exists(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath())) {
+    return DefaultsOptions().given;
+  }
+  return NokCtl::Orva::IscsiTarget::Parser::GetDefaultInfo(true);
 }
 
 ordered_json NamespaceRecord() { return ToJson(Service()->GetNamespaceInfo(true)); }
@@ -60,7 +90,7 @@ void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitC
   CLI::App* create =
       AddServiceCommand(ns, "create", "Create the service's namespace on the datastore", options,
                         exitCode, [&options, param, defaults] {
-                          Service()->CreateNamespace(*param, defaults->ToRecord());
+                          Service()->CreateNamespace(*param, defaults->Over(CurrentDefaults()));
                           ReportDone(options.json, "Created the namespace", NamespaceRecord);
                         });
   create->add_option("--policy", param->policy, "Storage policy of the namespace");
@@ -151,7 +181,7 @@ void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
   AddDefaultsOptions(
       AddServiceCommand(*defaults, "set", "Set the cluster-wide defaults", options, exitCode,
                         [&options, values] {
-                          Service()->UpdateDefaultConfig(values->ToRecord());
+                          Service()->UpdateDefaultConfig(values->Over(CurrentDefaults()));
                           ReportDone(options.json, "Set the cluster-wide defaults",
                                      [] { return ToJson(Service()->GetDefaultInfo()); });
                         }),
