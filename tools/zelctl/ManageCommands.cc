@@ -9,6 +9,7 @@
 #include "DaemonState.h"
 #include "Output.h"
 #include "Records.h"
+#include "conf/ConfHandle.h"
 #include "directory/NicPublication.h"
 #include "edit/ParserQueries.h"
 #include "platform/Host.h"
@@ -17,6 +18,7 @@
 namespace zelctl {
 namespace {
 
+using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using HostCtl::Orva::IscsiTarget::NamespaceCreateParam;
 using nlohmann::ordered_json;
@@ -82,6 +84,29 @@ DefaultInfo CurrentDefaults() {
   return NokCtl::Orva::IscsiTarget::Parser::GetDefaultInfo(true);
 }
 
+// Deleting the namespace deletes zel.conf with it: every target and LUN is
+// lost for the whole cluster, and the targets' namespaces are orphaned.
+// Checked before anything is deleted.
+void RefuseToDeleteANamespaceInUse() {
+  if (Service()->GetIscsiTargetStatus(true)) {
+    throw OrvaCtlException(
+        "The service is enabled on this host: disable it before deleting the namespace, or "
+        "give --force");
+  }
+  const std::string path = NokCtl::Orva::IscsiTarget::Util::GetConfFilePath();
+  if (!std::filesystem::exists(path)) return;
+  NokCtl::Orva::IscsiTarget::ConfHandle handle(NokCtl::Orva::IscsiTarget::ConfHandle::kShareMode,
+                                               path);
+  int targets = 0;
+  const struct target* target;
+  TAILQ_FOREACH(target, &handle.conf->conf_targets, t_next) ++targets;
+  if (targets > 0) {
+    throw OrvaCtlException("zel.conf still holds " + std::to_string(targets) +
+                           " target(s): remove them before deleting the namespace, or give "
+                           "--force");
+  }
+}
+
 ordered_json NamespaceRecord() { return ToJson(Service()->GetNamespaceInfo(true)); }
 
 void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitCode) {
@@ -105,13 +130,18 @@ void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitC
       ->add_option("--policy", param->policy, "Storage policy")
       ->required();
 
+  auto force = std::make_shared<bool>(false);
   AddServiceCommand(ns, "delete", "Delete the namespace and zel.conf", options, exitCode,
-                    [&options] {
+                    [&options, force] {
+                      if (!*force) RefuseToDeleteANamespaceInUse();
                       Service()->DeleteNamespace();
                       ReportDone(options.json, "Deleted the namespace", [] {
                         return ordered_json{{"removed", "namespace"}};
                       });
-                    });
+                    })
+      ->add_flag("--force", *force,
+                 "Delete even while the service is enabled or targets exist (their "
+                 "configuration is lost)");
 }
 
 // What `service status` shows; also the record of a change of the state.
