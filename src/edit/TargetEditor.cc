@@ -12,6 +12,7 @@
 #include "edit/Validation.h"
 #include "platform/Log.h"
 #include "storage/DatastoreLayout.h"
+#include "storage/TargetNamespace.h"
 #include "zel/AuthInfo.h"
 #include "zel/OrvaCtlException.h"
 
@@ -109,11 +110,18 @@ void AddNewTargetToConfFile(TargetCreateParam& param, bool& rollback) {
   ZEL_LOG_INFO("%s: Added target %s successfully.\n", kTag, param.alias.c_str());
 }
 
-void RemoveTargetFromConfFile(const std::string& alias) {
+void RemoveTargetFromConfFile(const std::string& alias, const std::string& uuid) {
   ZEL_LOG_INFO("%s: Removing target alias %s from config file\n", kTag, alias.c_str());
   try {
     ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());
     struct target* target = FindTargetByAlias(handle.conf, alias);
+    const struct target_option* identity = target_option_find(target, "uuid");
+    if (identity == nullptr || uuid != identity->to_value) {
+      throw OrvaCtlException("Target " + alias +
+                             " was changed by another editor while it was being removed; "
+                             "nothing was removed.");
+    }
+    Util::DeleteTargetNamespaceOrWhatIsLeft(uuid);
     DetachTargetGroups(target);
     target_delete(target);
     Util::SaveAndAnnounceConfig(handle);

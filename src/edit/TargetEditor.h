@@ -28,7 +28,12 @@ struct target* FindTargetByAlias(struct conf* conf, const std::string& alias);
 void AddNewTargetToConfFile(HostCtl::Orva::IscsiTarget::TargetCreateParam& param,
                             bool& rollback);
 
-void RemoveTargetFromConfFile(const std::string& alias);
+// Removes target `alias` and its namespace under the file's exclusive lock,
+// namespace first, provided the entry still carries identity `uuid`: an
+// alias that meanwhile names another target (renamed and re-added by other
+// editors) is refused with nothing removed. A namespace link already gone
+// is only warned about, so an interrupted removal can be finished.
+void RemoveTargetFromConfFile(const std::string& alias, const std::string& uuid);
 
 // Applies the changes `param` asks for to the graph of `handle`, which the
 // caller opened exclusively and saves.

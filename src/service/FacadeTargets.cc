@@ -59,8 +59,7 @@ void OrvaIscsiTargetImpl::RemoveTarget(const std::string& alias) {
   for (const Api::TargetInfo& target : Parser::GetTargets()) {
     if (target.alias != alias) continue;
     if (!target.luns.empty()) throw OrvaCtlException("Target " + alias + " is not empty.");
-    Util::DeleteTargetNamespace(target.uuid);
-    Parser::RemoveTargetFromConfFile(alias);
+    Parser::RemoveTargetFromConfFile(alias, target.uuid);
     return;
   }
   throw OrvaCtlException("Target " + alias + " is not found.");

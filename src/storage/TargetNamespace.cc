@@ -1,5 +1,6 @@
 #include "storage/TargetNamespace.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -97,6 +98,20 @@ void DeleteTargetNamespace(const std::string& targetUuid) {
     }
     throw OrvaCtlException("Failed to delete namespace for target with UUID " + targetUuid +
                            " with error: " + e.GetMessage());
+  }
+}
+
+void DeleteTargetNamespaceOrWhatIsLeft(const std::string& targetUuid) {
+  struct stat link;
+  if (::lstat(LinkPath(targetUuid).c_str(), &link) == 0) {
+    DeleteTargetNamespace(targetUuid);
+    return;
+  }
+  ZEL_LOG_WARNING("%s: Link of the namespace of target %s is gone; removing what is left\n",
+                  kTag, targetUuid.c_str());
+  const std::string root = GetNamespaceRoot();
+  if (PathExists(root + "/" + targetUuid)) {
+    NokCtl::Storage::DiskLunApi::DeleteNamespace(root, targetUuid);
   }
 }
 

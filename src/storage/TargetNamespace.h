@@ -29,6 +29,11 @@ void CreateTargetNamespace(const std::string& targetUuid, const std::string& pol
 // already gone is reported in the log, and the removal counts as done.
 void DeleteTargetNamespace(const std::string& targetUuid);
 
+// DeleteTargetNamespace, except that a link already gone (a removal killed
+// midway, an operator's hand) is only warned about and the namespace, if it
+// is still there, removed without it: such a target can still be removed.
+void DeleteTargetNamespaceOrWhatIsLeft(const std::string& targetUuid);
+
 }  // namespace Util
 }  // namespace IscsiTarget
 }  // namespace Orva
