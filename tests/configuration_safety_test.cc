@@ -8,11 +8,16 @@
 
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "cache/ConfigSave.h"
 #include "conf/ConfHandle.h"
+#include "directory/DirectoryEntries.h"
 #include "edit/TargetEditor.h"
 #include "platform/local/LocalNetworkInterfaces.h"
+#include "service/ConfigBackup.h"
+#include "storage/DatastoreLayout.h"
 #include "support/Messages.h"
 #include "support/Process.h"
 #include "support/ServiceHome.h"
@@ -114,6 +119,35 @@ TEST(ConfigurationSafetyTest, RemovalRefusesAnAliasThatNowNamesAnotherTarget) {
             "Target finance was changed by another editor while it was being removed; nothing "
             "was removed.");
   EXPECT_EQ(ReadFile(home.ConfPath()), before);
+}
+
+TEST(ConfigurationSafetyTest, FileBehindThePublishedGenerationIsNotSavedOverButRestored) {
+  namespace Util = NokCtl::Orva::IscsiTarget::Util;
+  using NokCtl::Orva::IscsiTarget::ConfHandle;
+  ServiceHome home;
+  home.InstallLocalServiceHost();
+  ASSERT_TRUE(Util::CopyZelConfWithLock());
+  Util::DoActionForConfigChange(9);
+  home.WriteConf("");  // emptied: reads as a valid, empty configuration
+  EXPECT_EQ(MessageOf([&] {
+              ConfHandle handle(ConfHandle::kExclusiveMode, home.ConfPath());
+              Util::SaveAndAnnounceConfig(handle);
+            }),
+            home.ConfPath() +
+                " holds generation 1, behind generation 9 published in the cluster directory: the "
+                "file was damaged or replaced, and saving over it would lose the cluster's "
+                "configuration. Nothing was saved. The local backup copy is " +
+                Util::GetBackupConfFilePath() + ".");
+  EXPECT_EQ(ReadFile(home.ConfPath()), "");
+
+  const Util::BackupSummary backup = Util::DescribeBackupConfigFile();
+  EXPECT_EQ(std::make_tuple(backup.generation, backup.targets, backup.luns),
+            std::make_tuple(uint64_t{7}, 2, 2));
+  EXPECT_EQ(Util::RestoreBackupConfigFile(), 10u);
+  uint64_t published = 0;
+  ASSERT_EQ(ZeldGetConfigGenNumInBrix(&published), NOK_OK);
+  EXPECT_EQ(published, 10u);
+  EXPECT_EQ(ConfHandle(ConfHandle::kShareMode, home.ConfPath()).GetCurrentGenerationNum(), 10u);
 }
 
 TEST(ConfigurationSafetyTest, ASaveRemovesTheTemporaryFilesOfSavesThatDied) {

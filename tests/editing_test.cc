@@ -178,8 +178,12 @@ TEST_F(EditingTest, ChapMutualDefaultsReadBackThroughTheReader) {
 }
 
 TEST_F(EditingTest, NoAuthenticationLeavesTheDefaultGroupWithoutCredential) {
+  int generation = 7;
   for (const std::string type : {"No-Authentication", ""}) {
-    home_.WriteConf(kStandardConf);
+    // Each run starts at what the last one published: a file that went
+    // back in time would be refused.
+    home_.WriteConf("generation " + std::to_string(generation++) +
+                    std::string(kStandardConf).substr(12));
     Parser::UpdateDefaultConfig(Defaults(type));
     EXPECT_NE(Conf().find("auth-group default {\n\t auth-type none\n}\n"), std::string::npos)
         << "type '" << type << "'\n" << Conf();
@@ -200,8 +204,10 @@ TEST_F(EditingTest, DefaultsKeepTheListenAddressUnlessGivenOneAndDropTheCache) {
   EXPECT_EQ(back.networkInterface, "nok3");
   EXPECT_EQ(back.port, 4000);
   // A given interface leaves exactly one listen address.
-  home_.WriteConf(StandardWith(kStandardListen,
-                               "\t listen nok0:3260\n\t listen nok1:3260\n\t listen nok2:3260\n"));
+  home_.WriteConf("generation 8" +  // where the save above left it
+                  StandardWith(kStandardListen,
+                               "\t listen nok0:3260\n\t listen nok1:3260\n\t listen nok2:3260\n")
+                      .substr(12));
   DefaultInfo info = Defaults("No-Authentication");
   info.networkInterface = "nok5";
   Parser::UpdateDefaultConfig(info);

@@ -5,6 +5,7 @@
 #include "cache/ConfigCache.h"
 #include "directory/DirectoryEntries.h"
 #include "platform/Log.h"
+#include "storage/DatastoreLayout.h"
 #include "zel/OrvaCtlException.h"
 
 namespace NokCtl {
@@ -19,6 +20,19 @@ namespace {
 const char kTag[] = "Util";
 // All ones: no file was written (as a generation), or nothing is cached.
 constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
+
+void RefuseToSaveBehindThePublishedGeneration(const ConfHandle& handle) {
+  uint64_t published = 0;
+  if (ZeldGetConfigGenNumInBrix(&published) != NOK_OK) return;
+  const uint64_t generation = handle.GetCurrentGenerationNum();
+  if (generation >= published) return;
+  throw OrvaCtlException(
+      handle.path + " holds generation " + std::to_string(generation) + ", behind generation " +
+      std::to_string(published) +
+      " published in the cluster directory: the file was damaged or replaced, and saving over "
+      "it would lose the cluster's configuration. Nothing was saved. The local backup copy is " +
+      GetBackupConfFilePath() + ".");
+}
 
 }  // namespace
 
@@ -38,6 +52,7 @@ void DoActionForConfigChange(uint64_t generation) {
 }
 
 uint64_t SaveAndAnnounceConfig(ConfHandle& handle) {
+  RefuseToSaveBehindThePublishedGeneration(handle);
   const uint64_t generation = handle.WriteConfFile();
   ConfigCache::CleanupCachedConfig();
   DoActionForConfigChange(generation);

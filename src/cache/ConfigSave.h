@@ -24,6 +24,12 @@ void DoActionForConfigChange(uint64_t generation);
 // announcement does next), then the generation is announced while the
 // handle still holds the file, so that generations reach the directory in
 // the order they were saved. Returns the new generation.
+//
+// A file whose generation is behind the published one is refused, nothing
+// saved, with a message that names the backup copy: an empty or truncated
+// zel.conf reads as a valid configuration, and a save over it would publish
+// a lower generation that every host ignores while the configuration is
+// lost.
 uint64_t SaveAndAnnounceConfig(ConfHandle& handle);
 
 // True, storing the cached generation into `known`, when the configuration

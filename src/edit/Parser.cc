@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "directory/DirectoryEntries.h"
 #include "edit/NamePatterns.h"
 #include "platform/Log.h"
 #include "storage/DatastoreLayout.h"
@@ -28,9 +29,17 @@ void InitZelParserLib() {
 void InitConf() {
   ZEL_LOG_INFO("%s: Initialize conf file\n", "Parser");
   const std::string path = Util::GetConfFilePath();
+  const bool created = access(path.c_str(), F_OK) != 0;
   FILE* file = fopen(path.c_str(), "a");
   if (file == nullptr) {
     throw OrvaCtlException("Failed to create config file " + path + ": " + strerror(errno));
+  }
+  // A namespace made again continues the cluster's generations: starting
+  // below the published one, its saves would never reach the other hosts
+  // and would be refused as a file that went back in time.
+  uint64_t published = 0;
+  if (created && ZeldGetConfigGenNumInBrix(&published) == NOK_OK) {
+    fprintf(file, "generation %llu\n", static_cast<unsigned long long>(published));
   }
   fclose(file);
   if (chmod(path.c_str(), 0660) != 0) {

@@ -1,10 +1,18 @@
 #include "service/ConfigBackup.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 
 #include "cache/ConfigCache.h"
+#include "cache/ConfigSave.h"
 #include "conf/ConfHandle.h"
+#include "conf/reader.h"
+#include "directory/DirectoryEntries.h"
 #include "platform/Log.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
@@ -55,6 +63,50 @@ bool CopyZelConfWithLock() {
     ZEL_LOG_ERROR("%s: Failed to copy file from %s due to: %s\n", kTag,
                   GetConfFilePath().c_str(), e.GetMessage().c_str());
     return false;
+  }
+}
+
+BackupSummary DescribeBackupConfigFile() {
+  BackupSummary summary;
+  summary.path = GetBackupConfFilePath();
+  if (::access(summary.path.c_str(), R_OK) != 0) {
+    throw OrvaCtlException("No backup copy of zel.conf at " + summary.path + ": " +
+                           std::strerror(errno));
+  }
+  ConfHandle backup(ConfHandle::kShareMode, summary.path);
+  summary.generation = backup.GetCurrentGenerationNum();
+  const struct target* target;
+  TAILQ_FOREACH(target, &backup.conf->conf_targets, t_next) {
+    ++summary.targets;
+    for (const struct lun* lun : target->t_luns) summary.luns += lun != nullptr;
+  }
+  return summary;
+}
+
+uint64_t RestoreBackupConfigFile() {
+  const BackupSummary summary = DescribeBackupConfigFile();
+  const std::string confPath = GetConfFilePath();
+  FileIODescriptor current;
+  if (conf_file_open_exclusive_lock(confPath.c_str(), &current, ConfHandle::kLockTimeoutMs) != 0) {
+    throw OrvaCtlException("Parser: exclusive lock failed on " + confPath);
+  }
+  try {
+    ConfHandle backup(ConfHandle::kShareMode, summary.path);
+    uint64_t published = 0;
+    if (ZeldGetConfigGenNumInBrix(&published) == NOK_OK) {
+      backup.conf->conf_generation = std::max(backup.conf->conf_generation, published);
+    }
+    // The copy's graph, saved in the place of zel.conf: the swap replaces
+    // the locked file, and waiting editors reopen the new one.
+    backup.path = confPath;
+    const uint64_t generation = SaveAndAnnounceConfig(backup);
+    conf_close_file(&current);
+    ZEL_LOG_WARNING("%s: Restored zel.conf from %s as generation %lu\n", kTag,
+                    summary.path.c_str(), static_cast<unsigned long>(generation));
+    return generation;
+  } catch (...) {
+    conf_close_file(&current);
+    throw;
   }
 }
 

@@ -2,6 +2,9 @@
 // whenever the cached configuration has moved past the last copy.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 namespace NokCtl {
 namespace Orva {
 namespace IscsiTarget {
@@ -20,6 +23,24 @@ void BackupConfigFile();
 // this generation or a later one was copied already (a warning). False,
 // after logging, when the file cannot be read or copied.
 bool CopyZelConfWithLock();
+
+// What the local backup copy holds.
+struct BackupSummary {
+  std::string path;
+  uint64_t generation = 0;
+  int targets = 0;
+  int luns = 0;
+};
+
+// Reads the local backup copy. Throws OrvaCtlException when there is none
+// or it does not read as a configuration.
+BackupSummary DescribeBackupConfigFile();
+
+// Puts the local backup copy in place of zel.conf, under zel.conf's
+// exclusive lock (the file it replaces need not read at all), with a
+// generation above both the copy's and the published one, so that every
+// host reads it, and announces it. Returns the new generation.
+uint64_t RestoreBackupConfigFile();
 
 // Forgets the last backup, as at the start of the process: the next
 // BackupConfigFile copies whatever the generation.

@@ -11,7 +11,9 @@
 
 #include "Cli.h"
 #include "conf/ConfHandle.h"
+#include "Output.h"
 #include "edit/Parser.h"
+#include "service/ConfigBackup.h"
 
 namespace zelctl {
 namespace {
@@ -87,6 +89,27 @@ void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode)
       return FormatFile(*file);
     });
   });
+
+  // Says what it restores before it does: an operator who sees an older
+  // generation or fewer targets than expected knows what they got.
+  AddServiceCommand(*conf, "restore-backup",
+                    "Put this host's backup copy of zel.conf in its place and announce it",
+                    options, exitCode, [&options] {
+                      namespace Util = NokCtl::Orva::IscsiTarget::Util;
+                      const Util::BackupSummary backup = Util::DescribeBackupConfigFile();
+                      if (!options.json) std::cout << "Restoring " << Printable(backup.path) << ": generation "
+                                << backup.generation << ", " << backup.targets << " target(s), "
+                                << backup.luns << " LUN(s)" << std::endl;
+                      const uint64_t generation = Util::RestoreBackupConfigFile();
+                      ReportDone(options.json,
+                                 "Restored zel.conf as generation " + std::to_string(generation),
+                                 [&] {
+                                   return nlohmann::ordered_json{{"restored", backup.path},
+                                                                 {"generation", generation},
+                                                                 {"targets", backup.targets},
+                                                                 {"luns", backup.luns}};
+                                 });
+                    });
 }
 
 }  // namespace zelctl
