@@ -48,9 +48,11 @@ class FileSystem {
   // Opens an existing file. With a lock bit the lock is tried once, without
   // waiting, unless the access word carries a lock wait (FileIOLockWaitAccess):
   // a held lock is then waited for, and the open returns as soon as the lock
-  // is granted, or when the wait has run out on the host clock. A backend may
-  // ignore the wait and fail at once; FileIO_OpenAwaitingLock makes up for
-  // that. A lock still held through another open file gives
+  // is granted, or when the wait has run out on the host clock. The wait is
+  // real only while that clock runs in real time; a clock that does not (a
+  // test clock) is paused through for it instead. A backend, or a test
+  // double, may ignore the wait and fail at once: FileIO_OpenAwaitingLock
+  // makes up for that. A lock still held through another open file gives
   // FILEIO_LOCK_FAILED.
   // A locked open always refers to the file currently at `path`, never to
   // one that a concurrent swap has just replaced. Sets errno on failure.

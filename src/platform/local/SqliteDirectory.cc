@@ -8,6 +8,7 @@
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -40,7 +41,7 @@ constexpr auto kPollInterval = std::chrono::microseconds(50000);
 // intervals between these two.
 constexpr auto kFirstSettle = std::chrono::microseconds(250);
 constexpr auto kLastSettle = std::chrono::microseconds(64000);
-constexpr int kSettleGrowth = 4;
+constexpr int kSettleGrowth = 2;
 
 // `changes` is the log that watchers of every process read: one row per
 // write, numbered by a sequence that never goes back (AUTOINCREMENT), pruned
@@ -225,10 +226,13 @@ class WatchWake {
 
   // Blocks until nudged, until the database's files report a write (or
   // reports were lost), or for up to `timeout`. Writes of the directory's
-  // other files do not end the wait, but restart its timeout.
+  // other files do not end the wait.
   Reason Wait(std::chrono::microseconds timeout) {
-    const timespec wait{time_t(timeout.count() / 1000000), long(timeout.count() % 1000000) * 1000};
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
+      const std::chrono::nanoseconds left =
+          std::max<std::chrono::nanoseconds>(deadline - std::chrono::steady_clock::now(), {});
+      const timespec wait{time_t(left.count() / 1000000000), long(left.count() % 1000000000)};
       pollfd fds[] = {{nudge_, POLLIN, 0}, {inotify_, POLLIN, 0}};
       if (::ppoll(fds, watching_ ? 2 : 1, &wait, nullptr) <= 0) return kTimeout;
       uint64_t count;
