@@ -107,9 +107,9 @@ bool RunsInRealTime(Clock& clock) {
 // watches the file instead and retries the lock on each report. The report
 // of a close comes just before the kernel drops the lock, hence the quick
 // rechecks after one; a lock can also go without a close (LOCK_UN), hence
-// the slow ones in between. A host clock that
-// does not run in real time is paused through for the wait instead, so that
-// it decides, as for every other pause, how long the wait really lasts.
+// the slow ones in between. A host clock that does not run in real time is
+// paused through for the wait instead, so that it decides, as for every
+// other pause, how long the wait really lasts.
 FileIOResult AwaitLock(int fd, int operation, uint64_t deadline) {
   Clock& clock = CurrentHost().GetClock();
   std::optional<CloseWatch> watch;
