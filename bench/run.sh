@@ -4,11 +4,11 @@
 # 1.5x the raw durable-save floor measured in the same run; the target list
 # from the clean cache at least 100x faster than from the file in the same
 # run, and a generation published by another process marking this process's
-# cache dirty within 250 ms (median); adding a target to a configuration of
+# cache dirty within 5 ms (median), next to the publication itself; adding a target to a configuration of
 # 127 within twice the raw save floor plus the namespace's creation (and the
 # same for removing one, with its deletion), all measured in the same run,
-# and the targets per second of four processes adding at once next to one
-# process making the same adds alone.
+# and the targets per second of four processes adding at once at least 0.8x
+# those of one process making the same adds alone.
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/build.sh
@@ -43,7 +43,7 @@ print(f"target list from the clean cache: {cached:.1f} us, from the file: {fresh
       f"ratio {fresh / cached:.0f}x (goal >= 100x); a bare copy of the list: {floor:.1f} us, "
       f"ratio {fresh / floor:.0f}x; of each, freeing the answer: {free:.1f} us")
 print(f"publish-to-dirty between two processes: median {latency['median_ms']:.1f} ms "
-      f"(the publication itself {latency['publish_median_ms']:.2f} ms; goal < 250 ms)")
+      f"(the publication itself {latency['publish_median_ms']:.2f} ms; goal <= 5 ms)")
 PY
 python3 bench/gen_max_conf.py "$work/edit.conf" 127
 ZEL_BENCH_CONF="$work/edit.conf" ./build/bench/zel_edit_bench \
@@ -67,5 +67,5 @@ print(f"remove target at 128 targets: {remove:.2f} ms, namespace deletion {delet
 alone = run("BM_ConcurrentAdds/processes:1/")["targets_per_s"]
 four = run("BM_ConcurrentAdds/processes:4/")["targets_per_s"]
 print(f"target adds in one home: 1 process {alone:.1f}/s, 4 processes at once {four:.1f}/s, "
-      f"ratio {four / alone:.2f}")
+      f"ratio {four / alone:.2f} (goal >= 0.8)")
 PY

@@ -1,7 +1,9 @@
 // Opening zel.conf under the advisory lock that every reader and writer of
 // the file takes, the daemon among them. A held lock and a missing file are
 // both passing states (a writer is saving, or the namespace is still being
-// set up), so both are retried for a bounded time.
+// set up), so both are retried for a bounded time. A try at a held lock
+// lasts 200 ms but ends as soon as the lock is free, so that writers queued
+// on the file follow one another without idling.
 #include <errno.h>
 
 #include <algorithm>
@@ -16,10 +18,11 @@ constexpr int kLockRetryMaxMs = 600000;
 constexpr int kNotFoundRetryPauseMs = 2000;
 constexpr int kNotFoundRetryMaxMs = 10000;
 
-// Opens with `access`, retrying a held lock every 200 ms for up to
+// Opens with `access`, retrying a held lock in tries of 200 ms for up to
 // `timeout_ms` (at most 10 minutes) and a missing file every 2 s for up to
 // `timeout_ms` (at most 10 s). Each kind is counted on its own; the open
-// that finds its kind's retries used up ends the loop with its result.
+// that finds its kind's retries used up ends the loop with its result, and
+// so does not wait for the lock.
 FileIOResult conf_file_open_with_retry(const char *path, FileIODescriptor *file, int access,
                                        int timeout_ms) {
   const int lock_limit = (std::min(timeout_ms, kLockRetryMaxMs) + kLockRetryPauseMs - 1) /
@@ -31,10 +34,12 @@ FileIOResult conf_file_open_with_retry(const char *path, FileIODescriptor *file,
   int not_found_retries = 0;
   FileIOResult result;
   for (;;) {
-    result = FileIO_Open(file, path, access);
+    // A failed try with retries left has already taken its 200 ms.
+    result = lock_retries < lock_limit
+                 ? FileIO_OpenAwaitingLock(file, path, access, kLockRetryPauseMs)
+                 : FileIO_Open(file, path, access);
     if (result == FILEIO_LOCK_FAILED && lock_retries < lock_limit) {
       lock_retries++;
-      Util_SleepMillis(kLockRetryPauseMs);
     } else if (result == FILEIO_FILE_NOT_FOUND && not_found_retries < not_found_limit) {
       not_found_retries++;
       Util_Sleep(kNotFoundRetryPauseMs / 1000);

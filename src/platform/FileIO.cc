@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdint>
 
 #include "platform/Host.h"
 
@@ -31,6 +32,22 @@ const char* FileIO_MsgError(FileIOResult result) {
 
 FileIOResult FileIO_Open(FileIODescriptor* file, const char* path, int access) {
   return Files().Open(file, path, access);
+}
+FileIOResult FileIO_OpenAwaitingLock(FileIODescriptor* file, const char* path, int access,
+                                     int waitMs) {
+  zel::platform::Clock& clock = zel::platform::CurrentHost().GetClock();
+  const uint64_t start = clock.NowMicros();
+  const FileIOResult result = Files().Open(file, path, access | FileIOLockWaitAccess(waitMs));
+  if (result != FILEIO_LOCK_FAILED) return result;
+  const uint64_t waited = clock.NowMicros() - start;
+  const uint64_t wait = uint64_t(waitMs) * 1000;
+  if (waited < wait) {
+    // The caller reports the held lock with errno; the pause must not change it.
+    const int error = errno;
+    clock.SleepMicros(wait - waited);
+    errno = error;
+  }
+  return result;
 }
 FileIOResult FileIO_Close(FileIODescriptor* file) { return Files().Close(file); }
 FileIOResult FileIO_AtomicTempFile(const char* path, FileIODescriptor* temp) {

@@ -21,6 +21,18 @@ constexpr int FILEIO_OPEN_ACCESS_WRITE = 0x0002;
 constexpr int FILEIO_OPEN_LOCKED = 0x0020;
 constexpr int FILEIO_OPEN_EXCLUSIVE_LOCK = 0x2000;
 
+// Bits 16-30 of the access word: how long an open may wait for a lock held
+// through another open file, in milliseconds of the host clock (at most
+// FILEIO_OPEN_LOCK_WAIT_MAX_MS). Without them the lock is tried once.
+constexpr int FILEIO_OPEN_LOCK_WAIT_SHIFT = 16;
+constexpr int FILEIO_OPEN_LOCK_WAIT_MAX_MS = 0x7fff;
+constexpr int FileIOLockWaitAccess(int milliseconds) {
+  return (milliseconds & FILEIO_OPEN_LOCK_WAIT_MAX_MS) << FILEIO_OPEN_LOCK_WAIT_SHIFT;
+}
+constexpr int FileIOLockWaitMillis(int access) {
+  return (access >> FILEIO_OPEN_LOCK_WAIT_SHIFT) & FILEIO_OPEN_LOCK_WAIT_MAX_MS;
+}
+
 struct FileIODescriptor {
   int fd = -1;
   std::string path;
@@ -34,7 +46,14 @@ class FileSystem {
   virtual ~FileSystem() = default;
 
   // Opens an existing file. With a lock bit the lock is tried once, without
-  // waiting: a lock held through another open file gives FILEIO_LOCK_FAILED.
+  // waiting, unless the access word carries a lock wait (FileIOLockWaitAccess):
+  // a held lock is then waited for, and the open returns as soon as the lock
+  // is granted, or when the wait has run out on the host clock. The wait is
+  // real only while that clock runs in real time; a clock that does not (a
+  // test clock) is paused through for it instead. A backend, or a test
+  // double, may ignore the wait and fail at once: FileIO_OpenAwaitingLock
+  // makes up for that. A lock still held through another open file gives
+  // FILEIO_LOCK_FAILED.
   // A locked open always refers to the file currently at `path`, never to
   // one that a concurrent swap has just replaced. Sets errno on failure.
   virtual FileIOResult Open(FileIODescriptor* file, const std::string& path, int access) = 0;
@@ -69,6 +88,14 @@ bool FileIO_IsValid(const FileIODescriptor& file);
 const char* FileIO_MsgError(FileIOResult result);
 
 FileIOResult FileIO_Open(FileIODescriptor* file, const char* path, int access);
+// One try at a lock that another open file may hold: opens with a lock wait
+// of `waitMs` and, when the lock is still held, returns FILEIO_LOCK_FAILED only
+// once `waitMs` of the host clock have passed since the call, pausing through
+// the clock for whatever part the file layer did not wait itself. So a retry
+// loop keeps the length of its tries, and each try ends as soon as the lock
+// is free. Other results return at once.
+FileIOResult FileIO_OpenAwaitingLock(FileIODescriptor* file, const char* path, int access,
+                                     int waitMs);
 FileIOResult FileIO_Close(FileIODescriptor* file);
 FileIOResult FileIO_AtomicTempFile(const char* path, FileIODescriptor* temp);
 FileIOResult FileIO_Sync(const FileIODescriptor& file);

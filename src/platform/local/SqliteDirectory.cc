@@ -1,10 +1,17 @@
 #include "platform/local/SqliteDirectory.h"
 
+#include <poll.h>
 #include <sqlite3.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -26,7 +33,16 @@ const char kTag[] = "SqliteDirectory";
 // Generous: writers hold the database for one short transaction each, so a
 // long wait means a stuck process, not contention.
 constexpr int kBusyTimeoutMillis = 30000;
-constexpr auto kPollInterval = std::chrono::milliseconds(50);
+// How often the watcher looks at the database unprompted: rarely while the
+// files report their writes, often when they cannot be watched.
+constexpr auto kSafetyPollInterval = std::chrono::microseconds(500000);
+constexpr auto kPollInterval = std::chrono::microseconds(50000);
+// A commit's writes are reported a moment before the commit becomes visible,
+// so a report that shows no change yet is followed by looks at growing
+// intervals between these two.
+constexpr auto kFirstSettle = std::chrono::microseconds(250);
+constexpr auto kLastSettle = std::chrono::microseconds(64000);
+constexpr int kSettleGrowth = 2;
 
 // `changes` is the log that watchers of every process read: one row per
 // write, numbered by a sequence that never goes back (AUTOINCREMENT), pruned
@@ -181,19 +197,91 @@ struct Notice {
   DirectoryEntry entry;
 };
 
+// Wakes the watcher: when the database file or its write-ahead log is
+// written by any process (through inotify on their directory, whose other
+// files are ignored), and when woken by Nudge. Without inotify only Nudge
+// and the timeout wake it.
+class WatchWake {
+ public:
+  explicit WatchWake(const std::string& dbPath)
+      : nudge_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+        inotify_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    const size_t slash = dbPath.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : dbPath.substr(0, slash + 1);
+    db_ = slash == std::string::npos ? dbPath : dbPath.substr(slash + 1);
+    wal_ = db_ + "-wal";
+    watching_ = inotify_ >= 0 &&
+                ::inotify_add_watch(inotify_, dir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO) >= 0;
+  }
+  ~WatchWake() {
+    if (nudge_ >= 0) ::close(nudge_);
+    if (inotify_ >= 0) ::close(inotify_);
+  }
+  WatchWake(const WatchWake&) = delete;
+  WatchWake& operator=(const WatchWake&) = delete;
+
+  bool Ready() const { return nudge_ >= 0; }
+  bool Watching() const { return watching_; }
+  void Nudge() {
+    const uint64_t one = 1;
+    while (::write(nudge_, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+  }
+
+  enum Reason { kTimeout, kNudged, kWritten };
+
+  // Blocks until nudged, until the database's files report a write (or
+  // reports were lost), or for up to `timeout`. Writes of the directory's
+  // other files do not end the wait.
+  Reason Wait(std::chrono::microseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      const std::chrono::nanoseconds left =
+          std::max<std::chrono::nanoseconds>(deadline - std::chrono::steady_clock::now(), {});
+      const timespec wait{time_t(left.count() / 1000000000), long(left.count() % 1000000000)};
+      pollfd fds[] = {{nudge_, POLLIN, 0}, {inotify_, POLLIN, 0}};
+      if (::ppoll(fds, watching_ ? 2 : 1, &wait, nullptr) <= 0) return kTimeout;
+      uint64_t count;
+      const bool nudged = ::read(nudge_, &count, sizeof count) > 0;
+      const bool written = watching_ && DrainReports();
+      if (written) return kWritten;
+      if (nudged) return kNudged;
+    }
+  }
+
+ private:
+  bool DrainReports() {
+    alignas(inotify_event) char buffer[4096];
+    bool written = false;
+    ssize_t length;
+    while ((length = ::read(inotify_, buffer, sizeof buffer)) > 0) {
+      for (ssize_t at = 0; at < length;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        written = written || (event->mask & IN_Q_OVERFLOW) ||
+                  (event->len && (db_ == event->name || wal_ == event->name));
+        at += ssize_t(sizeof(inotify_event) + event->len);
+      }
+    }
+    return written;
+  }
+
+  const int nudge_;
+  const int inotify_;
+  std::string db_;
+  std::string wal_;
+  bool watching_ = false;
+};
+
 class SqliteDirectory final : public Directory {
  public:
-  explicit SqliteDirectory(std::string path) : path_(std::move(path)) {}
+  explicit SqliteDirectory(std::string path) : path_(std::move(path)), wake_(path_) {}
 
   ~SqliteDirectory() override {
     if (!watcher_.joinable()) return;
     // The watcher goes first: its callbacks may still issue updates, which
     // the worker then completes before it stops.
-    {
-      std::lock_guard<std::mutex> lock(watchMu_);
-      watcherStopping_ = true;
-    }
-    watchCv_.notify_all();
+    watcherStopping_ = true;
+    wake_.Nudge();
     watcher_.join();
     {
       std::lock_guard<std::mutex> lock(workMu_);
@@ -224,6 +312,15 @@ class SqliteDirectory final : public Directory {
       ZEL_LOG_WARNING("%s: Failed to open directory database %s: %s", kTag, path_.c_str(),
                       sqlite3_errstr(rc));
       return false;
+    }
+    if (!wake_.Ready()) {
+      ZEL_LOG_WARNING("%s: Failed to make the watcher of directory database %s", kTag,
+                      path_.c_str());
+      return false;
+    }
+    if (!wake_.Watching()) {
+      ZEL_LOG_WARNING("%s: Cannot watch the files of %s for writes; polling them instead", kTag,
+                      path_.c_str());
     }
     worker_ = std::thread([this] { WorkLoop(); });
     watcher_ = std::thread([this] { WatchLoop(); });
@@ -394,13 +491,7 @@ class SqliteDirectory final : public Directory {
     return NOK_OK;
   }
 
-  void NudgeWatcher() {
-    {
-      std::lock_guard<std::mutex> lock(watchMu_);
-      nudged_ = true;
-    }
-    watchCv_.notify_all();
-  }
+  void NudgeWatcher() { wake_.Nudge(); }
 
   int ReadDataVersion(int64_t* version) {
     Statement pragma(watch_.db(), "PRAGMA data_version");
@@ -411,35 +502,42 @@ class SqliteDirectory final : public Directory {
   }
 
   void WatchLoop() {
-    std::unique_lock<std::mutex> lock(watchMu_);
-    while (!watcherStopping_) {
-      watchCv_.wait_for(lock, kPollInterval, [&] { return watcherStopping_ || nudged_; });
+    const std::chrono::microseconds idle = wake_.Watching() ? kSafetyPollInterval : kPollInterval;
+    std::chrono::microseconds settle{0};  // zero while no reported write is awaited
+    for (;;) {
+      const WatchWake::Reason reason = wake_.Wait(settle.count() ? settle : idle);
       if (watcherStopping_) return;
-      nudged_ = false;
-      lock.unlock();
-      Poll();
-      lock.lock();
+      if (Poll()) {
+        settle = std::chrono::microseconds(0);
+      } else if (reason == WatchWake::kWritten) {
+        settle = kFirstSettle;
+      } else if (settle.count()) {
+        settle = settle * kSettleGrowth > kLastSettle ? std::chrono::microseconds(0)
+                                                      : settle * kSettleGrowth;
+      }
     }
   }
 
   // data_version changes whenever another connection, of any process,
-  // committed; between such commits a poll costs one pragma.
-  void Poll() {
+  // committed; between such commits a poll costs one pragma. True when it
+  // delivered the changes of a new commit.
+  bool Poll() {
     int64_t version = 0;
     std::vector<Notice> notices;
     int rc = ReadDataVersion(&version);
-    if (rc == SQLITE_OK && version == dataVersion_) return;
+    if (rc == SQLITE_OK && version == dataVersion_) return false;
     if (rc == SQLITE_OK) rc = Collect(&notices);
     if (rc != SQLITE_OK) {
       // The poll is retried from the same point, so nothing is skipped; one
       // line per failure episode keeps a stuck database from flooding the log.
       if (!pollFailing_) Failed("watch for changes", watch_.db(), rc);
       pollFailing_ = true;
-      return;
+      return false;
     }
     pollFailing_ = false;
     dataVersion_ = version;
     for (const Notice& notice : notices) Deliver(notice);
+    return true;
   }
 
   // Reads, in one snapshot, the latest state of every entry changed since
@@ -552,10 +650,8 @@ class SqliteDirectory final : public Directory {
   int64_t dataVersion_ = 0;
   int64_t lastSeq_ = 0;
   bool pollFailing_ = false;
-  std::mutex watchMu_;
-  std::condition_variable watchCv_;
-  bool nudged_ = false;
-  bool watcherStopping_ = false;
+  WatchWake wake_;
+  std::atomic<bool> watcherStopping_{false};
   std::thread watcher_;
 
   std::mutex subsMu_;

@@ -5,9 +5,10 @@
 // directory's worker thread; completions run there too, never inside the
 // AsyncUpdate call. Each update is one write transaction taken up front
 // (read, predicate, write), so the compare-and-set holds across processes.
-// A watcher thread polls the database about every 50 ms and, at once after a
-// write through this object, delivers subscription callbacks for changes
-// made by any process.
+// A watcher thread delivers subscription callbacks for changes made by any
+// process: it looks at the database when the database or its write-ahead log
+// is written (inotify on their directory), at once after a write through this
+// object, and every half second in case a change went unreported.
 #pragma once
 
 #include <memory>
