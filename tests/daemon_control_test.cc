@@ -15,7 +15,6 @@ namespace {
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
 using platform::LogLevel;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 const char kStart[] = "/etc/init.d/zeld ++group=host/kap/tmp restart";
 const char kReload[] = "/etc/init.d/zeld ++group=host/kap/tmp reload";
@@ -65,7 +64,7 @@ TEST_F(DaemonControlTest, FirewallRulesetSwitchLogsItAndSaysWhyItFailed) {
   fakes_.modules->SetLoadResult("pyrfw", NOK_FAILURE);
   EXPECT_EQ(MessageOf([] { Util::SetZelFirewallRulesetStatus(true); }),
             "Unable to load module pyrfw");
-  EXPECT_THAT(fakes_.firewall->Calls(), IsEmpty());
+  EXPECT_THAT(fakes_.firewall->Calls(), ::testing::IsEmpty());
   fakes_.modules->SetLoaded("pyrfw", true);
   Util::SetZelFirewallRulesetStatus(true);
   EXPECT_TRUE(fakes_.firewall->IsEnabled("zel"));

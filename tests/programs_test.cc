@@ -29,13 +29,10 @@
 namespace zel::test {
 namespace {
 
-using ::testing::EndsWith;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 using ::testing::Not;
-using ::testing::StartsWith;
 
 // The pid in the home's run/NAME.pid, or 0.
 pid_t PidIn(const std::string& home, const std::string& name) {
@@ -69,7 +66,7 @@ TEST(PluginDlopenTest, ClientListsTargetsWithOwnersAndGetsTheServicesMessageAsIt
   EXPECT_EQ(run.out, "finance iqn.2026-11.local.zel:finance " + home.HostUuid() + "\n" +
                          "lab iqn.2026-11.local.zel:lab " + kPeerHostUuid + "\n" +
                          "lab iqn.2026-11.local.zel:lab " + kPeerHostUuid + "\n");
-  EXPECT_THAT("\n" + run.err, EndsWith("\nTarget nosuch not found\n"));
+  EXPECT_THAT("\n" + run.err, ::testing::EndsWith("\nTarget nosuch not found\n"));
 }
 
 const char kFinanceLine[] =
@@ -92,7 +89,6 @@ class ZeldTest : public ::testing::Test {
     return RunProgram({"/usr/bin/env", "ZEL_HOME=" + home_.Path(), ZELD_INIT_PATH,
                        "++group=host/kap/tmp", command});
   }
-  bool PidFileExists() const { return std::filesystem::exists(home_.Path() + "/run/zeld.pid"); }
   std::string Log() const { return ReadFile(home_.Path() + "/log/zeld.log"); }
   ServiceHome home_;
 };
@@ -109,8 +105,7 @@ TEST_F(ZeldTest, InitScriptDrivesOneDaemonThroughItsLife) {
   EXPECT_EQ(std::make_pair(status.exitCode, status.out),
             std::make_pair(3, std::string("zeld is not running\n")));
   home_.RemoveNamespaceLink();
-  const ProcessResult started = Init("restart");
-  ASSERT_EQ(started.exitCode, 0) << started.err;
+  ASSERT_EQ(Init("restart").exitCode, 0);
   const pid_t pid = PidIn(home_.Path(), "zeld");
   EXPECT_TRUE(Running(pid));
   EXPECT_THAT(Log(), HasSubstr("zel.conf not found; serving nothing"));
@@ -123,14 +118,12 @@ TEST_F(ZeldTest, InitScriptDrivesOneDaemonThroughItsLife) {
   std::string log = Log();
   EXPECT_THAT(log, HasSubstr("zeld: Read " + home_.Path() +
                              "/datastore/.iSCSI-CONFIG/etc/zel.conf generation 7 with 2 targets"));
-  EXPECT_EQ(Count(log, kFinanceLine), 1u);
-  EXPECT_EQ(Count(log, kLabLine), 1u);
+  EXPECT_EQ(std::make_pair(Count(log, kFinanceLine), Count(log, kLabLine)), std::make_pair(1ul, 1ul));
   std::string changed = kStandardConf;
   changed.replace(changed.find("generation 7"), 12, "generation 8");
   changed.replace(changed.find("listen nok0:3260"), 16, "listen nok1:3261");
   home_.WriteConf(changed);
-  const ProcessResult reloaded = Init("reload");
-  ASSERT_EQ(reloaded.exitCode, 0) << reloaded.err;
+  ASSERT_EQ(Init("reload").exitCode, 0);
   log = Log();
   EXPECT_EQ(Count(log, "zeld: Reloading on SIGHUP"), 2u);
   EXPECT_THAT(log, HasSubstr("generation 8 with 2 targets"));
@@ -152,7 +145,7 @@ TEST_F(ZeldTest, InitScriptDrivesOneDaemonThroughItsLife) {
   ASSERT_EQ(Init("reload").exitCode, 0);
   EXPECT_THAT(Log(), HasSubstr("zeld: Failed to read "));
   EXPECT_EQ(Init("io_stop").exitCode, 0);
-  EXPECT_FALSE(PidFileExists());
+  EXPECT_FALSE(std::filesystem::exists(home_.Path() + "/run/zeld.pid"));
   EXPECT_FALSE(Running(replaced));
   EXPECT_EQ(Init("status").exitCode, 3);
   for (const std::string& secret : kSecrets) EXPECT_THAT(Log(), Not(HasSubstr(secret)));
@@ -334,9 +327,10 @@ class OrvamgmtdTest : public ::testing::Test {
   ServiceHome home_;
 };
 
-// The start restores before "Ready" and a failed restore leaves the agent serving, a second
-// agent refuses, each SIGHUP fires the refresh event, this host's removal (not a peer's) fires cluster leave once, a link change fires the
-// network event, SIGTERM stops it cleanly, and the log file has every line.
+// The start restores before "Ready" and a failed restore leaves the agent serving; a second
+// agent refuses; each SIGHUP fires the refresh event, this host's removal (not a peer's) the
+// cluster leave event once, a link change the network event; SIGTERM stops it cleanly; the log
+// file has every line.
 TEST_F(OrvamgmtdTest, AgentRestoresServesItsSignalsMembershipAndLinksAndStopsCleanly) {
   // In its own network namespace when it can, to change a link without touching the host's.
   const char* const unshare = "/usr/bin/unshare";
@@ -356,12 +350,13 @@ TEST_F(OrvamgmtdTest, AgentRestoresServesItsSignalsMembershipAndLinksAndStopsCle
   EXPECT_THAT(own, ElementsAre("orvamgmtd: Starting (pid " + std::to_string(agent.Pid()) + ", home " +
                                    home_.Path() + ", library " + ZEL_LIBRARY_PATH + ")",
                                "orvamgmtd: Restoring the iSCSI target service",
-                               StartsWith("orvamgmtd: Restore failed: "),
+                               ::testing::StartsWith("orvamgmtd: Restore failed: "),
                                kReady));
   EXPECT_EQ(ReadFile(PidPath()), std::to_string(agent.Pid()) + "\n");
   const ProcessResult second = RunProgram(Foreground());
   EXPECT_EQ(std::make_pair(second.exitCode, second.err),
-            std::make_pair(1, "orvamgmtd: already running (pid " + std::to_string(agent.Pid()) + ")\n"));
+            std::make_pair(1, "orvamgmtd: already running (pid " + std::to_string(agent.Pid()) +
+                                  ")\n"));
   for (int i = 0; i < 2; ++i) {
     agent.Signal(SIGHUP);
     agent.AwaitLine("orvamgmtd: SIGHUP received: firing the system refresh event");
@@ -374,7 +369,7 @@ TEST_F(OrvamgmtdTest, AgentRestoresServesItsSignalsMembershipAndLinksAndStopsCle
                                          "--preserve-credentials", ip, "link", "set", "lo", "up"});
     ASSERT_EQ(up.exitCode, 0) << up.err;
     EXPECT_THAT(agent.AwaitLine("orvamgmtd: Network change ("),
-                MatchesRegex("orvamgmtd: Network change \\([0-9]+ notifications\\): firing the "
+                ::testing::MatchesRegex("orvamgmtd: Network change \\([0-9]+ notifications\\): firing the "
                              "network change event"));
   } else {
     std::cout << "[  SKIPPED ] the link change needs unprivileged network namespaces\n";
@@ -387,9 +382,8 @@ TEST_F(OrvamgmtdTest, AgentRestoresServesItsSignalsMembershipAndLinksAndStopsCle
   EXPECT_FALSE(std::filesystem::exists(PidPath()));
   // The file has the same lines time-stamped, and what the library wrote while unloaded.
   const std::string log = ReadFile(LogPath());
-  const std::regex stamped(
-      R"(\n\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z orvamgmtd: SIGTERM received: stopping\n)");
-  EXPECT_TRUE(std::regex_search(log, stamped)) << log;
+  EXPECT_TRUE(std::regex_search(log, std::regex(R"(\n\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )"
+                                                R"(orvamgmtd: SIGTERM received: stopping\n)"))) << log;
   const auto stopping = log.find("orvamgmtd: SIGTERM received: stopping");
   EXPECT_NE(log.find("orvamgmtd: Stopped", stopping), std::string::npos);
   EXPECT_NE(log.find("OrvaIscsiTargetImpl: Calling ZelNokCtlFini()", stopping), std::string::npos);
