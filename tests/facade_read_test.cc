@@ -1,12 +1,13 @@
-// The facade's reads as the management process calls them through the
-// plug-in entry: the service check first, owners from the directory, the
-// not-found messages, and a host that is not in a cluster.
+// The facade's reads through the plug-in entry: the service check first, owners from the
+// directory, the not-found messages, and a host outside a cluster.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cache/ConfigCache.h"
@@ -14,19 +15,17 @@
 #include "support/ServiceHome.h"
 #include "zel/OrvaPlugin.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
 
 using HostCtl::Orva::IscsiTarget::LunInfo;
 using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
 using HostCtl::Orva::IscsiTarget::TargetInfo;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 using ::testing::AllOf;
 using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::Not;
 
 const std::string kNotEnabled =
@@ -42,21 +41,17 @@ std::vector<std::string> Aliases(const std::vector<TargetInfo>& targets) {
 class FacadeReadTest : public ::testing::Test {
  protected:
   size_t FileReads() const {
-    size_t reads = 0;
-    for (const std::string& line : host_.log->Texts()) {
-      if (line.find("ZelConfigCache: ") == 0 && line.find(" from conf file") != std::string::npos) {
-        ++reads;
-      }
-    }
-    return reads;
+    const std::vector<std::string> lines = host_.log->Texts();
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+      return line.rfind("ZelConfigCache: ", 0) == 0 && line.find(" from conf file") != std::string::npos;
+    });
   }
   ServiceHome home_;
   TestServices host_ = home_.InstallTestHost();
 };
 
-// Every checked read refuses while the service is disabled, before anything
-// is read or subscribed; the enabled state is the one last read from the
-// store; the first checked read subscribes and later reads come from memory.
+// Every checked read refuses while disabled, before anything is read or subscribed; the enabled
+// state is the one last read from the store; the first read subscribes, later ones use memory.
 TEST_F(FacadeReadTest, ReadsWaitForTheServiceThenSubscribeOnceAndReadTheFileOnce) {
   home_.SetServiceEnabled(false);
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
@@ -64,10 +59,7 @@ TEST_F(FacadeReadTest, ReadsWaitForTheServiceThenSubscribeOnceAndReadTheFileOnce
       {"GetTargetInfo", [&] { service->GetTargetInfo("finance"); }},
       {"GetTargets", [&] { service->GetTargets(false, false); }},
       {"GetTargets local", [&] { service->GetTargets(true, true); }},
-      {"GetLuns", [&] {
-         std::vector<LunInfo> luns;
-         service->GetLuns("finance", luns, false);
-       }},
+      {"GetLuns", [&] { std::vector<LunInfo> luns; service->GetLuns("finance", luns, false); }},
       {"GetLunInfo", [&] { service->GetLunInfo("finance", 0); }},
       {"GetDefaultInfo", [&] { service->GetDefaultInfo(); }},
       {"GetInitiatorgroups", [&] { service->GetInitiatorgroups(); }},
@@ -88,9 +80,8 @@ TEST_F(FacadeReadTest, ReadsWaitForTheServiceThenSubscribeOnceAndReadTheFileOnce
   EXPECT_EQ(FileReads(), 1u);
 }
 
-// Owners come from the directory, policies with them, and local-only reads
-// follow the owner; a target whose owner cannot be found is kept and logged;
-// unknown names give their not-found messages; defaults carry no secrets.
+// Owners and policies come from the directory and local-only reads follow the owner; a target
+// whose owner is unknown is kept and logged; unknown names are named; defaults hold no secret.
 TEST_F(FacadeReadTest, ReadsCarryOwnersAndPoliciesAndNameWhatIsMissing) {
   home_.WriteConf(std::string(kStandardConf) +
                   "target iqn.2026-11.local.zel:orphan {\n\talias \"orphan\"\n"
@@ -98,58 +89,47 @@ TEST_F(FacadeReadTest, ReadsCarryOwnersAndPoliciesAndNameWhatIsMissing) {
                   "\toption owner-id " + kOrphanUuid + "\n}\n");
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   const TargetInfo lab = service->GetTargetInfo("lab");
-  EXPECT_EQ(lab.ownerId, kLabUuid);
-  EXPECT_EQ(lab.ownerHostUuid, kPeerHostUuid);
-  EXPECT_EQ(lab.ownerHostName, kPeerHostName);
-  EXPECT_EQ(lab.policy, "lab-policy");
-  const std::vector<TargetInfo> all = service->GetTargets(false, false);
-  ASSERT_THAT(Aliases(all), ElementsAre("finance", "lab", "orphan"));
-  EXPECT_EQ(all[0].ownerHostUuid, home_.HostUuid());
-  EXPECT_EQ(all[1].ownerHostUuid, kPeerHostUuid);
-  EXPECT_EQ(all[2].ownerHostUuid, "");
+  EXPECT_EQ(std::make_tuple(lab.ownerId, lab.ownerHostUuid, lab.ownerHostName, lab.policy),
+            std::make_tuple(std::string(kLabUuid), std::string(kPeerHostUuid),
+                            std::string(kPeerHostName), std::string("lab-policy")));
+  std::vector<std::string> owners;
+  for (const TargetInfo& target : service->GetTargets(false, false)) {
+    owners.push_back(target.alias + "@" + target.ownerHostUuid);
+  }
+  EXPECT_THAT(owners, ElementsAre("finance@" + home_.HostUuid(),
+                                  "lab@" + std::string(kPeerHostUuid), "orphan@"));
   EXPECT_THAT(host_.log->Texts(platform::LogLevel::Error),
-              Contains(StartsWith("OrvaIscsiTargetImpl: Failed to get target information: Failed "
+              Contains(::testing::StartsWith("OrvaIscsiTargetImpl: Failed to get target information: Failed "
                                   "to get owner host of object " + std::string(kOrphanUuid))));
-  // Local-only reads follow the owner (the orphan's owner is unknown).
   const auto local = [&] { return Aliases(service->GetTargets(false, true)); };
   EXPECT_THAT(local(), AllOf(Contains("finance"), Not(Contains("lab"))));
-  // The target moves: the directory, not the configuration, says who owns it.
   home_.AnnounceObject(kLabUuid, home_.HostUuid(), "lab-policy");
   home_.AnnounceObject(kFinanceUuid, kPeerHostUuid, "finance-policy");
   EXPECT_THAT(local(), AllOf(Contains("lab"), Not(Contains("finance"))));
   const LunInfo ledger = service->GetLunInfo("finance", 0);
-  EXPECT_EQ(ledger.alias, "ledger");
-  EXPECT_EQ(ledger.uuid, kLedgerUuid);
-  EXPECT_EQ(ledger.policy, "ledger-policy");
+  EXPECT_EQ(ledger.alias + " " + ledger.uuid + " " + ledger.policy,
+            "ledger " + std::string(kLedgerUuid) + " ledger-policy");
   const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(true);
-  EXPECT_EQ(info.uuid, kNamespaceUuid);
-  EXPECT_EQ(info.policy, "namespace-policy");
+  EXPECT_EQ(info.uuid + " " + info.policy, std::string(kNamespaceUuid) + " namespace-policy");
   EXPECT_EQ(MessageOf([&] { service->GetTargetInfo("X"); }), "Target X not found");
-  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("finance", 7); }),
-            "LUN id 7 not found for target finance");
+  EXPECT_EQ(MessageOf([&] { service->GetLunInfo("finance", 7); }), "LUN id 7 not found for target finance");
   EXPECT_EQ(MessageOf([&] { service->GetLunInfo("X", 0); }), "Target X not found");
-  EXPECT_EQ(MessageOf([&] { service->GetInitiatorgroupInfo("X"); }),
-            "Initiator group X not found.");
-  const HostCtl::Orva::IscsiTarget::DefaultInfo defaults = service->GetDefaultInfo();
-  EXPECT_EQ(defaults.authType, "CHAP-Mutual");
-  EXPECT_EQ(defaults.userid, "defuser");
-  EXPECT_EQ(defaults.mutualUserid, "defmutual");
-  EXPECT_EQ(defaults.networkInterface, "nok0");
-  EXPECT_EQ(defaults.secret, "");
-  EXPECT_EQ(defaults.mutualSecret, "");
+  EXPECT_EQ(MessageOf([&] { service->GetInitiatorgroupInfo("X"); }), "Initiator group X not found.");
+  const HostCtl::Orva::IscsiTarget::DefaultInfo d = service->GetDefaultInfo();
+  EXPECT_EQ(std::vector<std::string>({d.authType, d.userid, d.mutualUserid, d.networkInterface,
+                                      d.secret, d.mutualSecret}),
+            std::vector<std::string>({"CHAP-Mutual", "defuser", "defmutual", "nok0", "", ""}));
 }
 
 TEST_F(FacadeReadTest, NamespaceInfoOnADatastoreWithoutNamespaceIsEmptyOrThrows) {
   home_.RemoveNamespaceLink();
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   const HostCtl::Orva::IscsiTarget::NamespaceInfo info = service->GetNamespaceInfo(false);
-  EXPECT_EQ(info.uuid, "");
-  EXPECT_EQ(info.policy, "");
-  EXPECT_FALSE(info.policyCompliant);
-  const std::vector<std::string> errors = host_.log->Texts(platform::LogLevel::Error);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_THAT(errors[0], HasSubstr("OrvaIscsiTargetImpl: Failed to GetNamespaceInfo, zel(Enabled), "
-                                   "exception(Failed to get ZEL namespace UUID with status: "));
+  EXPECT_EQ(std::make_tuple(info.uuid, info.policy, info.policyCompliant),
+            std::make_tuple(std::string(), std::string(), false));
+  EXPECT_THAT(host_.log->Texts(platform::LogLevel::Error),
+              ElementsAre(HasSubstr("OrvaIscsiTargetImpl: Failed to GetNamespaceInfo, zel(Enabled), "
+                                    "exception(Failed to get ZEL namespace UUID with status: ")));
   EXPECT_THAT(MessageOf([&] { service->GetNamespaceInfo(true); }),
               HasSubstr("Failed to get ZEL namespace UUID with status: "));
 }
@@ -165,5 +145,4 @@ TEST_F(FacadeReadTest, HostOutsideAClusterConstructsAndStaysDisabled) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -1,14 +1,8 @@
-// A stand-in for the management process: it knows the service only through
-// its public headers, loads the library at run time and finds the plug-in
-// entry by its symbol, as a program built apart from the library does.
-//
-// Usage: zel_plugin_client LIBRARY COMMAND...
-//   targets        one line per target: alias, IQN, owner host
-//   target ALIAS   the same line for one target
-// The commands run in order on one service object; the home is the
-// library's own choice (ZEL_HOME). Exit 0 on success, 1 when the service
-// refused any command (its message on stderr), 2 when the library or its
-// entry cannot be loaded or the usage is wrong.
+// A stand-in for the management process: public headers only, the library loaded at run time
+// and the plug-in entry found by its symbol.
+// Usage: zel_plugin_client LIBRARY (targets|target ALIAS)...: a line "alias IQN owner-host" per
+// target, on one service object (home from ZEL_HOME). Exit 1 when the service refused a command
+// (its message on stderr), 2 when the library or entry cannot be loaded or on wrong usage.
 #include <dlfcn.h>
 
 #include <iostream>
@@ -23,8 +17,7 @@ using HostCtl::Orva::OrvaAsyncPlugin;
 using HostCtl::Orva::IscsiTarget::OrvaIscsiTarget;
 using HostCtl::Orva::IscsiTarget::TargetInfo;
 
-// OrvaAsyncPluginFactory::GetAsyncOrvaPlugin() by its mangled name: the
-// entry is a static member function, not a plain-name symbol.
+// OrvaAsyncPluginFactory::GetAsyncOrvaPlugin(), a static member, by its mangled name.
 constexpr char kPluginEntry[] = "_ZN7HostCtl4Orva22OrvaAsyncPluginFactory18GetAsyncOrvaPluginEv";
 using PluginEntry = OrvaAsyncPlugin* (*)();
 
@@ -32,19 +25,18 @@ void Print(const TargetInfo& target) {
   std::cout << target.alias << ' ' << target.iqn << ' ' << target.ownerHostUuid << '\n';
 }
 
+int Fail(const std::string& text) {
+  std::cerr << text << '\n';
+  return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) {
-    std::cerr << "usage: " << argv[0] << " LIBRARY (targets|target ALIAS)...\n";
-    return 2;
-  }
+  if (argc < 3) return Fail(std::string("usage: ") + argv[0] + " LIBRARY (targets|target ALIAS)...");
   void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
   auto entry = library ? reinterpret_cast<PluginEntry>(dlsym(library, kPluginEntry)) : nullptr;
-  if (entry == nullptr) {
-    std::cerr << dlerror() << '\n';
-    return 2;
-  }
+  if (entry == nullptr) return Fail(dlerror());
   int code = 0;
   {
     std::unique_ptr<OrvaAsyncPlugin> plugin(entry());
@@ -57,19 +49,13 @@ int main(int argc, char** argv) {
         } else if (command == "target" && i + 1 < argc) {
           Print(service->GetTargetInfo(argv[++i]));
         } else {
-          std::cerr << "unknown command " << command << '\n';
-          code = 2;
+          code = Fail("unknown command " + command);
         }
-      } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {
-        // Thrown inside the library, caught here by the public type.
+      } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {  // thrown inside the library
         std::cerr << e.GetMessage() << '\n';
         code = 1;
       }
     }
   }
-  if (dlclose(library) != 0) {
-    std::cerr << dlerror() << '\n';
-    return 2;
-  }
-  return code;
+  return dlclose(library) != 0 ? Fail(dlerror()) : code;
 }
