@@ -1,8 +1,6 @@
-// The configuration cache: when a query is answered from memory and when it
-// reads zel.conf, how the directory's change notice and a background refresh
-// move it between those states, what a failed read leaves behind, and the
-// same across two processes sharing one home, with a real save and a real
-// publication of the generation.
+// The configuration cache: when queries are answered from memory or from
+// zel.conf, how change notices and refreshes move it, failed reads, and the
+// same across two processes with a real save and publication.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -34,8 +32,7 @@ using ::testing::HasSubstr;
 
 constexpr uint64_t kNothingCached = std::numeric_limits<uint64_t>::max();
 
-// The standard configuration saved by someone else: a later generation in
-// which target "lab" is called `labAlias`.
+// The standard conf saved elsewhere as `generation`, target "lab" renamed `labAlias`.
 std::string Changed(uint64_t generation, const std::string& labAlias) {
   std::string text = kStandardConf;
   text.replace(0, text.find('\n'), "generation " + std::to_string(generation));
@@ -43,21 +40,17 @@ std::string Changed(uint64_t generation, const std::string& labAlias) {
   text.replace(text.find(lab), lab.size(), "\talias \"" + labAlias + "\"");
   return text;
 }
-
 std::vector<std::string> TargetAliases() {
   std::vector<std::string> aliases;
   for (const auto& target : ConfigCache::GetTargetsInfos()) aliases.push_back(target.alias);
   return aliases;
 }
-
 std::vector<std::string> GroupNames() {
   std::vector<std::string> names;
   for (const auto& group : ConfigCache::GetInitiatorGroupInfos()) names.push_back(group.name);
   return names;
 }
-
-// Polls `condition` until it holds or about 30 s have passed; the notice
-// comes from the directory's own thread.
+// Polls for about 30 s: the notice comes from the directory's own thread.
 template <typename Condition>
 bool Eventually(Condition condition) {
   for (int attempt = 0; attempt < 3000; ++attempt) {
@@ -66,7 +59,6 @@ bool Eventually(Condition condition) {
   }
   return condition();
 }
-
 class ConfigCacheTest : public ::testing::Test {
  protected:
   // The queries that went to the file, by the line each logs before reading.
@@ -78,8 +70,7 @@ class ConfigCacheTest : public ::testing::Test {
     return reads;
   }
   int Opens() const { return host_.files->Calls(FileOp::Open); }
-  // Subscribes and fills the cache: the state in which queries are served
-  // from memory.
+  // The state in which queries are served from memory.
   void SubscribeAndFill() {
     ConfigCache::SubscribeBrix();
     TargetAliases();
@@ -91,14 +82,12 @@ class ConfigCacheTest : public ::testing::Test {
 };
 
 TEST_F(ConfigCacheTest, WithoutSubscriptionEveryQueryReadsTheFile) {
+  std::vector<std::string> twice;
   for (int round = 0; round < 2; ++round) {
     ConfigCache::GetConfigInfo(false);
     ConfigCache::GetTargetsInfos();
     ConfigCache::GetInitiatorGroupInfos();
     ConfigCache::GetAllIscsiNoknics();
-  }
-  std::vector<std::string> twice;
-  for (int round = 0; round < 2; ++round) {
     for (const char* query :
          {"GetConfigInfo", "GetTargetsInfos", "GetInitiatorGroupInfos", "GetAllIscsiNoknics"})
       twice.push_back(std::string("ZelConfigCache: ") + query + " from conf file");
@@ -108,7 +97,6 @@ TEST_F(ConfigCacheTest, WithoutSubscriptionEveryQueryReadsTheFile) {
   // Each read refills the cache, which stays untrusted until subscribed.
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
 }
-
 TEST_F(ConfigCacheTest, SubscribedAndCleanCacheIsServedFromMemory) {
   SubscribeAndFill();
   const int opens = Opens();
@@ -122,7 +110,6 @@ TEST_F(ConfigCacheTest, SubscribedAndCleanCacheIsServedFromMemory) {
   EXPECT_EQ(FileReads().size(), 1u);
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 7u);
 }
-
 TEST_F(ConfigCacheTest, ChangeNoticeMarksDirtyAndTheNextQueryReadsTheFileOnce) {
   SubscribeAndFill();
   home_.WriteConf(Changed(8, "lab-renamed"));
@@ -132,7 +119,6 @@ TEST_F(ConfigCacheTest, ChangeNoticeMarksDirtyAndTheNextQueryReadsTheFileOnce) {
   EXPECT_THAT(TargetAliases(), ElementsAre("finance", "lab-renamed"));
   EXPECT_FALSE(ConfigCache::IsZelConfDirty());
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 8u);
-  TargetAliases();
   GroupNames();
   EXPECT_EQ(FileReads().size(), 2u);
   // A notice of unknown meaning still asks for a read.
@@ -148,7 +134,6 @@ TEST_F(ConfigCacheTest, ChangeNoticeMarksDirtyAndTheNextQueryReadsTheFileOnce) {
   TargetAliases();
   EXPECT_EQ(Opens(), opens);
 }
-
 TEST_F(ConfigCacheTest, BackgroundRefreshReplacesTheGraphButLeavesTheDirtyFlag) {
   SubscribeAndFill();
   home_.WriteConf(Changed(8, "lab-renamed"));
@@ -170,7 +155,6 @@ TEST_F(ConfigCacheTest, BackgroundRefreshReplacesTheGraphButLeavesTheDirtyFlag) 
       "ZelConfigCache: Failed to update the config cache due to: Failed to read conf file: " +
       GetConfFilePath()));
 }
-
 TEST_F(ConfigCacheTest, FailedReadThrowsAndLeavesTheCacheAsItWas) {
   SubscribeAndFill();
   UpdateZelConfigCacheAPI(nullptr, NOK_OK);
@@ -188,7 +172,6 @@ TEST_F(ConfigCacheTest, FailedReadThrowsAndLeavesTheCacheAsItWas) {
   EXPECT_THAT(TargetAliases(), ElementsAre("finance", "lab-renamed"));
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 9u);
 }
-
 TEST_F(ConfigCacheTest, DroppingTheGraphOrTheSubscriptionMakesQueriesReadAgain) {
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), kNothingCached);
   SubscribeAndFill();
@@ -206,32 +189,27 @@ TEST_F(ConfigCacheTest, DroppingTheGraphOrTheSubscriptionMakesQueriesReadAgain) 
   TargetAliases();
   EXPECT_EQ(FileReads().size(), 4u);
 }
-
-TEST_F(ConfigCacheTest, SubscribingTwiceKeepsOneSubscription) {
+TEST_F(ConfigCacheTest, SubscribingTwiceKeepsOneAndFailureLeavesItUnsubscribed) {
   ConfigCache::SubscribeBrix();
   ConfigCache::SubscribeBrix();
   const std::vector<std::string> lines = host_.log->Texts();
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
                        "ZelConfigCache: Subscribing ZEL config info from BRIX"),
             1);
-}
-
-TEST_F(ConfigCacheTest, SubscriptionFailureThrowsAndLeavesTheCacheUnsubscribed) {
+  ConfigCache::UnsubscribeBrix();
   // Without the namespace there is no generation entry to watch.
   home_.RemoveNamespaceLink();
   EXPECT_THAT(MessageOf([] { ConfigCache::SubscribeBrix(); }),
               HasSubstr("Failed to subscribe BRIX ZEL config entry: "));
   EXPECT_FALSE(ConfigCache::IsBrixSubscribed());
 }
-
-// Each child is forked before this process opens its directory, so that no
-// directory thread of the parent is copied into it mid-flight.
+// The child is forked before this process opens its directory (no thread copied mid-flight).
 TEST(ConfigCacheAcrossProcessesTest, SaveAndPublishElsewhereMakesThisCacheReadTheFileOnce) {
   ServiceHome home;
   ChildProcess writer([&home](ChildControl& control) {
     control.AwaitRelease();
     home.InstallLocalServiceHost(platform::LogLevel::Error);
-    ConfHandle handle(ConfHandle::kExclusiveMode, NokCtl::Orva::IscsiTarget::Util::GetConfFilePath());
+    ConfHandle handle(ConfHandle::kExclusiveMode, GetConfFilePath());
     if (initiator_group_new(handle.conf, "added-group") == nullptr) return 2;
     const uint64_t generation = handle.WriteConfFile();
     if (generation != 8) return 3;
