@@ -1,5 +1,4 @@
-// Shared fixture of the configuration object model tests: a fresh conf per
-// test, the configuration log at its most verbose, and the lines it wrote.
+// A fresh conf per test, the configuration log at its most verbose, and its lines.
 #pragma once
 
 #include <gmock/gmock.h>
