@@ -1,0 +1,12 @@
+#!/bin/sh
+# Builds zel with ThreadSanitizer into build-tsan/ and runs the concurrency
+# tests there: the directory with its watcher threads and subscribers, the
+# configuration cache, concurrent editors and lock hand-overs, the
+# namespace race, the store's and the membership's writers. Any report fails
+# the run.
+set -eu
+cd "$(dirname "$0")/.."
+cmake -S . -B build-tsan -DZEL_WERROR=ON -DZEL_TSAN=ON -DZEL_BENCH=OFF >/dev/null
+cmake --build build-tsan -j"$(nproc)"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ./build-tsan/tests/zel_tests \
+  --gtest_filter='Directory*:ConfigCache*:EditConcurrency*:ConfLockHandover*:ConfFileTest*:LocalNamespaceRace*:LocalConfigStore*:LocalClusterMembership*:NicPublication*'
