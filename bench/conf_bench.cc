@@ -71,6 +71,20 @@ void BM_RawSaveFloor(benchmark::State& state) {
 }
 BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
 
+// A file that is one long alias: reading must cost its length, not its
+// square (bench/run.sh compares 8 MiB with 1 MiB, per byte).
+void BM_ReadOneLongToken(benchmark::State& state) {
+  const std::string path = Home().Dir() + "/long-token.conf";
+  std::ofstream(path) << "generation 1\ntarget iqn.2026-11.org.example:long {\n\talias \""
+                      << std::string(static_cast<size_t>(state.range(0)), 'a') << "\"\n}\n";
+  for (auto _ : state) {
+    ConfHandle handle(ConfHandle::kShareMode, path);
+    benchmark::DoNotOptimize(handle.conf);
+  }
+  std::filesystem::remove(path);
+}
+BENCHMARK(BM_ReadOneLongToken)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 BENCHMARK_MAIN();
