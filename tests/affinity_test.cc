@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "placement/Affinity.h"
-#include "support/FixedServices.h"
 #include "support/HostDoubles.h"
 #include "support/Messages.h"
 
@@ -96,7 +95,6 @@ TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObje
       std::map<std::string, std::string>{{"lun-0", kNoLocality}, {"lun-1", kPreferred}}));
   OrvaComplianceHandle handle{&policies};
   const TargetInfo current = Target("Preferred", {"", ""});
-
   EXPECT_EQ(kLunMessage, MessageOf([&] {
               VerifyUpdateTargetAffinity(&handle, Param("NonPreferred", ""), current);
             }));

@@ -54,7 +54,6 @@ TEST(DefaultIqn, AliasIsShownReadablyOrLeftOutWhenNothingOfItFits) {
   EXPECT_NE(GetDefautltIQN("data"), GetDefautltIQN("data"));
 }
 
-
 TEST(DefaultIqn, ConfiguredDomainIsReversedInLowerCase) {
   TempHome home;
   zel::test::WriteFile(

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "edit/HostState.h"
-#include "support/FixedServices.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
@@ -40,7 +40,6 @@ class HostStateTest : public ::testing::Test {
     for (const std::string& dir : dirs) fs::create_directory(object + "/" + dir);
   }
   const std::string& Root() const { return host_.Config().datastoreRoot; }
-
   zel::test::ScopedTestHost host_;
   zel::test::ClusterFactsDouble& cluster_ = host_.Install<zel::test::ClusterFactsDouble>(
       std::make_unique<zel::test::FixedCluster>());

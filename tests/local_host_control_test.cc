@@ -54,7 +54,6 @@ class LocalHostControlTest : public ::testing::Test {
   int Run(const std::vector<std::string>& argv) {
     return platform::NewLocalCommandRunner(config_)->Exec(argv);
   }
-
   ScopedTestHost host_;
   platform::HostConfig config_ = host_.Config();
 };
@@ -66,7 +65,6 @@ TEST_F(LocalHostControlTest, ExitCodesOfRealProgramsAnd127WhenOneCannotStart) {
   EXPECT_EQ(Run({"true"}), 0);  // found in PATH
   EXPECT_EQ(Run({Script("killed.sh", "kill -9 $$\n")}), 128 + 9);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
-
   EXPECT_EQ(Run({host_.Home() + "/missing", "arg"}), 127);
   EXPECT_EQ(Run({"zel-no-such-program"}), 127);
   const std::string notExecutable = host_.Home() + "/plain.sh";
@@ -134,7 +132,6 @@ TEST_F(LocalHostControlTest, RealHostBootSwitchIsTheDaemonsUnitUnlessChkconfigIs
   EXPECT_EQ(ReadFile(Out()), "enable zeld.service\n");
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
   EXPECT_EQ(ReadFile(Out()), "disable zeld.service\n");
-
   config_.commands["/sbin/chkconfig"] = "/bin/sh " + Recorder(Out());
   for (platform::Profile profile : {platform::Profile::Embedded, platform::Profile::RealHost}) {
     config_.profile = profile;
@@ -162,7 +159,6 @@ TEST_F(LocalHostControlTest, EmbeddedModulesAndFirewallAreStateFilesUnderTheHome
                           "HostControl: Module zel is not loaded; nothing to unload"));
   EXPECT_EQ(modules->ModuleLoad("../zel"), NOK_BAD_PARAM);
   EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/zel"));
-
   std::unique_ptr<platform::Firewall> firewall = platform::NewLocalFirewall(config_);
   const std::string ruleset = host_.Home() + "/state/firewall/zel";
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
@@ -194,7 +190,6 @@ class RealHostControlTest : public LocalHostControlTest {
     modules_ = platform::NewRealHostKernelModules(std::unique_ptr<ScriptedCommandRunner>(runner_),
                                                   files_);
   }
-
   platform::ModuleFiles files_;
   ScriptedCommandRunner* runner_ = new ScriptedCommandRunner;
   std::unique_ptr<platform::KernelModules> modules_;
@@ -206,7 +201,6 @@ TEST_F(RealHostControlTest, ModulesAreReadFromTheKernelsListsAndSwitchedWithModp
   EXPECT_TRUE(modules_->ModuleIsLoaded("built_in"));
   EXPECT_FALSE(modules_->ModuleIsLoaded("zel"));  // a prefix of zel_target only
   EXPECT_THAT(runner_->Calls(), IsEmpty());
-
   EXPECT_EQ(modules_->ModuleLoad("zel"), NOK_OK);
   EXPECT_EQ(modules_->ModuleLoad("pyrfw"), NOK_OK);
   EXPECT_EQ(modules_->ModuleUnload("zel"), NOK_OK);  // not listed: nothing to run
@@ -226,7 +220,6 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
       platform::NewRealHostFirewall(std::move(runner), host_.Home());
   const std::string path = host_.Home() + "/state/firewall/zel.nft";
   const std::string dropTable = "table inet zel\ndelete table inet zel\n";
-
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
   EXPECT_THAT(nft->CommandLines(), ElementsAre("nft -f " + path));
   const std::string enabled = ReadFile(path);
@@ -235,7 +228,6 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
   EXPECT_THAT(enabled, HasSubstr("tcp dport 3260 accept"));
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
   EXPECT_EQ(ReadFile(path), dropTable);
-
   nft->SetExitCode("nft", 1);
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_FAILURE);
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel; flush ruleset", true), NOK_BAD_PARAM);
@@ -258,7 +250,6 @@ class KernelOptionsTest : public LocalHostControlTest {
     return platform::NewLocalKernelOptions(config_)->GetIntOption(component, field, &value_);
   }
   void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
-
   int value_ = -1;
 };
 
@@ -320,7 +311,6 @@ TEST_F(LegacyConfigTest, ValuesAreKeptBesideEachOtherAndAbsentOrForeignOnesRefus
   legacy_->SetBool(ORVA_ZEL_STATUS_KEY, false);
   EXPECT_FALSE(legacy_->GetBool(ORVA_ZEL_STATUS_KEY));
   EXPECT_TRUE(legacy_->HasValue("/UserVars/Other"));
-
   WriteFile(Path(), R"({"/UserVars/ZelServiceEnabled": 1})");
   EXPECT_EQ(MessageOf([&] { legacy_->SetBool("/UserVars/Other", true); }),
             "Legacy configuration " + Path() +

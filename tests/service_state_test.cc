@@ -18,22 +18,17 @@
 #include "platform/local/JsonConfigStore.h"
 #include "platform/local/LocalKernelOptions.h"
 #include "platform/local/LocalLegacyConfig.h"
-#include "cache/ConfigSave.h"
 #include "service/ConfigBackup.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
 #include "support/Messages.h"
 #include "support/ServiceHome.h"
 #include "support/TestHost.h"
-#include "zel/OrvaCtlException.h"
 
 namespace zel {
 namespace test {
 namespace {
-
-
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
-using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 using platform::LogLevel;
@@ -48,15 +43,8 @@ constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
 // has cached.
 DefaultInfo FreshDefaults() {
   static int serial = 0;
-  DefaultInfo info;
-  info.networkInterface = "nok" + std::to_string(++serial);
-  info.port = 3260;
-  info.authType = "CHAP-Mutual";
-  info.userid = "user";
-  info.secret = "Secret#00001";
-  info.mutualUserid = "mutual";
-  info.mutualSecret = "Secret#00002";
-  return info;
+  return DefaultInfo{"nok" + std::to_string(++serial), 3260, "CHAP-Mutual", "user",
+                     "Secret#00001", "mutual", "Secret#00002"};
 }
 
 class ServiceStateTest : public ::testing::Test {
@@ -65,12 +53,10 @@ class ServiceStateTest : public ::testing::Test {
     host_.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(host_.Config()));
     host_.Install<LegacyConfigDouble>(platform::NewLocalLegacyConfigFile(host_.Config()));
   }
-
   int DefaultWrites() const { return store_.Count("SetOrvaIscsiDefaultConfig"); }
   void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
   std::string StorePath() const { return host_.Config().configStorePath; }
   std::string LegacyPath() const { return host_.Home() + "/legacy-config.json"; }
-
   ScopedTestHost host_;
   ConfigStoreDouble& store_ = host_.Install<ConfigStoreDouble>(
       std::make_unique<platform::JsonConfigStore>(host_.Config().configStorePath));
@@ -91,47 +77,11 @@ TEST_F(ServiceStateTest, StatusReadsDisabledWhenNeverStoredAndRoundTripsThroughT
   EXPECT_FALSE(std::filesystem::exists(LegacyPath()));
 }
 
-TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
-  WriteFile(StorePath(), "{");
-  const std::string stored = MessageOf([] { Util::SetStatus(true); });
-  ASSERT_THAT(stored, StartsWith("Configuration store " + StorePath()));
-  bool enabled = false;
-  const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
-  EXPECT_EQ(loaded, stored);
-  EXPECT_THAT(
-      host_.Log().Texts(LogLevel::Error),
-      ElementsAre(
-          "Util: ZEL failed to persist info for ZEL status to config store with exception " + stored,
-          "Util: ZEL failed to get info for ZEL status from config store with exception " + loaded));
-}
-
-TEST_F(ServiceStateTest, LoadConfigFailsWhenTheStoredDefaultsCannotBeRead) {
-  Util::SetStatus(true);
-  store_.FailNext("GetOrvaIscsiDefaultConfig", "defaults unreadable");
-  bool enabled = false;
-  EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
-  EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
-              ElementsAre("Util: ZEL failed to get default config from config store with "
-                          "exception defaults unreadable"));
-}
-
-TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCache) {
-  const DefaultInfo stored = FreshDefaults();
-  platform::JsonConfigStore(StorePath()).SetOrvaIscsiDefaultConfig(stored);
-  bool enabled = false;
-  Util::LoadConfig(enabled);
-  EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
-  // What was just read is not written back.
-  Util::UpdateDefaultConfigToConfigStore(stored);
-  EXPECT_EQ(DefaultWrites(), 0);
-}
-
 TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
   WriteOptions(R"({"ORVA": {"configStore": 0}})");
   bool enabled = true;
   Util::LoadConfig(enabled);
   EXPECT_FALSE(enabled);
-
   Util::SetStatus(true);
   Util::LoadConfig(enabled);
   EXPECT_TRUE(enabled);
@@ -143,17 +93,44 @@ TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
                           "Util: Retrieved zel status 'enabled' successfully"));
 }
 
-TEST_F(ServiceStateTest, UnreadableLegacyFileFailsWithItsMessage) {
-  WriteOptions(R"({"ORVA": {"configStore": 0}})");
-  WriteFile(LegacyPath(), "[");
-  const std::string stored = MessageOf([] { Util::SetStatus(false); });
-  ASSERT_THAT(stored, StartsWith("Legacy configuration " + LegacyPath()));
+TEST_F(ServiceStateTest, UnreadableStoreOrLegacyFileFailsWithItsMessage) {
+  struct Case {
+    bool legacy;
+    std::string path, prefix, persist, load;
+  };
+  for (const Case& c :
+       {Case{false, StorePath(), "Configuration store ",
+             "Util: ZEL failed to persist info for ZEL status to config store with exception ",
+             "Util: ZEL failed to get info for ZEL status from config store with exception "},
+        Case{true, LegacyPath(), "Legacy configuration ",
+             "Util: ZEL failed to persist info for ZEL  status with exception ",
+             "Util: ZEL failed to load info for ZEL  status with exception "}}) {
+    SCOPED_TRACE(c.legacy);
+    host_.Log().Clear();
+    if (c.legacy) WriteOptions(R"({"ORVA": {"configStore": 0}})");
+    WriteFile(c.path, c.legacy ? "[" : "{");
+    const std::string stored = MessageOf([] { Util::SetStatus(true); });
+    ASSERT_THAT(stored, StartsWith(c.prefix + c.path));
+    bool enabled = false;
+    const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
+    EXPECT_EQ(loaded, stored);
+    EXPECT_THAT(host_.Log().Texts(LogLevel::Error), ElementsAre(c.persist + stored, c.load + loaded));
+  }
+}
+
+TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCacheOrFailsWithTheStore) {
+  const DefaultInfo stored = FreshDefaults();
+  platform::JsonConfigStore(StorePath()).SetOrvaIscsiDefaultConfig(stored);
   bool enabled = false;
-  const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
-  EXPECT_EQ(loaded, stored);
+  Util::LoadConfig(enabled);
+  EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
+  Util::UpdateDefaultConfigToConfigStore(stored);  // what was just read is not written back
+  EXPECT_EQ(DefaultWrites(), 0);
+  store_.FailNext("GetOrvaIscsiDefaultConfig", "defaults unreadable");
+  EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
-              ElementsAre("Util: ZEL failed to persist info for ZEL  status with exception " + stored,
-                          "Util: ZEL failed to load info for ZEL  status with exception " + loaded));
+              ElementsAre("Util: ZEL failed to get default config from config store with "
+                          "exception defaults unreadable"));
 }
 
 TEST_F(ServiceStateTest, StoreFeatureFollowsTheOptionsFileWithoutRestart) {
@@ -176,7 +153,6 @@ TEST_F(ServiceStateTest, MissingOptionReadsZeroSilentlyAndAnUnreadableOneWithAWa
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
   EXPECT_TRUE(host_.Log().Contains(
       "Util: Failed to get component: ORVA-iSCSI, field: zelLunNaaEnable: Bad parameter"));
-
   WriteOptions("{\"ORVA-iSCSI\": ");
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
   EXPECT_TRUE(host_.Log().Contains(
@@ -200,33 +176,10 @@ TEST_F(ServiceStateTest, FeatureSwitchIsLoggedByName) {
                           "Util: Retrieve Zel Feature (zelFeatureY): Disabled."));
 }
 
-TEST_F(ServiceStateTest, DefaultsAreWrittenOnlyWhenAFieldChanged) {
+// A failed write is tried again next time; an unchanged record is not
+// written again, a change of any one field is.
+TEST_F(ServiceStateTest, DefaultsAreWrittenOnlyWhenAFieldChangedOrTheLastWriteFailed) {
   DefaultInfo defaults = FreshDefaults();
-  Util::UpdateDefaultConfigToConfigStore(defaults);
-  Util::UpdateDefaultConfigToConfigStore(defaults);
-  EXPECT_EQ(DefaultWrites(), 1);
-  DefaultInfo stored;
-  ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
-  EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
-  const std::vector<std::function<void(DefaultInfo&)>> changes = {
-      [](DefaultInfo& d) { d.networkInterface += "x"; },
-      [](DefaultInfo& d) { d.port = 3261; },
-      [](DefaultInfo& d) { d.authType = "CHAP"; },
-      [](DefaultInfo& d) { d.userid += "x"; },
-      [](DefaultInfo& d) { d.secret += "x"; },
-      [](DefaultInfo& d) { d.mutualUserid += "x"; },
-      [](DefaultInfo& d) { d.mutualSecret += "x"; },
-  };
-  int writes = 1;
-  for (const auto& change : changes) {
-    change(defaults);
-    Util::UpdateDefaultConfigToConfigStore(defaults);
-    EXPECT_EQ(DefaultWrites(), ++writes);
-  }
-}
-
-TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
-  const DefaultInfo defaults = FreshDefaults();
   store_.FailNext("SetOrvaIscsiDefaultConfig", "store is read-only");
   EXPECT_EQ(MessageOf([&] { Util::UpdateDefaultConfigToConfigStore(defaults); }),
             "store is read-only");
@@ -234,7 +187,22 @@ TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
               ElementsAre("Util: ZEL failed to persist default config to config store with "
                           "exception store is read-only"));
   Util::UpdateDefaultConfigToConfigStore(defaults);
+  Util::UpdateDefaultConfigToConfigStore(defaults);
   EXPECT_EQ(DefaultWrites(), 2);
+  DefaultInfo stored;
+  ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
+  EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
+  int writes = 2;
+  for (const auto& change : std::vector<std::function<void(DefaultInfo&)>>{
+           [](DefaultInfo& d) { d.networkInterface += "x"; },
+           [](DefaultInfo& d) { d.port = 3261; }, [](DefaultInfo& d) { d.authType = "CHAP"; },
+           [](DefaultInfo& d) { d.userid += "x"; }, [](DefaultInfo& d) { d.secret += "x"; },
+           [](DefaultInfo& d) { d.mutualUserid += "x"; },
+           [](DefaultInfo& d) { d.mutualSecret += "x"; }}) {
+    change(defaults);
+    Util::UpdateDefaultConfigToConfigStore(defaults);
+    EXPECT_EQ(DefaultWrites(), ++writes);
+  }
 }
 
 TEST_F(ServiceStateTest, DefaultsStayOutOfTheStoreWhenTheFeatureIsOff) {
@@ -248,19 +216,17 @@ class ConfigChangeTest : public ::testing::Test {
  protected:
   ConfigChangeTest() { Util::ForgetBackupConfGenNumber(); }
   ~ConfigChangeTest() override { Util::ForgetBackupConfGenNumber(); }
-
   uint64_t Published() const {
     uint64_t generation = 0;
     EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_OK);
     return generation;
   }
-  std::string BackupPath() const { return NokCtl::Orva::IscsiTarget::Util::GetBackupConfFilePath(); }
+  std::string BackupPath() const { return Util::GetBackupConfFilePath(); }
   void SaveGeneration(uint64_t generation) {
     std::string text = kStandardConf;
     text.replace(0, text.find('\n'), "generation " + std::to_string(generation));
     home_.WriteConf(text);
   }
-
   ServiceHome home_;
   TestServices host_ = home_.InstallTestHost();
 };
@@ -283,17 +249,14 @@ TEST_F(ConfigChangeTest, PublicationOfAllOnesIsNoneOfAnOlderGenerationWarnsElseT
             "Failed to Update ZEL conf entry into BRIX with error: Failure");
 }
 
-
 TEST_F(ConfigChangeTest, RefreshIsNeededOnlyForALaterCachedGeneration) {
   uint64_t known = 3;
   EXPECT_FALSE(Util::IsRefreshConfNeeded(known));  // nothing cached
   EXPECT_EQ(known, 3u);
-
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_TRUE(Util::IsRefreshConfNeeded(known));
   EXPECT_EQ(known, 7u);
   EXPECT_FALSE(Util::IsRefreshConfNeeded(known));
-
   SaveGeneration(8);
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_TRUE(Util::IsRefreshConfNeeded(known));
@@ -304,11 +267,9 @@ TEST_F(ConfigChangeTest, BackupIsNeededBeforeTheFirstOneWhateverTheGeneration) {
   EXPECT_TRUE(Util::IsBackupConfNeeded());
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_TRUE(Util::IsBackupConfNeeded());
-
   ASSERT_TRUE(Util::CopyZelConfWithLock());
   EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 7\n"));
   EXPECT_FALSE(Util::IsBackupConfNeeded());
-
   SaveGeneration(8);
   EXPECT_FALSE(Util::IsBackupConfNeeded());  // the cache has not seen it yet
   ConfigCache::UpdateZelConfigCache(0);
@@ -322,7 +283,6 @@ TEST_F(ConfigChangeTest, CopySkipsAGenerationAlreadyBackedUp) {
   EXPECT_EQ(ReadFile(BackupPath()), "kept");
   EXPECT_THAT(host_.log->Texts(LogLevel::Warning),
               ElementsAre("Util: backup zel.conf gen: 7, global zel.conf gen: 7, skip backup"));
-
   SaveGeneration(9);
   EXPECT_TRUE(Util::CopyZelConfWithLock());
   EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 9\n"));
@@ -338,7 +298,7 @@ TEST_F(ConfigChangeTest, BackupCopiesNothingOutsideTheManagementProcessOrFromNow
   const std::vector<std::string> errors = host_.log->Texts(LogLevel::Error);
   ASSERT_FALSE(errors.empty());
   EXPECT_THAT(errors.back(),
-              StartsWith("Util: Failed to copy file from " + NokCtl::Orva::IscsiTarget::Util::GetConfFilePath() + " due to: "));
+              StartsWith("Util: Failed to copy file from " + Util::GetConfFilePath() + " due to: "));
   EXPECT_FALSE(std::filesystem::exists(BackupPath()));
   EXPECT_TRUE(Util::IsBackupConfNeeded());
 }

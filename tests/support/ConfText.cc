@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "storage/DatastoreLayout.h"
 #include "support/TestHost.h"
@@ -16,18 +17,12 @@ void InstallConf(const std::string& text) {
 std::string WrittenText(NokCtl::Orva::IscsiTarget::ConfHandle& handle) {
   char* buffer = nullptr;
   size_t length = 0;
-  FILE* out = open_memstream(&buffer, &length);
-  try {
-    handle._WriteConfigToFile(out);
-  } catch (...) {
-    fclose(out);
-    free(buffer);
-    throw;
+  std::unique_ptr<char*, void (*)(char**)> freed(&buffer, [](char** b) { free(*b); });
+  {
+    std::unique_ptr<FILE, int (*)(FILE*)> out(open_memstream(&buffer, &length), fclose);
+    handle._WriteConfigToFile(out.get());
   }
-  fclose(out);
-  std::string text(buffer, length);
-  free(buffer);
-  return text;
+  return std::string(buffer, length);
 }
 
 }  // namespace test

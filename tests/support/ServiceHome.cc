@@ -81,8 +81,7 @@ std::unique_ptr<platform::Directory> OpenDirectory(const platform::HostConfig& c
   return directory;
 }
 
-}  // namespace
-
+// Puts the configuration cache back into its empty state, as at start.
 void ResetConfigCache() {
   ConfigCache::UnsubscribeBrix();
   ConfigCache::CleanupCachedConfig();
@@ -92,21 +91,27 @@ void ResetConfigCache() {
   ZeldClearConfigEntryNeedsRepublish();
 }
 
+}  // namespace
+
 ServiceHome::ServiceHome() {
   const platform::HostConfig config = platform::LoadHostConfig(Path());
   hostUuid_ = config.hostUuid;
   SetServiceEnabled(true);
 
-  // The configuration namespace as the service lays it out: etc/ for
-  // zel.conf, and targets/ for the links to the targets' namespaces.
   std::filesystem::create_directories(NamespaceDir() + "/etc");
   std::filesystem::create_directories(NamespaceDir() + "/targets");
-  // Relative, as the platform makes it: the home may be reached by any path.
+  // Relative, as the platform makes it.
   std::filesystem::create_directory_symlink(kNamespaceUuid,
                                             config.datastoreRoot + "/.iSCSI-CONFIG");
   WriteConf(kStandardConf);
 
-  AnnounceMember(kPeerHostUuid, kPeerHostName);
+  platform::HostConfig peer = config;
+  peer.hostUuid = kPeerHostUuid;
+  peer.hostName = kPeerHostName;
+  peer.clusterMember = true;
+  if (platform::LocalClusterFacts(peer, *OpenDirectory(peer)).Announce() != NOK_OK) {
+    throw std::runtime_error("cannot announce the peer");
+  }
   AnnounceObject(kNamespaceUuid, hostUuid_, "namespace-policy");
   AnnounceObject(kFinanceUuid, hostUuid_, "finance-policy");
   AnnounceObject(kLedgerUuid, hostUuid_, "ledger-policy");
@@ -161,17 +166,6 @@ void ServiceHome::AnnounceObject(const std::string& uuid, const std::string& own
   }
   if (PublishAndWait(*OpenDirectory(platform::LoadHostConfig(Path())), entry) != NOK_OK) {
     throw std::runtime_error("cannot publish storage object " + uuid);
-  }
-}
-
-void ServiceHome::AnnounceMember(const std::string& hostUuid, const std::string& hostName) {
-  platform::HostConfig member = platform::LoadHostConfig(Path());
-  member.hostUuid = hostUuid;
-  member.hostName = hostName;
-  member.clusterMember = true;
-  std::unique_ptr<platform::Directory> directory = OpenDirectory(member);
-  if (platform::LocalClusterFacts(member, *directory).Announce() != NOK_OK) {
-    throw std::runtime_error("cannot announce member " + hostUuid);
   }
 }
 

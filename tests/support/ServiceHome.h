@@ -1,20 +1,16 @@
-// A prepared home of one host of the service, for the tests of the read
-// path: host.json with the host's identity, the configuration store with the
-// service enabled, the datastore whose ".iSCSI-CONFIG" link names the
-// configuration namespace holding etc/zel.conf and an empty targets/, and the
-// directory entries of the storage objects (targets' namespaces and LUN
-// disks), so that owner and policy lookups answer. The targets' namespaces
-// and disks themselves exist only as those entries, not on the datastore. Everything is real: a forked child, zelctl or the
-// plug-in client can open the same home and sees what this process sees.
-//
-// The standard preparation (kStandardConf):
-//   target "finance" (kFinanceUuid): owned by this host, initiator group
+// A prepared home of one host of the service, all real (a forked child,
+// zelctl or the plug-in client opening it sees what this process sees):
+// host.json, the configuration store with the service enabled, the datastore
+// whose ".iSCSI-CONFIG" link names the configuration namespace holding
+// etc/zel.conf (kStandardConf) and an empty targets/, and the directory
+// entries of the storage objects, so that owner and policy lookups answer:
+//   target "finance" (kFinanceUuid): this host's, initiator group
 //     "finance-hosts" and one initiator by name, CHAP user "finance",
-//     LUN 0 "ledger" (kLedgerUuid) and LUN 1 offline (kArchiveUuid);
-//   target "lab" (kLabUuid): owned by the second member kPeerHostUuid
+//     LUN 0 "ledger" (kLedgerUuid), LUN 1 offline (kArchiveUuid);
+//   target "lab" (kLabUuid): the second member kPeerHostUuid's
 //     ("peer-host"), CHAP-Mutual, no LUN;
-//   defaults: CHAP user "defuser" with kDefaultSecret on "nok0:3260", and the
-//     store holding its own copy with kStoreSecret.
+//   defaults: CHAP user "defuser" with kDefaultSecret on "nok0:3260"; the
+//     store's own copy has kStoreSecret.
 #pragma once
 
 #include <memory>
@@ -75,9 +71,6 @@ class ServiceHome {
   // Publishes storage object `uuid` owned by `ownerHost` in the directory.
   void AnnounceObject(const std::string& uuid, const std::string& ownerHost,
                       const std::string& policy = "");
-  // Publishes another cluster member.
-  void AnnounceMember(const std::string& hostUuid, const std::string& hostName);
-
   // Selects a ScopedTestHost of this home with the local directory, cluster
   // facts, store, policies, disks, namespaces and kernel options attached,
   // each inside its double (HostDoubles.h).
@@ -92,10 +85,6 @@ class ServiceHome {
   std::unique_ptr<ScopedTestHost> testHost_;
   std::unique_ptr<HostSelection> localHost_;
 };
-
-// Puts the configuration cache back into its empty state: no subscription,
-// no graph, not dirty, the entry taken as absent (as at start).
-void ResetConfigCache();
 
 }  // namespace test
 }  // namespace zel

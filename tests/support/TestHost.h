@@ -1,8 +1,8 @@
 // The fault-injecting test host: a clock that records pauses instead of
 // sleeping, a log sink that keeps every line, and a file layer over the real
 // one whose calls can be scripted to fail ("rename fails twice, then
-// succeeds"; "lock held for the next 1501 opens"); and the one way a test
-// selects a host (HostSelection, under ScopedTestHost and ServiceHome).
+// succeeds"); and the one way a test selects a host (HostSelection, under
+// ScopedTestHost and ServiceHome).
 #pragma once
 
 #include <condition_variable>
@@ -22,11 +22,24 @@ namespace test {
 
 class TestClock final : public platform::Clock {
  public:
-  uint64_t NowMicros() override;
-  void SleepMicros(uint64_t micros) override;
+  uint64_t NowMicros() override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return now_;
+  }
+  void SleepMicros(uint64_t micros) override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    now_ += micros;
+    sleeps_.push_back(micros);
+  }
   // Every pause asked for, in order.
-  std::vector<uint64_t> Sleeps() const;
-  void ClearSleeps();
+  std::vector<uint64_t> Sleeps() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return sleeps_;
+  }
+  void ClearSleeps() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    sleeps_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -42,7 +55,10 @@ struct LogLine {
 class RecordingLogSink final : public platform::LogSink {
  public:
   void Write(platform::LogLevel level, const std::string& line) override;
-  std::vector<LogLine> Lines() const;
+  std::vector<LogLine> Lines() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+  }
   // Lines at `level` or more severe, text only.
   std::vector<std::string> Texts(platform::LogLevel upTo = platform::LogLevel::Debug2) const;
   bool Contains(const std::string& text) const;
@@ -51,7 +67,10 @@ class RecordingLogSink final : public platform::LogSink {
   // The first line containing `part`, waiting up to 20 s for another thread
   // to log it; "" when none came.
   std::string Await(const std::string& part) const;
-  void Clear();
+  void Clear() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -64,13 +83,16 @@ enum class FileOp { Open, Close, AtomicTempFile, Sync, AtomicUpdate, CloseAndUnl
 
 class FaultyFileSystem final : public platform::FileSystem {
  public:
-  explicit FaultyFileSystem(std::unique_ptr<platform::FileSystem> real);
-
+  explicit FaultyFileSystem(std::unique_ptr<platform::FileSystem> real) : real_(std::move(real)) {}
   // The next `times` calls of `op` return `result` (with errno `error`)
   // without touching the real file layer; later calls go through.
   void FailNext(FileOp op, FileIOResult result, int times = 1, int error = EIO);
   // How often `op` was called, faults included.
-  int Calls(FileOp op) const;
+  int Calls(FileOp op) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    auto found = calls_.find(op);
+    return found == calls_.end() ? 0 : found->second;
+  }
 
   FileIOResult Open(FileIODescriptor* file, const std::string& path, int access) override;
   FileIOResult Close(FileIODescriptor* file) override;
@@ -80,16 +102,12 @@ class FaultyFileSystem final : public platform::FileSystem {
   FileIOResult CloseAndUnlink(FileIODescriptor* file) override;
 
  private:
-  struct Fault {
-    FileIOResult result;
-    int error;
-  };
   // Counts the call and tells whether a scripted fault answers it.
   bool Scripted(FileOp op, FileIOResult* result);
 
   std::unique_ptr<platform::FileSystem> real_;
   mutable std::mutex mutex_;
-  std::map<FileOp, std::deque<Fault>> faults_;
+  std::map<FileOp, std::deque<std::pair<FileIOResult, int>>> faults_;  // (result, errno)
   std::map<FileOp, int> calls_;
 };
 
@@ -117,12 +135,12 @@ struct TestServices {
   NamespacesDouble* namespaces = nullptr;
 };
 
-// Selects `host` for the object's life and puts the previous host back
-// afterwards: the one place where tests select a host.
+// Selects `host` for the object's life and puts the previous host back.
 class HostSelection {
  public:
-  explicit HostSelection(std::unique_ptr<platform::Host> host);
-  ~HostSelection();
+  explicit HostSelection(std::unique_ptr<platform::Host> host)
+      : previous_(platform::SelectHost(std::move(host))) {}
+  ~HostSelection() { platform::SelectHost(std::move(previous_)); }
   HostSelection(const HostSelection&) = delete;
   HostSelection& operator=(const HostSelection&) = delete;
 
@@ -137,7 +155,6 @@ class ScopedTestHost {
  public:
   ScopedTestHost();
   explicit ScopedTestHost(platform::HostConfig config);
-  ~ScopedTestHost();
 
   const std::string& Home() const { return Config().home; }
   const platform::HostConfig& Config() const { return host_->Config(); }
@@ -149,9 +166,7 @@ class ScopedTestHost {
   // Puts `double_` into the host as its service and returns it.
   template <typename Double>
   Double& Install(std::unique_ptr<Double> double_) {
-    Double& installed = *double_;
-    Attach(*host_, std::move(double_));
-    return installed;
+    return Attach(*host_, std::move(double_));
   }
   // Wraps `target` in the double `Double`, installs it and returns it.
   template <typename Double>
