@@ -54,24 +54,23 @@ TEST(DefaultIqn, AliasIsShownReadablyOrLeftOutWhenNothingOfItFits) {
   EXPECT_NE(GetDefautltIQN("data"), GetDefautltIQN("data"));
 }
 
-TEST(DefaultIqn, ConfiguredDomainIsReversedInLowerCase) {
-  TempHome home;
-  zel::test::WriteFile(
-      home.Path() + "/host.json",
-      R"({"hostName": "node-1.lab.example.org", "iqnDomain": "Storage.Example.NET"})");
-  ScopedHostWith host(zel::platform::LoadHostConfig(home.Path()));
-  ExpectIqn("db", "iqn.1998-01.net.example.storage:db-");
-}
-
-TEST(DefaultIqn, WithoutConfiguredDomainTheHostsOwnDomainIsUsed) {
+// The configured domain is reversed in lower case; without one the host's
+// own domain is, unless it could not name an IQN authority.
+TEST(DefaultIqn, NamingAuthorityIsTheConfiguredDomainOrTheHostsOwn) {
   TempHome home;
   {
     ScopedHostWith host(ConfigNamed(home, "node-1.Lab.Example.org."));
     ExpectIqn("db", "iqn.1998-01.org.example.lab:db-");
   }
-  // A domain that could not name an IQN authority is not used.
-  ScopedHostWith host(ConfigNamed(home, "node-1.lab_2.example.org"));
-  ExpectIqn("db", "iqn.1998-01.local.zel:db-");
+  {
+    ScopedHostWith host(ConfigNamed(home, "node-1.lab_2.example.org"));
+    ExpectIqn("db", "iqn.1998-01.local.zel:db-");
+  }
+  zel::test::WriteFile(
+      home.Path() + "/host.json",
+      R"({"hostName": "node-1.lab.example.org", "iqnDomain": "Storage.Example.NET"})");
+  ScopedHostWith host(zel::platform::LoadHostConfig(home.Path()));
+  ExpectIqn("db", "iqn.1998-01.net.example.storage:db-");
 }
 
 }  // namespace

@@ -31,13 +31,12 @@ const std::string kBadNamespace =
 
 class HostStateTest : public ::testing::Test {
  protected:
-  // The namespace as the platform lays it out: ".iSCSI-CONFIG" is a link to
-  // the namespace object's own directory, here with the directories `dirs`.
+  // ".iSCSI-CONFIG" linked to the namespace's own directory holding `dirs`.
   void MakeNamespace(const std::vector<std::string>& dirs) {
-    const std::string object = Root() + "/5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
-    fs::create_directories(object);
-    fs::create_directory_symlink("5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58", Root() + "/.iSCSI-CONFIG");
-    for (const std::string& dir : dirs) fs::create_directory(object + "/" + dir);
+    const std::string object = "5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
+    fs::create_directories(Root() + "/" + object);
+    fs::create_directory_symlink(object, Root() + "/.iSCSI-CONFIG");
+    for (const std::string& dir : dirs) fs::create_directory(Root() + "/" + object + "/" + dir);
   }
   const std::string& Root() const { return host_.Config().datastoreRoot; }
   zel::test::ScopedTestHost host_;

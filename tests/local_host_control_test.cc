@@ -1,9 +1,6 @@
-// The local host-control backends: real programs run without a shell (exit
-// codes, signals, environment, inherited descriptors, the host.json
-// replacements and the profile mappings), the embedded state files of
-// modules, firewall and boot switch, the real-host modprobe and nft
-// commands, the options file and the legacy configuration file shared by
-// two processes.
+// The local host-control backends: real programs run without a shell, the
+// embedded state files of modules, firewall and boot switch, the real-host
+// modprobe and nft commands, the options file and the legacy file.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -43,12 +40,10 @@ class LocalHostControlTest : public ::testing::Test {
     WriteFile(path, "#!/bin/sh\n" + body, 0700);
     return path;
   }
-  // A script that writes its arguments into `out` (not executable: run it
-  // through "/bin/sh PATH").
-  std::string Recorder(const std::string& out) {
-    const std::string path = host_.Home() + "/recorder.sh";
-    WriteFile(path, "echo \"$@\" > " + out + "\n", 0600);
-    return path;
+  // A replacement command that writes its arguments into Out().
+  std::string Recorder(const std::string& shell = "/bin/sh ") {
+    WriteFile(host_.Home() + "/recorder.sh", "echo \"$@\" > " + Out() + "\n", 0600);
+    return shell + host_.Home() + "/recorder.sh";
   }
   std::string Out() const { return host_.Home() + "/out"; }
   int Run(const std::vector<std::string>& argv) {
@@ -106,7 +101,7 @@ TEST_F(LocalHostControlTest, InitScriptIsTheBuildsOrAReplacementWithLeadingArgum
   // "status" is the one command of the script that changes nothing: 3 when
   // no daemon runs under this home.
   EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "status"}), 3);
-  config_.commands["/etc/init.d/zeld"] = "/bin/sh  " + Recorder(Out());
+  config_.commands["/etc/init.d/zeld"] = Recorder("/bin/sh  ");
   EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "restart"}), 0);
   EXPECT_EQ(ReadFile(Out()), "++group=host/kap/tmp restart\n");
 }
@@ -127,12 +122,12 @@ TEST_F(LocalHostControlTest, EmbeddedBootSwitchIsAStateFileUnderTheHome) {
 
 TEST_F(LocalHostControlTest, RealHostBootSwitchIsTheDaemonsUnitUnlessChkconfigIsReplaced) {
   config_.profile = platform::Profile::RealHost;
-  config_.commands["systemctl"] = "/bin/sh " + Recorder(Out());
+  config_.commands["systemctl"] = Recorder();
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 0);
   EXPECT_EQ(ReadFile(Out()), "enable zeld.service\n");
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
   EXPECT_EQ(ReadFile(Out()), "disable zeld.service\n");
-  config_.commands["/sbin/chkconfig"] = "/bin/sh " + Recorder(Out());
+  config_.commands["/sbin/chkconfig"] = Recorder();
   for (platform::Profile profile : {platform::Profile::Embedded, platform::Profile::RealHost}) {
     config_.profile = profile;
     std::filesystem::remove(Out());
@@ -145,14 +140,13 @@ TEST_F(LocalHostControlTest, RealHostBootSwitchIsTheDaemonsUnitUnlessChkconfigIs
 TEST_F(LocalHostControlTest, EmbeddedModulesAndFirewallAreStateFilesUnderTheHome) {
   std::unique_ptr<platform::KernelModules> modules = platform::NewLocalKernelModules(config_);
   const std::string path = host_.Home() + "/state/modules/zel";
-  EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
-  EXPECT_EQ(modules->ModuleLoad("zel"), NOK_OK);
-  EXPECT_TRUE(std::filesystem::exists(path));
-  EXPECT_TRUE(modules->ModuleIsLoaded("zel"));
-  EXPECT_EQ(modules->ModuleLoad("zel"), NOK_OK);
-  EXPECT_EQ(modules->ModuleUnload("zel"), NOK_OK);
-  EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
-  EXPECT_EQ(modules->ModuleUnload("zel"), NOK_OK);
+  std::string seen;  // loaded or not after each step, twice each
+  for (bool load : {true, true, false, false}) {
+    seen += modules->ModuleIsLoaded("zel") ? "1" : "0";
+    EXPECT_EQ(load ? modules->ModuleLoad("zel") : modules->ModuleUnload("zel"), NOK_OK);
+    seen += std::filesystem::exists(path) ? "1" : "0";
+  }
+  EXPECT_EQ(seen, "01111000");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
               ElementsAre("HostControl: Loaded module zel: created " + path,
                           "HostControl: Unloaded module zel: removed " + path,
@@ -235,10 +229,10 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
 
   // The real-host factories run the replaced programs.
   config_.profile = platform::Profile::RealHost;
-  config_.commands["nft"] = "/bin/sh " + Recorder(Out());
+  config_.commands["nft"] = Recorder();
   EXPECT_EQ(platform::NewLocalFirewall(config_)->FirewallRulesetSetStatus("zel", false), NOK_OK);
   EXPECT_EQ(ReadFile(Out()), "-f " + path + "\n");
-  config_.commands["modprobe"] = "/bin/sh " + Recorder(Out());
+  config_.commands["modprobe"] = Recorder();
   EXPECT_EQ(platform::NewLocalKernelModules(config_)->ModuleLoad("zel"), NOK_OK);
   EXPECT_EQ(ReadFile(Out()), "zel\n");
 }

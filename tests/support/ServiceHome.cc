@@ -1,7 +1,5 @@
 #include "support/ServiceHome.h"
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <stdexcept>
 
@@ -177,17 +175,16 @@ TestServices ServiceHome::InstallTestHost() {
   ScopedTestHost& host = *testHost_;
   const platform::HostConfig& config = host.Config();
   TestServices services = host.Services();
-  services.directory = &host.Install<DirectoryDouble>(OpenDirectory(config));
-  platform::Directory& directory = *services.directory;
+  platform::Directory& directory = host.Install<DirectoryDouble>(OpenDirectory(config));
   auto cluster = std::make_unique<platform::LocalClusterFacts>(config, directory);
   if (cluster->Announce() != NOK_OK) throw std::runtime_error("cannot announce this host");
-  services.cluster = &host.Install<ClusterFactsDouble>(std::move(cluster));
+  host.Install<ClusterFactsDouble>(std::move(cluster));
   services.store = &host.Install<ConfigStoreDouble>(
       std::make_unique<platform::JsonConfigStore>(config.configStorePath));
-  services.policies = &host.Install<PolicyServiceDouble>(
+  host.Install<PolicyServiceDouble>(
       std::make_unique<platform::LocalPolicyService>(directory, config.hostUuid));
   host.Install<DiskLibraryDouble>(std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot));
-  services.namespaces = &host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
+  host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
   host.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(config));
   return services;
 }

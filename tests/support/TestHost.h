@@ -1,8 +1,7 @@
 // The fault-injecting test host: a clock that records pauses instead of
-// sleeping, a log sink that keeps every line, and a file layer over the real
-// one whose calls can be scripted to fail ("rename fails twice, then
-// succeeds"); and the one way a test selects a host (HostSelection, under
-// ScopedTestHost and ServiceHome).
+// sleeping, a log sink that keeps every line, a file layer over the real one
+// whose calls can be scripted to fail; and the one way a test selects a host
+// (HostSelection, under ScopedTestHost and ServiceHome).
 #pragma once
 
 #include <condition_variable>
@@ -122,17 +121,12 @@ class TempHome {
   std::string path_;
 };
 
-// The test host's own parts, and the doubles a ServiceHome attached (null
-// elsewhere).
+// The test host's own parts, and the store's double of a ServiceHome.
 struct TestServices {
   TestClock* clock;
   RecordingLogSink* log;
   FaultyFileSystem* files;
-  DirectoryDouble* directory = nullptr;
-  ClusterFactsDouble* cluster = nullptr;
   ConfigStoreDouble* store = nullptr;
-  PolicyServiceDouble* policies = nullptr;
-  NamespacesDouble* namespaces = nullptr;
 };
 
 // Selects `host` for the object's life and puts the previous host back.
