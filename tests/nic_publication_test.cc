@@ -1,11 +1,9 @@
 // Publication of this host's network interfaces into a real SQLite
-// directory in a temporary home: only the difference is written (an
-// unchanged interface keeps its entry and version, a changed one is updated
-// under the same identity, a vanished one is deleted, a new one added), the
-// first failure ends a pass without escaping it, and the next pass repairs.
-// Also the two equalities of a published record, and which interfaces of
+// directory: only the difference is written (an unchanged interface keeps its
+// entry and version, a changed one is updated under the same identity, a
+// vanished one deleted, a new one added), the first failure ends a pass
+// without escaping it and the next pass repairs; and which interfaces of
 // configured targets count as down.
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -240,41 +238,6 @@ TEST(NicPublicationWithoutDirectoryTest, PassFailsWithTheLibraryMessage) {
   EXPECT_TRUE(host.Log().Contains(
       "Util: Failed to publish nok nic info to BRIX Failed to initialize BRIX library: " +
       std::string(NOK_ReturnStatusToString(NOK_NO_CONNECTION))));
-}
-
-ZelNetBrixEntry::Ipv6Address Ipv6(const char* text) {
-  ZelNetBrixEntry::Ipv6Address address{};
-  EXPECT_EQ(1, ::inet_pton(AF_INET6, text, address.data()));
-  return address;
-}
-
-uint32_t Ipv4(const char* text) {
-  struct in_addr address {};
-  EXPECT_EQ(1, ::inet_pton(AF_INET, text, &address));
-  return address.s_addr;
-}
-
-TEST(ZelNetBrixEntryTest, SameInterfaceComparesNamesDeepEqualAddressesInNetworkByteOrder) {
-  const ZelNetBrixEntry wanted("nok0", Ipv4("10.0.0.5"), Ipv6("fd00::5"));
-  const ZelNetBrixEntry moved("nok0", Ipv4("10.0.0.6"), Ipv6("fd00::5"));
-  const ZelNetBrixEntry renumbered6("nok0", Ipv4("10.0.0.5"), Ipv6("fd00::6"));
-  const ZelNetBrixEntry other("nok1", Ipv4("10.0.0.5"), Ipv6("fd00::5"));
-  const ZelNetBrixEntry published(wanted.GetBrixOrvaIscsiInterfaceMap(),
-                                  "0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20");
-  EXPECT_TRUE(wanted == moved);
-  EXPECT_FALSE(wanted.DeepEqual(moved));
-  EXPECT_FALSE(wanted.DeepEqual(renumbered6));
-  EXPECT_FALSE(wanted == other);
-  EXPECT_FALSE(wanted.DeepEqual(other));
-  // The identity is the directory's, not the interface's.
-  EXPECT_TRUE(published == wanted);
-  EXPECT_TRUE(published.DeepEqual(wanted));
-  const ZelInterfaceRecord record = ZelNetBrixEntry("nok0", Ipv4("10.1.2.3"), Ipv6("fd00::1"))
-                                        .GetBrixOrvaIscsiInterfaceMap();
-  EXPECT_EQ("nok0", record.name);
-  EXPECT_EQ((std::array<uint8_t, 4>{10, 1, 2, 3}), record.ipv4);
-  EXPECT_EQ(Ipv6("fd00::1"), record.ipv6);
-  EXPECT_EQ(Ipv4("10.1.2.3"), ZelNetBrixEntry(record, "").GetIpv4());
 }
 
 class DownNokNicTest : public ::testing::Test {
