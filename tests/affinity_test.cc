@@ -11,10 +11,7 @@
 #include "support/HostDoubles.h"
 #include "support/Messages.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
-namespace Util {
+namespace NokCtl::Orva::IscsiTarget::Util {
 namespace {
 
 using zel::test::MessageOf;
@@ -110,7 +107,4 @@ TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObje
 }
 
 }  // namespace
-}  // namespace Util
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget::Util

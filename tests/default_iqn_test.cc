@@ -10,10 +10,7 @@
 #include "edit/NamePatterns.h"
 #include "support/TestHost.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
-namespace Util {
+namespace NokCtl::Orva::IscsiTarget::Util {
 namespace {
 
 using zel::platform::HostConfig;
@@ -74,7 +71,4 @@ TEST(DefaultIqn, NamingAuthorityIsTheConfiguredDomainOrTheHostsOwn) {
 }
 
 }  // namespace
-}  // namespace Util
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget::Util

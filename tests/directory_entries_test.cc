@@ -27,8 +27,7 @@
 #include "support/Process.h"
 #include "support/TestHost.h"
 
-namespace zel {
-namespace directory {
+namespace zel::directory {
 using namespace platform;  // entry payloads
 namespace {
 
@@ -251,14 +250,13 @@ TEST_F(DirectoryEntriesTest, NoticesOfTheGenerationReachTheCacheOnlyWhenNew) {
   EXPECT_EQ("5", AwaitNotices(1));
   EXPECT_TRUE(log_->Contains("Applying config generation 5"));
   WriteGeneration(5);
-  EXPECT_EQ("Ignoring config generation 5 because generation 5 already applied",
-            log_->Await("Ignoring config generation"));
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(6));
   EXPECT_EQ("5 6", AwaitNotices(2));  // the ignored one is not passed on
+  EXPECT_TRUE(log_->Contains("Ignoring config generation 5 because generation 5 already applied"));
   Subscribe();
   WriteGeneration(3);
-  EXPECT_EQ("Applying config generation 3", log_->Await("config generation 3"));
   EXPECT_EQ("5 6 3", AwaitNotices(3));
+  EXPECT_TRUE(log_->Contains("Applying config generation 3"));
   EXPECT_FALSE(ZeldConfigEntryNeedsRepublish());
   ASSERT_EQ(NOK_OK, CurrentHost().GetDirectory().Delete(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG,
                                                         kNamespace, kNamespace));
@@ -443,5 +441,4 @@ TEST(DirectoryEntriesMarshal, GenerationRoundTripsUpToAllOnesAndOtherPayloadsAre
 }
 
 }  // namespace
-}  // namespace directory
-}  // namespace zel
+}  // namespace zel::directory

@@ -16,8 +16,7 @@
 #include "support/ServiceHome.h"
 #include "zel/OrvaPlugin.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
 
 using NokCtl::Orva::IscsiTarget::ConfigCache;
@@ -173,5 +172,4 @@ TEST_F(FacadeLifecycleTest, RestoreStartsAnEnabledZeldWithoutWritingTheStore) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

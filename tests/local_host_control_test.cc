@@ -22,8 +22,7 @@
 #include "support/Process.h"
 #include "support/TestHost.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
 
 using platform::LogLevel;
@@ -332,5 +331,4 @@ TEST_F(LegacyConfigTest, TwoProcessesWritingAtOnceLoseNoValue) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -29,8 +29,7 @@
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
 
-namespace zel {
-namespace platform {
+namespace zel::platform {
 namespace {
 
 namespace fs = std::filesystem;
@@ -238,5 +237,4 @@ TEST_F(LocalNamespacesTest, TwoProcessesCreatingOneNameLeaveExactlyOneNamespace)
 }
 
 }  // namespace
-}  // namespace platform
-}  // namespace zel
+}  // namespace zel::platform

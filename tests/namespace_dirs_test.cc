@@ -24,9 +24,7 @@
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
+namespace NokCtl::Orva::IscsiTarget {
 namespace {
 
 using zel::test::MessageOf;
@@ -299,6 +297,4 @@ TEST_F(NamespaceDirsTest, TargetDeletionWithoutLinkFailsAndWithoutNamespaceRemov
 }
 
 }  // namespace
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget

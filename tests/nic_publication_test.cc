@@ -23,10 +23,7 @@
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
-namespace Util {
+namespace NokCtl::Orva::IscsiTarget::Util {
 namespace {
 
 using HostCtl::Lib::Orva::OrvaCtlException;
@@ -282,7 +279,4 @@ TEST_F(DownNokNicTest, InterfaceWithoutUplinksIsNeverDownAndLoggedOncePerFiftyLo
 }
 
 }  // namespace
-}  // namespace Util
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget::Util

@@ -24,9 +24,7 @@
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
+namespace NokCtl::Orva::IscsiTarget {
 namespace {
 
 using zel::test::MessageOf;
@@ -229,6 +227,4 @@ TEST_F(PolicyUpdate, FailureNamesTheNamespaceAndIsLogged) {
 }
 
 }  // namespace
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget

@@ -7,8 +7,7 @@
 #include "storage/DatastoreLayout.h"
 #include "support/TestHost.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 void InstallConf(const std::string& text) {
   WriteFile(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath(), text, 0600);
@@ -25,5 +24,4 @@ std::string WrittenText(NokCtl::Orva::IscsiTarget::ConfHandle& handle) {
   return std::string(buffer, length);
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -12,8 +12,7 @@
 
 #include "platform/Directory.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 // Only a broken directory ever makes a test wait this long.
 constexpr auto kDirectoryPatience = std::chrono::seconds(20);
@@ -54,5 +53,4 @@ class Notifications {
   std::vector<Note> notes_;
 };
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

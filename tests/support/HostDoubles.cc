@@ -7,8 +7,7 @@
 #include "platform/NokStatus.h"
 #include "zel/OrvaCtlException.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 using platform::DirectoryEntry;
 
@@ -207,5 +206,4 @@ FakeNetworkInterfaces* InstallFakeNetworkInterfaces() {
   return &Attach(platform::CurrentHost(), std::make_unique<FakeNetworkInterfaces>());
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -26,8 +26,7 @@
 
 #include "platform/Host.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 struct Fault {
   int code = 0;
@@ -341,5 +340,4 @@ struct FixedPolicies final : platform::PolicyService {
   std::map<std::string, std::string> policies;
 };
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

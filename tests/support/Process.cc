@@ -9,8 +9,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
 
 void MakePipe(int fds[2]) {
@@ -144,5 +143,4 @@ int ChildProcess::Join() {
   return code;
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 struct ProcessResult {
   int exitCode = -1;
@@ -53,5 +52,4 @@ class ChildProcess {
   int readyFd_ = -1, releaseFd_ = -1;
 };
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

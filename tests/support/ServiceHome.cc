@@ -17,8 +17,7 @@
 #include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 
@@ -197,5 +196,4 @@ void ServiceHome::InstallLocalServiceHost(platform::LogLevel maxLevel) {
       platform::NewLocalServiceHost(platform::LoadHostConfig(Path()), maxLevel));
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -20,8 +20,7 @@
 #include "support/TestHost.h"
 #include "zel/DefaultInfo.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 constexpr const char* kNamespaceUuid = "5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
 constexpr const char* kFinanceUuid = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
@@ -86,5 +85,4 @@ class ServiceHome {
   std::unique_ptr<HostSelection> localHost_;
 };
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -3,32 +3,17 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 void RecordingLogSink::Write(platform::LogLevel level, const std::string& line) {
   std::lock_guard<std::mutex> guard(mutex_);
   lines_.push_back({level, line});
-  added_.notify_all();
-}
-
-std::string RecordingLogSink::Await(const std::string& part) const {
-  std::unique_lock<std::mutex> lock(mutex_);
-  std::string found;
-  added_.wait_for(lock, std::chrono::seconds(20), [&] {
-    for (const LogLine& line : lines_) {
-      if (line.text.find(part) != std::string::npos) return found = line.text, true;
-    }
-    return false;
-  });
-  return found;
 }
 
 std::vector<std::string> RecordingLogSink::Texts(platform::LogLevel upTo) const {
@@ -128,5 +113,4 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

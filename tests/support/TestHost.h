@@ -4,7 +4,6 @@
 // (HostSelection, under ScopedTestHost and ServiceHome).
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -16,8 +15,7 @@
 #include "platform/Host.h"
 #include "support/HostDoubles.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 class TestClock final : public platform::Clock {
  public:
@@ -63,9 +61,6 @@ class RecordingLogSink final : public platform::LogSink {
   bool Contains(const std::string& text) const;
   // How many lines at exactly `level` are `text`.
   int Count(platform::LogLevel level, const std::string& text) const;
-  // The first line containing `part`, waiting up to 20 s for another thread
-  // to log it; "" when none came.
-  std::string Await(const std::string& part) const;
   void Clear() {
     std::lock_guard<std::mutex> guard(mutex_);
     lines_.clear();
@@ -73,7 +68,6 @@ class RecordingLogSink final : public platform::LogSink {
 
  private:
   mutable std::mutex mutex_;
-  mutable std::condition_variable added_;
   std::vector<LogLine> lines_;
 };
 
@@ -181,5 +175,4 @@ class ScopedTestHost {
 void WriteFile(const std::string& path, const std::string& text, int mode = 0600);
 std::string ReadFile(const std::string& path);
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test
