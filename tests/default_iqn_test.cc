@@ -1,6 +1,5 @@
-// The IQN of a target created without one: the pattern it must pass, the
-// readable and unique part taken from the alias, and the naming authority
-// taken from the host configuration or the host's own domain.
+// The IQN of a target created without one: pattern, readable unique part
+// from the alias, naming authority from the configuration or the domain.
 #include <gtest/gtest.h>
 
 #include <boost/regex.hpp>

@@ -1,7 +1,6 @@
-// The directory entries of the service over the embedded SQLite directory:
-// publishing the configuration generation under compare-and-set (between
-// threads and between processes), applying notices of it, looking up owners
-// and interface addresses, and the datastore paths built beside them.
+// The service's directory entries over the embedded SQLite directory: the
+// generation published under compare-and-set and its notices, owners,
+// interface addresses, and the datastore paths beside them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,7 +1,5 @@
-// Enabling, disabling and restoring the service on a host: the order in
-// which the module, the daemon, the stored state, the boot-time loader and
-// the firewall are switched (the doubles write into one journal), what a
-// request for the current state does, and what a failed step leaves behind.
+// Enabling, disabling and restoring the service: the order of the steps
+// across the host's services (one journal) and what a failed step leaves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

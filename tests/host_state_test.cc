@@ -1,6 +1,5 @@
-// Whether the host may create the service's namespace or enable the
-// service: cluster membership first, then the namespace on the datastore and
-// its two directories, each gap logged before the one refusal.
+// Whether the host may create the namespace or enable the service:
+// membership first, then the namespace and its two directories.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

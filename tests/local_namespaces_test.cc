@@ -1,9 +1,6 @@
-// Namespaces of a local host on a real datastore directory and a real
-// SQLite directory: a namespace is a private directory named by its
-// identity, with its record inside, a relative link for a name that is not
-// a UUID, and a storage-object entry; a failed creation leaves nothing, a
-// failed removal can be finished by asking again, and two processes racing
-// for one name end with exactly one namespace.
+// Local namespaces on a real datastore and SQLite directory: a private
+// directory with its record, a link for a non-UUID name and an entry; a
+// failed creation leaves nothing; two processes racing make exactly one.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

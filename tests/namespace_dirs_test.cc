@@ -1,8 +1,6 @@
-// The service's namespaces and directories on a real datastore and SQLite
-// directory: the configuration namespace and its "etc/" and "targets"
-// directories, each target's namespace with its link (tried twelve times, a
-// second apart, undone when it cannot be made), and removal that keeps a
-// target whole when its namespace cannot go.
+// The configuration namespace, its "etc/" and "targets" directories, and
+// each target's namespace with its link (tried twelve times, undone when it
+// cannot be made) on a real datastore and SQLite directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

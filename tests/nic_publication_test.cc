@@ -1,9 +1,6 @@
-// Publication of this host's network interfaces into a real SQLite
-// directory: only the difference is written (an unchanged interface keeps its
-// entry and version, a changed one is updated under the same identity, a
-// vanished one deleted, a new one added), the first failure ends a pass
-// without escaping it and the next pass repairs; and which interfaces of
-// configured targets count as down.
+// Publication of this host's interfaces into a real SQLite directory: only
+// the difference is written under the same identities, a failure ends a pass
+// and the next repairs; and which configured interfaces count as down.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

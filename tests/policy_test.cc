@@ -163,6 +163,11 @@ TEST_F(PolicyCompliance, LocalityNeedsAStretchedCluster) {
   EXPECT_EQ(Compliance::Compliant, Judged("\"locality\" \"Preferred\""));
   EXPECT_EQ(Compliance::NonCompliant,
             Judged("\"locality\" \"Preferred\" \"failuresToTolerate\" \"2\""));
+  cluster_.SetMembers(5, 5);  // a stored policy that does not parse is not complied with
+  EXPECT_EQ(Compliance::NonCompliant, Judged("mirrored"));
+  EXPECT_TRUE(host_.Log().Contains("PolicyService: Storage object " + kObject +
+                                   " has an unreadable policy: expected a double-quoted rule "
+                                   "name at offset 0"));
 }
 
 TEST_F(PolicyCompliance, UnknownMembershipLeavesOnlyRulesThatNeedItUnknown) {
@@ -172,14 +177,6 @@ TEST_F(PolicyCompliance, UnknownMembershipLeavesOnlyRulesThatNeedItUnknown) {
   EXPECT_EQ(Compliance::Unknown, Judged("\"failuresToTolerate\" \"1\""));
   EXPECT_TRUE(host_.Log().Contains("PolicyService: Cannot judge the compliance of storage object " +
                                    kObject + ", the membership is unknown: Timeout"));
-}
-
-TEST_F(PolicyCompliance, StoredPolicyThatDoesNotParseIsNotCompliedWith) {
-  cluster_.SetMembers(5, 5);
-  EXPECT_EQ(Compliance::NonCompliant, Judged("mirrored"));
-  EXPECT_TRUE(host_.Log().Contains("PolicyService: Storage object " + kObject +
-                                   " has an unreadable policy: expected a double-quoted rule "
-                                   "name at offset 0"));
 }
 
 class PolicyUpdate : public ::testing::Test {

@@ -1,8 +1,6 @@
-// The service's state on a host outside zel.conf, and what follows a save
-// of zel.conf: the enabled flag in the configuration store or the legacy
-// file (chosen by the feature switch), the defaults mirrored into the store
-// (never rewritten unchanged), the kernel options re-read on every call,
-// the generation announced in a real directory, and the backup copy.
+// The service's state outside zel.conf (the enabled flag in the store or the
+// legacy file, the defaults mirrored into the store, the kernel options) and
+// what follows a save of zel.conf: publication and backup.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,16 +1,13 @@
-// A prepared home of one host of the service, all real (a forked child,
-// zelctl or the plug-in client opening it sees what this process sees):
-// host.json, the configuration store with the service enabled, the datastore
-// whose ".iSCSI-CONFIG" link names the configuration namespace holding
-// etc/zel.conf (kStandardConf) and an empty targets/, and the directory
-// entries of the storage objects, so that owner and policy lookups answer:
-//   target "finance" (kFinanceUuid): this host's, initiator group
-//     "finance-hosts" and one initiator by name, CHAP user "finance",
-//     LUN 0 "ledger" (kLedgerUuid), LUN 1 offline (kArchiveUuid);
-//   target "lab" (kLabUuid): the second member kPeerHostUuid's
-//     ("peer-host"), CHAP-Mutual, no LUN;
-//   defaults: CHAP user "defuser" with kDefaultSecret on "nok0:3260"; the
-//     store's own copy has kStoreSecret.
+// A prepared home of one service host, all real so that a forked child,
+// zelctl or the plug-in client sees what this process sees: host.json, the
+// store with the service enabled, the datastore's ".iSCSI-CONFIG" link to the
+// configuration namespace with etc/zel.conf (kStandardConf) and targets/, and
+// the storage objects' directory entries. Target "finance" (kFinanceUuid, this
+// host's): group "finance-hosts", one initiator by name, CHAP user "finance",
+// LUN 0 "ledger" (kLedgerUuid), LUN 1 offline (kArchiveUuid); target "lab"
+// (kLabUuid, of the peer kPeerHostUuid "peer-host"): CHAP-Mutual, no LUN;
+// defaults: CHAP user "defuser", kDefaultSecret, "nok0:3260" (the store's copy
+// has kStoreSecret).
 #pragma once
 
 #include <memory>

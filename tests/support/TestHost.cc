@@ -11,11 +11,6 @@
 
 namespace zel::test {
 
-void RecordingLogSink::Write(platform::LogLevel level, const std::string& line) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  lines_.push_back({level, line});
-}
-
 std::vector<std::string> RecordingLogSink::Texts(platform::LogLevel upTo) const {
   std::vector<std::string> texts;
   for (const LogLine& line : Lines()) {

@@ -51,7 +51,10 @@ struct LogLine {
 
 class RecordingLogSink final : public platform::LogSink {
  public:
-  void Write(platform::LogLevel level, const std::string& line) override;
+  void Write(platform::LogLevel level, const std::string& line) override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.push_back({level, line});
+  }
   std::vector<LogLine> Lines() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return lines_;
