@@ -4,17 +4,14 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "placement/Affinity.h"
-#include "support/FixedServices.h"
 #include "support/HostDoubles.h"
 #include "support/Messages.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
-namespace Util {
+namespace NokCtl::Orva::IscsiTarget::Util {
 namespace {
 
 using zel::test::MessageOf;
@@ -69,16 +66,18 @@ TEST(PolicyLocality, OnlyOppositeSitesAreIncompatible) {
 }
 
 TEST(NewTargetAffinity, OppositeSitePolicyIsRefusedAndMissingEitherSideIsNot) {
-  EXPECT_EQ("Incompatible between Target location and policy locality",
-            MessageOf([] { VerifyNewTargetAffinity(Param("NonPreferred", kPreferred)); }));
-  EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("Preferred", kPreferred)); }));
-  EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("Preferred", "")); }));
-  EXPECT_EQ("", MessageOf([] { VerifyNewTargetAffinity(Param("", kNonPreferred)); }));
+  for (const auto& [location, policy, message] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"NonPreferred", kPreferred, "Incompatible between Target location and policy locality"},
+           {"Preferred", kPreferred, ""}, {"Preferred", "", ""}, {"", kNonPreferred, ""}}) {
+    EXPECT_EQ(message, MessageOf([&] { VerifyNewTargetAffinity(Param(location, policy)); }));
+  }
 }
 
-// The message of updating `current` with `param` without a compliance session.
-std::string UpdateMessage(const TargetCreateParam& param, const TargetInfo& current) {
-  return MessageOf([&] { VerifyUpdateTargetAffinity(nullptr, param, current); });
+// The message of updating `current` with `param` with compliance `handle`.
+std::string UpdateMessage(const TargetCreateParam& param, const TargetInfo& current,
+                          OrvaComplianceHandle* handle = nullptr) {
+  return MessageOf([&] { VerifyUpdateTargetAffinity(handle, param, current); });
 }
 
 TEST(UpdateTargetAffinity, NewPolicyMeetsTheKeptLocationAndNewLocationEveryLunUnlessNone) {
@@ -96,26 +95,16 @@ TEST(UpdateTargetAffinity, LunPolicyMissingFromTheRecordIsReadFromTheStorageObje
       std::map<std::string, std::string>{{"lun-0", kNoLocality}, {"lun-1", kPreferred}}));
   OrvaComplianceHandle handle{&policies};
   const TargetInfo current = Target("Preferred", {"", ""});
-
-  EXPECT_EQ(kLunMessage, MessageOf([&] {
-              VerifyUpdateTargetAffinity(&handle, Param("NonPreferred", ""), current);
-            }));
-  EXPECT_EQ("", MessageOf([&] {
-              VerifyUpdateTargetAffinity(&handle, Param("", kPreferred), current);
-            }));
+  EXPECT_EQ(kLunMessage, UpdateMessage(Param("NonPreferred", ""), current, &handle));
+  EXPECT_EQ("", UpdateMessage(Param("", kPreferred), current, &handle));
   // A policy that cannot be read fails the check with the service's message.
   policies.FailNext("GetObjectPolicyStatus", "Storage object lun-0 not found");
-  EXPECT_EQ("Storage object lun-0 not found", MessageOf([&] {
-              VerifyUpdateTargetAffinity(&handle, Param("NonPreferred", ""), current);
-            }));
+  EXPECT_EQ("Storage object lun-0 not found",
+            UpdateMessage(Param("NonPreferred", ""), current, &handle));
   // Without a compliance session the policy cannot be seen, so it is not passed.
-  EXPECT_EQ("Orva compliance lib is not initialized", MessageOf([&] {
-              VerifyUpdateTargetAffinity(nullptr, Param("NonPreferred", ""), current);
-            }));
+  EXPECT_EQ("Orva compliance lib is not initialized",
+            UpdateMessage(Param("NonPreferred", ""), current));
 }
 
 }  // namespace
-}  // namespace Util
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget::Util

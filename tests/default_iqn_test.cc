@@ -1,6 +1,5 @@
-// The IQN of a target created without one: the pattern it must pass, the
-// readable and unique part taken from the alias, and the naming authority
-// taken from the host configuration or the host's own domain.
+// The IQN of a target created without one: pattern, readable unique part
+// from the alias, naming authority from the configuration or the domain.
 #include <gtest/gtest.h>
 
 #include <boost/regex.hpp>
@@ -10,10 +9,7 @@
 #include "edit/NamePatterns.h"
 #include "support/TestHost.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
-namespace Util {
+namespace NokCtl::Orva::IscsiTarget::Util {
 namespace {
 
 using zel::platform::HostConfig;
@@ -54,9 +50,18 @@ TEST(DefaultIqn, AliasIsShownReadablyOrLeftOutWhenNothingOfItFits) {
   EXPECT_NE(GetDefautltIQN("data"), GetDefautltIQN("data"));
 }
 
-
-TEST(DefaultIqn, ConfiguredDomainIsReversedInLowerCase) {
+// The configured domain is reversed in lower case; without one the host's
+// own domain is, unless it could not name an IQN authority.
+TEST(DefaultIqn, NamingAuthorityIsTheConfiguredDomainOrTheHostsOwn) {
   TempHome home;
+  {
+    ScopedHostWith host(ConfigNamed(home, "node-1.Lab.Example.org."));
+    ExpectIqn("db", "iqn.1998-01.org.example.lab:db-");
+  }
+  {
+    ScopedHostWith host(ConfigNamed(home, "node-1.lab_2.example.org"));
+    ExpectIqn("db", "iqn.1998-01.local.zel:db-");
+  }
   zel::test::WriteFile(
       home.Path() + "/host.json",
       R"({"hostName": "node-1.lab.example.org", "iqnDomain": "Storage.Example.NET"})");
@@ -64,19 +69,5 @@ TEST(DefaultIqn, ConfiguredDomainIsReversedInLowerCase) {
   ExpectIqn("db", "iqn.1998-01.net.example.storage:db-");
 }
 
-TEST(DefaultIqn, WithoutConfiguredDomainTheHostsOwnDomainIsUsed) {
-  TempHome home;
-  {
-    ScopedHostWith host(ConfigNamed(home, "node-1.Lab.Example.org."));
-    ExpectIqn("db", "iqn.1998-01.org.example.lab:db-");
-  }
-  // A domain that could not name an IQN authority is not used.
-  ScopedHostWith host(ConfigNamed(home, "node-1.lab_2.example.org"));
-  ExpectIqn("db", "iqn.1998-01.local.zel:db-");
-}
-
 }  // namespace
-}  // namespace Util
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget::Util

@@ -1,7 +1,7 @@
-// The directory entries of the service over the embedded SQLite directory:
-// publishing the configuration generation under compare-and-set (between
-// threads and between processes), applying notices of it, looking up owners
-// and interface addresses, and the datastore paths built beside them.
+// The service's directory entries over the embedded SQLite directory: the
+// generation published under compare-and-set and its notices, owners,
+// interface addresses, and the datastore paths beside them.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "directory/DirectoryEntries.h"
@@ -25,8 +26,7 @@
 #include "support/Process.h"
 #include "support/TestHost.h"
 
-namespace zel {
-namespace directory {
+namespace zel::directory {
 using namespace platform;  // entry payloads
 namespace {
 
@@ -35,48 +35,44 @@ using platform::CurrentHost;
 using platform::Directory;
 using platform::DirectoryEntry;
 using platform::LogLevel;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 
-// How long a test waits for something the directory's threads deliver
-// before calling it lost; only a broken build ever waits this long.
+// Only a broken build ever waits this long for the directory's threads.
 constexpr auto kPatience = std::chrono::seconds(20);
 
 const std::string kNamespace = "8f3b6c1e-52d4-4a0b-9c7e-1d2f3a4b5c6d";
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kOtherHost = "99999999-8888-4777-8666-555555555555";
 
-// What the configuration-update callback was told, in order.
-struct Notice {
-  uint32_t status;
-  uint64_t generation;  // 0 when the notice carried no readable generation
-};
-
+// What the configuration-update callback was told, in order: the
+// generation of each readable notice, the status text of the others.
 struct NoticeLog {
   std::mutex mutex;
   std::condition_variable added;
-  std::vector<Notice> notices;
-};
-
-NoticeLog& Notices() {
-  static NoticeLog log;
-  return log;
-}
+  std::vector<std::string> notices;
+} gNotices;
 
 void RecordNotice(const void* entry, uint32_t status) {
   ZelConfigRecord record;
   const auto* notice = static_cast<const DirectoryEntry*>(entry);
-  if (notice == nullptr || UnmarshalConfigRecord(notice->payload, &record, nullptr) != NOK_OK) {
-    record.generation = 0;
-  }
-  std::lock_guard<std::mutex> guard(Notices().mutex);
-  Notices().notices.push_back({status, record.generation});
-  Notices().added.notify_all();
+  const bool read =
+      notice != nullptr && UnmarshalConfigRecord(notice->payload, &record, nullptr) == NOK_OK;
+  std::lock_guard<std::mutex> guard(gNotices.mutex);
+  gNotices.notices.push_back(status != NOK_OK ? NOK_ReturnStatusToString(status)
+                             : read           ? std::to_string(record.generation)
+                                              : "unreadable");
+  gNotices.added.notify_all();
 }
 
-// The notices so far, once there are at least `count`.
-std::vector<Notice> AwaitNotices(size_t count) {
-  std::unique_lock<std::mutex> lock(Notices().mutex);
-  Notices().added.wait_for(lock, kPatience, [&] { return Notices().notices.size() >= count; });
-  return Notices().notices;
+// The notices so far, joined by blanks, once there are at least `count`.
+std::string AwaitNotices(size_t count) {
+  std::unique_lock<std::mutex> lock(gNotices.mutex);
+  gNotices.added.wait_for(lock, kPatience, [&] { return gNotices.notices.size() >= count; });
+  std::string joined;
+  for (const std::string& notice : gNotices.notices) joined += (joined.empty() ? "" : " ") + notice;
+  return joined;
 }
 
 // A host with an identity, a datastore whose ".iSCSI-CONFIG" link names the
@@ -88,46 +84,37 @@ class DirectoryEntriesTest : public ::testing::Test {
     LinkNamespace(kNamespace);
     InstallDirectory();
     ZeldClearConfigEntryNeedsRepublish();
-    std::lock_guard<std::mutex> guard(Notices().mutex);
-    Notices().notices.clear();
+    std::lock_guard<std::mutex> guard(gNotices.mutex);
+    gNotices.notices.clear();
   }
-
   void TearDown() override {
     if (subscription_ != 0) ZeldBrixUnsubscribeToConfigEntry(subscription_);
   }
-
   std::string Datastore() const { return home_.Path() + "/datastore"; }
   std::string DatabasePath() const { return home_.Path() + "/directory.db"; }
-
   void InstallDirectory() {
     host_.Install<test::DirectoryDouble>(platform::NewSqliteDirectory(DatabasePath()));
   }
-
   void LinkNamespace(const std::string& target) {
     const std::string link = Datastore() + "/.iSCSI-CONFIG";
     fs::remove(link);
     ASSERT_EQ(0, ::symlink(target.c_str(), link.c_str()));
   }
-
   void Subscribe() {
     if (subscription_ != 0) ZeldBrixUnsubscribeToConfigEntry(subscription_);
     ASSERT_EQ(NOK_OK, ZeldBrixSubscribeToConfigEntry(RecordNotice, &subscription_));
   }
-
   uint64_t Published() {
     uint64_t generation = 0;
     EXPECT_EQ(NOK_OK, ZeldGetConfigGenNumInBrix(&generation));
     return generation;
   }
-
-  // Writes the generation entry directly, the way another host or an old
-  // release might, bypassing the newer-wins check.
+  // Writes an entry directly, as another host or an old release might.
   void WriteRaw(uint32_t type, const std::string& key, const std::string& entryId,
                 const std::string& payload, const std::string& owner = kOtherHost) {
     const DirectoryEntry entry{type, key, owner, entryId, payload, 0};
     ASSERT_EQ(NOK_OK, test::PublishAndWait(CurrentHost().GetDirectory(), entry));
   }
-
   void Interface(const std::string& host, const std::string& name, std::array<uint8_t, 4> ipv4,
                  std::array<uint8_t, 16> ipv6 = {}) {
     std::string payload;
@@ -136,26 +123,21 @@ class DirectoryEntriesTest : public ::testing::Test {
     ASSERT_EQ(NOK_OK, MarshalInterfaceRecord(record, &payload));
     WriteRaw(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, host, name, payload, host);
   }
-
   void WriteGeneration(uint64_t generation) {
     std::string payload;
     ASSERT_EQ(NOK_OK, MarshalConfigRecord(ZelConfigRecord{generation}, &payload));
     WriteRaw(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG, kNamespace, kNamespace, payload);
   }
-
   static platform::HostConfig Config(const std::string& home) {
     platform::HostConfig config = platform::EmbeddedHostConfig(home);
     config.hostUuid = kHost;
     return config;
   }
-
   test::TempHome home_;
   test::ScopedTestHost host_{Config(home_.Path())};
   test::RecordingLogSink* log_ = &host_.Log();
   Directory::SubscriptionHandle subscription_ = 0;
 };
-
-// ---- Publishing the generation ---------------------------------------------
 
 TEST_F(DirectoryEntriesTest, PublicationIsOneEntryOfThisHostReplacedOnlyByANewerGeneration) {
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(7));
@@ -168,7 +150,6 @@ TEST_F(DirectoryEntriesTest, PublicationIsOneEntryOfThisHostReplacedOnlyByANewer
   EXPECT_EQ(kHost, entries[0].ownerHost);
   EXPECT_TRUE(log_->Contains("Successfully updated BRIX ZEL config entry: " + kNamespace));
   log_->Clear();
-
   EXPECT_EQ(NOK_EXISTS, ZeldUpdateBrixEntryForConfig(7));
   EXPECT_EQ(NOK_EXISTS, ZeldUpdateBrixEntryForConfig(6));
   EXPECT_EQ(7u, Published());
@@ -258,66 +239,38 @@ TEST_F(DirectoryEntriesTest, PublishersInTwoProcessesEndWithTheHighestGeneration
   EXPECT_EQ(81u, Published());
 }
 
-// ---- Applying notices of the generation ------------------------------------
-
-TEST_F(DirectoryEntriesTest, NewerGenerationReachesTheCacheAndTheSameOneAgainIsIgnored) {
+// A newer generation reaches the cache, the same one again is ignored; after
+// subscribing again the next notice is applied whatever its generation; a
+// deleted entry is marked for republishing and the cache told it is absent;
+// an unreadable notice still refreshes the cache.
+TEST_F(DirectoryEntriesTest, NoticesOfTheGenerationReachTheCacheOnlyWhenNew) {
   Subscribe();
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(5));
-  std::vector<Notice> notices = AwaitNotices(1);
-  ASSERT_EQ(1u, notices.size());
-  EXPECT_EQ(NOK_OK, notices[0].status);
-  EXPECT_EQ(5u, notices[0].generation);
+  EXPECT_EQ("5", AwaitNotices(1));
   EXPECT_TRUE(log_->Contains("Applying config generation 5"));
-
   WriteGeneration(5);
-  EXPECT_EQ("Ignoring config generation 5 because generation 5 already applied",
-            log_->Await("Ignoring config generation"));
   ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(6));
-  notices = AwaitNotices(2);
-  ASSERT_EQ(2u, notices.size());
-  EXPECT_EQ(6u, notices[1].generation);
-}
-
-TEST_F(DirectoryEntriesTest, AfterSubscribingAgainTheNextNoticeIsAppliedWhateverItsGeneration) {
-  Subscribe();
-  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(8));
-  ASSERT_EQ(1u, AwaitNotices(1).size());
+  EXPECT_EQ("5 6", AwaitNotices(2));  // the ignored one is not passed on
+  EXPECT_TRUE(log_->Contains("Ignoring config generation 5 because generation 5 already applied"));
   Subscribe();
   WriteGeneration(3);
-  EXPECT_EQ("Applying config generation 3", log_->Await("config generation 3"));
-  std::vector<Notice> notices = AwaitNotices(2);
-  ASSERT_EQ(2u, notices.size());
-  EXPECT_EQ(3u, notices[1].generation);
-}
-
-TEST_F(DirectoryEntriesTest, DeletedEntryIsMarkedForRepublishAndTheCacheToldItIsAbsent) {
-  Subscribe();
-  ASSERT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(2));
-  ASSERT_EQ(1u, AwaitNotices(1).size());
+  EXPECT_EQ("5 6 3", AwaitNotices(3));
+  EXPECT_TRUE(log_->Contains("Applying config generation 3"));
   EXPECT_FALSE(ZeldConfigEntryNeedsRepublish());
   ASSERT_EQ(NOK_OK, CurrentHost().GetDirectory().Delete(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG,
                                                         kNamespace, kNamespace));
-  std::vector<Notice> notices = AwaitNotices(2);
-  ASSERT_EQ(2u, notices.size());
-  EXPECT_EQ(NOK_NOT_FOUND, notices[1].status);
+  EXPECT_EQ(std::string("5 6 3 ") + NOK_ReturnStatusToString(NOK_NOT_FOUND), AwaitNotices(4));
   EXPECT_TRUE(ZeldConfigEntryNeedsRepublish());
   EXPECT_TRUE(log_->Contains("Config entry NOT FOUND, marking it as need to republished"));
-  // Once gone, the same generation may be published again.
-  EXPECT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(2));
-}
-
-TEST_F(DirectoryEntriesTest, UnreadableNoticeStillRefreshesTheCache) {
-  Subscribe();
+  EXPECT_EQ(NOK_OK, ZeldUpdateBrixEntryForConfig(2));  // once gone, any generation again
   WriteRaw(BRIX_TYPE_ORVA_ISCSI_TARGET_CONFIG, kNamespace, kNamespace, "not json");
-  std::vector<Notice> notices = AwaitNotices(1);
-  ASSERT_EQ(1u, notices.size());
-  EXPECT_EQ(NOK_OK, notices[0].status);
+  EXPECT_EQ(std::string("5 6 3 ") + NOK_ReturnStatusToString(NOK_NOT_FOUND) + " unreadable",
+            AwaitNotices(5));
   EXPECT_TRUE(log_->Contains("Can't unmarshal ZEL config entry from BRIX"));
 }
 
 TEST_F(DirectoryEntriesTest, PublicationByAnotherProcessReachesThisOne) {
-  // Forked before this process opens the directory again (see above); the
-  // child opens its own once this process has subscribed.
+  // The child opens its own directory once this process has subscribed.
   CurrentHost().SetDirectory(nullptr);
   const std::string database = DatabasePath();
   test::ChildProcess child([&](test::ChildControl& control) {
@@ -331,14 +284,13 @@ TEST_F(DirectoryEntriesTest, PublicationByAnotherProcessReachesThisOne) {
   Subscribe();
   child.Release();
   ASSERT_EQ(0, child.Join());
-  std::vector<Notice> notices = AwaitNotices(1);
-  ASSERT_EQ(1u, notices.size());
-  EXPECT_EQ(42u, notices[0].generation);
+  EXPECT_EQ("42", AwaitNotices(1));
 }
 
-// ---- The configuration namespace's identity --------------------------------
-
 TEST_F(DirectoryEntriesTest, NamespaceIdentityIsTheLinksLastComponentInLowerCaseAndAUuid) {
+  char path[ZEL_PATH_MAX];
+  ASSERT_EQ(NOK_OK, GetOrvaDatastoreUUIDPath(path, sizeof path));
+  EXPECT_EQ(Datastore(), path);
   LinkNamespace("../volumes/8F3B6C1E-52D4-4A0B-9C7E-1D2F3A4B5C6D");
   std::string uuid;
   ASSERT_EQ(NOK_OK, ZeldGetNamespaceUuid(&uuid));
@@ -372,22 +324,16 @@ TEST_F(DirectoryEntriesTest, MissingNamespaceLinkFailsEveryEntryOperationWithIts
   EXPECT_TRUE(log_->Contains("Failed to get ZEL namespace UUID with status: Failure"));
 }
 
-// ---- Owners and interface addresses -----------------------------------------
-
 TEST_F(DirectoryEntriesTest, OwnerHostIsTheOneInTheObjectRecord) {
   const std::string object = "0a0b0c0d-1111-4222-8333-444455556666";
   std::string owner = "unchanged";
   EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetOwnerHost(object, &owner));
   EXPECT_EQ("unchanged", owner);
-  const std::vector<std::string> warnings = log_->Texts(LogLevel::Warning);
-  ASSERT_EQ(1u, warnings.size());
-  EXPECT_NE(std::string::npos, warnings[0].find(object));
-  EXPECT_NE(std::string::npos, warnings[0].find("Not found"));
-
+  EXPECT_THAT(log_->Texts(LogLevel::Warning),
+              ElementsAre(AllOf(HasSubstr(object), HasSubstr("Not found"))));
   WriteRaw(BRIX_TYPE_STORAGE_OBJECT, object, object,
            "{\"type\":\"BrixStorageObject\",\"policy\":\"raid1\"}");
   EXPECT_EQ(NOK_BAD_PARAM, ZeldBrixGetOwnerHost(object, &owner));
-
   std::string payload;
   ASSERT_EQ(NOK_OK, MarshalStorageObjectRecord({kOtherHost, "raid1"}, &payload));
   WriteRaw(BRIX_TYPE_STORAGE_OBJECT, object, object, payload, kHost);
@@ -396,6 +342,10 @@ TEST_F(DirectoryEntriesTest, OwnerHostIsTheOneInTheObjectRecord) {
 }
 
 TEST_F(DirectoryEntriesTest, InterfaceAddressesAreTheNamedInterfacesAsTextWithoutAllZeros) {
+  std::string ipv4, ipv6;
+  EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", &ipv4, nullptr));
+  EXPECT_TRUE(log_->Contains("Unable to find BRIX entry for interface vmk1 for host " + kOtherHost +
+                             ": Not found"));
   const std::array<uint8_t, 16> fd00_5{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
   // An unreadable entry does not hide the others.
   WriteRaw(BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, kOtherHost, "broken",
@@ -405,36 +355,23 @@ TEST_F(DirectoryEntriesTest, InterfaceAddressesAreTheNamedInterfacesAsTextWithou
   Interface(kOtherHost, "vmk2", {192, 168, 10, 5}, fd00_5);
   Interface(kOtherHost, "vmk3", {10, 0, 0, 2});
   Interface(kHost, "vmk1", {10, 0, 0, 7});
-  struct Case {
-    std::string host, name, ipv4, ipv6;
-  };
-  for (const Case& c : {Case{kOtherHost, "vmk1", "", "fd00::5"},
-                        Case{kOtherHost, "vmk2", "192.168.10.5", "fd00::5"},
-                        Case{kOtherHost, "vmk3", "10.0.0.2", ""}, Case{kHost, "vmk1", "10.0.0.7", ""}}) {
-    std::string ipv4 = "stale", ipv6 = "stale";
-    ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(c.host, c.name, &ipv4, &ipv6)) << c.name;
-    EXPECT_EQ(c.ipv4, ipv4) << c.name;
-    EXPECT_EQ(c.ipv6, ipv6) << c.name;
+  log_->Clear();
+  for (const auto& [host, name, expected] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {kOtherHost, "vmk1", "|fd00::5"}, {kOtherHost, "vmk2", "192.168.10.5|fd00::5"},
+           {kOtherHost, "vmk3", "10.0.0.2|"}, {kHost, "vmk1", "10.0.0.7|"}}) {
+    ipv4 = ipv6 = "stale";
+    ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(host, name, &ipv4, &ipv6)) << name;
+    EXPECT_EQ(expected, ipv4 + "|" + ipv6) << name;
   }
   EXPECT_EQ(3u, log_->Texts(LogLevel::Warning).size());  // one per lookup of kOtherHost
-  std::string ipv4, ipv6;
   ASSERT_EQ(NOK_OK, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk2", nullptr, &ipv6));
   EXPECT_EQ("fd00::5", ipv6);
   ASSERT_EQ(NOK_OK, ZeldBrixGetSelfInterfaceAddress("vmk1", &ipv4, nullptr));
   EXPECT_EQ("10.0.0.7", ipv4);
-}
-
-TEST_F(DirectoryEntriesTest, UnpublishedInterfaceIsNotFoundWithTheWarningOfWhatIsMissing) {
-  std::string ipv4;
-  EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk1", &ipv4, nullptr));
-  EXPECT_TRUE(log_->Contains("Unable to find BRIX entry for interface vmk1 for host " + kOtherHost +
-                             ": Not found"));
-  Interface(kOtherHost, "vmk1", {10, 0, 0, 1});
   EXPECT_EQ(NOK_NOT_FOUND, ZeldBrixGetInterfaceAddress(kOtherHost, "vmk9", &ipv4, nullptr));
   EXPECT_TRUE(log_->Contains("Failed to fetch target interface vmk9 address for host " + kOtherHost));
 }
-
-// ---- Datastore paths ---------------------------------------------------------
 
 using PathFunction = NOK_ReturnStatus (*)(const char*, char*, size_t);
 
@@ -445,23 +382,20 @@ std::string Build(PathFunction function, const std::string& diskPath,
   return path;
 }
 
-TEST_F(DirectoryEntriesTest, DatastorePathIsTheHostsDatastoreRoot) {
-  char path[ZEL_PATH_MAX];
-  ASSERT_EQ(NOK_OK, GetOrvaDatastoreUUIDPath(path, sizeof path));
-  EXPECT_EQ(Datastore(), path);
-}
-
+// The lock file cuts the extension of the file name only; a relative path or
+// one without a file name is refused.
 TEST(DirectoryEntriesPaths, ReservationAndLockFilesAreHiddenBesideTheDisk) {
-  EXPECT_EQ("/ds/t1/.lun.qdsk.pr", Build(GetLunPRFilePath, "/ds/t1/lun.qdsk"));
-  EXPECT_EQ("/.lun.qdsk.pr", Build(GetLunPRFilePath, "/lun.qdsk"));
-  // The lock file cuts the extension of the file name only.
-  EXPECT_EQ("/ds/t1/.lun.lck", Build(GetQdskLockFilePath, "/ds/t1/lun.qdsk"));
-  EXPECT_EQ("/ds/t1/.a.b.lck", Build(GetQdskLockFilePath, "/ds/t1/a.b.qdsk"));
-  EXPECT_EQ("/ds/t.d/.disk.lck", Build(GetQdskLockFilePath, "/ds/t.d/disk"));
-  EXPECT_EQ("/ds/..hidden.lck", Build(GetQdskLockFilePath, "/ds/.hidden"));
-  for (PathFunction function : {GetLunPRFilePath, GetQdskLockFilePath}) {
-    EXPECT_EQ("", Build(function, "lun.qdsk", NOK_BAD_PARAM));
-    EXPECT_EQ("", Build(function, "/ds/t1/", NOK_BAD_PARAM));
+  const std::vector<std::tuple<PathFunction, std::string, std::string>> cases = {
+      {GetLunPRFilePath, "/ds/t1/lun.qdsk", "/ds/t1/.lun.qdsk.pr"},
+      {GetLunPRFilePath, "/lun.qdsk", "/.lun.qdsk.pr"},
+      {GetQdskLockFilePath, "/ds/t1/lun.qdsk", "/ds/t1/.lun.lck"},
+      {GetQdskLockFilePath, "/ds/t1/a.b.qdsk", "/ds/t1/.a.b.lck"},
+      {GetQdskLockFilePath, "/ds/t.d/disk", "/ds/t.d/.disk.lck"},
+      {GetQdskLockFilePath, "/ds/.hidden", "/ds/..hidden.lck"},
+      {GetLunPRFilePath, "lun.qdsk", ""}, {GetQdskLockFilePath, "lun.qdsk", ""},
+      {GetLunPRFilePath, "/ds/t1/", ""}, {GetQdskLockFilePath, "/ds/t1/", ""}};
+  for (const auto& [function, disk, expected] : cases) {
+    EXPECT_EQ(expected, Build(function, disk, expected.empty() ? NOK_BAD_PARAM : NOK_OK));
   }
 }
 
@@ -481,15 +415,12 @@ TEST(DirectoryEntriesPaths, PathsNeverExceedTheLimitAndAreNeverCut) {
   EXPECT_STREQ("", small);
 }
 
-// ---- Payloads ------------------------------------------------------------------
-
 TEST(DirectoryEntriesMarshal, GenerationRoundTripsUpToAllOnesAndOtherPayloadsAreRefused) {
   std::string payload;
   ASSERT_EQ(NOK_OK, MarshalConfigRecord(ZelConfigRecord{UINT64_MAX}, &payload));
   ZelConfigRecord record;
   ASSERT_EQ(NOK_OK, UnmarshalConfigRecord(payload, &record, nullptr));
   EXPECT_EQ(UINT64_MAX, record.generation);
-
   std::string error;
   ASSERT_EQ(NOK_OK, MarshalInterfaceRecord(ZelInterfaceRecord{}, &payload));
   EXPECT_EQ(NOK_BAD_PARAM, UnmarshalConfigRecord(payload, &record, &error));
@@ -509,5 +440,4 @@ TEST(DirectoryEntriesMarshal, GenerationRoundTripsUpToAllOnesAndOtherPayloadsAre
 }
 
 }  // namespace
-}  // namespace directory
-}  // namespace zel
+}  // namespace zel::directory

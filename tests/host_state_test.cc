@@ -1,6 +1,5 @@
-// Whether the host may create the service's namespace or enable the
-// service: cluster membership first, then the namespace on the datastore and
-// its two directories, each gap logged before the one refusal.
+// Whether the host may create the namespace or enable the service:
+// membership first, then the namespace and its two directories.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,7 +9,7 @@
 #include <vector>
 
 #include "edit/HostState.h"
-#include "support/FixedServices.h"
+#include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
@@ -31,16 +30,14 @@ const std::string kBadNamespace =
 
 class HostStateTest : public ::testing::Test {
  protected:
-  // The namespace as the platform lays it out: ".iSCSI-CONFIG" is a link to
-  // the namespace object's own directory, here with the directories `dirs`.
+  // ".iSCSI-CONFIG" linked to the namespace's own directory holding `dirs`.
   void MakeNamespace(const std::vector<std::string>& dirs) {
-    const std::string object = Root() + "/5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
-    fs::create_directories(object);
-    fs::create_directory_symlink("5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58", Root() + "/.iSCSI-CONFIG");
-    for (const std::string& dir : dirs) fs::create_directory(object + "/" + dir);
+    const std::string object = "5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
+    fs::create_directories(Root() + "/" + object);
+    fs::create_directory_symlink(object, Root() + "/.iSCSI-CONFIG");
+    for (const std::string& dir : dirs) fs::create_directory(Root() + "/" + object + "/" + dir);
   }
   const std::string& Root() const { return host_.Config().datastoreRoot; }
-
   zel::test::ScopedTestHost host_;
   zel::test::ClusterFactsDouble& cluster_ = host_.Install<zel::test::ClusterFactsDouble>(
       std::make_unique<zel::test::FixedCluster>());

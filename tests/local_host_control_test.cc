@@ -1,9 +1,6 @@
-// The local host-control backends: real programs run without a shell (exit
-// codes, signals, environment, inherited descriptors, the host.json
-// replacements and the profile mappings), the embedded state files of
-// modules, firewall and boot switch, the real-host modprobe and nft
-// commands, the options file and the legacy configuration file shared by
-// two processes.
+// The local host-control backends: real programs run without a shell, the
+// embedded state files of modules, firewall and boot switch, the real-host
+// modprobe and nft commands, the options file and the legacy file.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,8 +22,7 @@
 #include "support/Process.h"
 #include "support/TestHost.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
 
 using platform::LogLevel;
@@ -43,18 +39,15 @@ class LocalHostControlTest : public ::testing::Test {
     WriteFile(path, "#!/bin/sh\n" + body, 0700);
     return path;
   }
-  // A script that writes its arguments into `out` (not executable: run it
-  // through "/bin/sh PATH").
-  std::string Recorder(const std::string& out) {
-    const std::string path = host_.Home() + "/recorder.sh";
-    WriteFile(path, "echo \"$@\" > " + out + "\n", 0600);
-    return path;
+  // A replacement command that writes its arguments into Out().
+  std::string Recorder(const std::string& shell = "/bin/sh ") {
+    WriteFile(host_.Home() + "/recorder.sh", "echo \"$@\" > " + Out() + "\n", 0600);
+    return shell + host_.Home() + "/recorder.sh";
   }
   std::string Out() const { return host_.Home() + "/out"; }
   int Run(const std::vector<std::string>& argv) {
     return platform::NewLocalCommandRunner(config_)->Exec(argv);
   }
-
   ScopedTestHost host_;
   platform::HostConfig config_ = host_.Config();
 };
@@ -66,7 +59,6 @@ TEST_F(LocalHostControlTest, ExitCodesOfRealProgramsAnd127WhenOneCannotStart) {
   EXPECT_EQ(Run({"true"}), 0);  // found in PATH
   EXPECT_EQ(Run({Script("killed.sh", "kill -9 $$\n")}), 128 + 9);
   EXPECT_THAT(host_.Log().Texts(LogLevel::Warning), IsEmpty());
-
   EXPECT_EQ(Run({host_.Home() + "/missing", "arg"}), 127);
   EXPECT_EQ(Run({"zel-no-such-program"}), 127);
   const std::string notExecutable = host_.Home() + "/plain.sh";
@@ -108,7 +100,7 @@ TEST_F(LocalHostControlTest, InitScriptIsTheBuildsOrAReplacementWithLeadingArgum
   // "status" is the one command of the script that changes nothing: 3 when
   // no daemon runs under this home.
   EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "status"}), 3);
-  config_.commands["/etc/init.d/zeld"] = "/bin/sh  " + Recorder(Out());
+  config_.commands["/etc/init.d/zeld"] = Recorder("/bin/sh  ");
   EXPECT_EQ(Run({"/etc/init.d/zeld", "++group=host/kap/tmp", "restart"}), 0);
   EXPECT_EQ(ReadFile(Out()), "++group=host/kap/tmp restart\n");
 }
@@ -129,13 +121,12 @@ TEST_F(LocalHostControlTest, EmbeddedBootSwitchIsAStateFileUnderTheHome) {
 
 TEST_F(LocalHostControlTest, RealHostBootSwitchIsTheDaemonsUnitUnlessChkconfigIsReplaced) {
   config_.profile = platform::Profile::RealHost;
-  config_.commands["systemctl"] = "/bin/sh " + Recorder(Out());
+  config_.commands["systemctl"] = Recorder();
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "on"}), 0);
   EXPECT_EQ(ReadFile(Out()), "enable zeld.service\n");
   EXPECT_EQ(Run({"/sbin/chkconfig", "zel_loader", "off"}), 0);
   EXPECT_EQ(ReadFile(Out()), "disable zeld.service\n");
-
-  config_.commands["/sbin/chkconfig"] = "/bin/sh " + Recorder(Out());
+  config_.commands["/sbin/chkconfig"] = Recorder();
   for (platform::Profile profile : {platform::Profile::Embedded, platform::Profile::RealHost}) {
     config_.profile = profile;
     std::filesystem::remove(Out());
@@ -148,21 +139,19 @@ TEST_F(LocalHostControlTest, RealHostBootSwitchIsTheDaemonsUnitUnlessChkconfigIs
 TEST_F(LocalHostControlTest, EmbeddedModulesAndFirewallAreStateFilesUnderTheHome) {
   std::unique_ptr<platform::KernelModules> modules = platform::NewLocalKernelModules(config_);
   const std::string path = host_.Home() + "/state/modules/zel";
-  EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
-  EXPECT_EQ(modules->ModuleLoad("zel"), NOK_OK);
-  EXPECT_TRUE(std::filesystem::exists(path));
-  EXPECT_TRUE(modules->ModuleIsLoaded("zel"));
-  EXPECT_EQ(modules->ModuleLoad("zel"), NOK_OK);
-  EXPECT_EQ(modules->ModuleUnload("zel"), NOK_OK);
-  EXPECT_FALSE(modules->ModuleIsLoaded("zel"));
-  EXPECT_EQ(modules->ModuleUnload("zel"), NOK_OK);
+  std::string seen;  // loaded or not after each step, twice each
+  for (bool load : {true, true, false, false}) {
+    seen += modules->ModuleIsLoaded("zel") ? "1" : "0";
+    EXPECT_EQ(load ? modules->ModuleLoad("zel") : modules->ModuleUnload("zel"), NOK_OK);
+    seen += std::filesystem::exists(path) ? "1" : "0";
+  }
+  EXPECT_EQ(seen, "01111000");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Info),
               ElementsAre("HostControl: Loaded module zel: created " + path,
                           "HostControl: Unloaded module zel: removed " + path,
                           "HostControl: Module zel is not loaded; nothing to unload"));
   EXPECT_EQ(modules->ModuleLoad("../zel"), NOK_BAD_PARAM);
   EXPECT_FALSE(std::filesystem::exists(host_.Home() + "/state/zel"));
-
   std::unique_ptr<platform::Firewall> firewall = platform::NewLocalFirewall(config_);
   const std::string ruleset = host_.Home() + "/state/firewall/zel";
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
@@ -194,7 +183,6 @@ class RealHostControlTest : public LocalHostControlTest {
     modules_ = platform::NewRealHostKernelModules(std::unique_ptr<ScriptedCommandRunner>(runner_),
                                                   files_);
   }
-
   platform::ModuleFiles files_;
   ScriptedCommandRunner* runner_ = new ScriptedCommandRunner;
   std::unique_ptr<platform::KernelModules> modules_;
@@ -206,7 +194,6 @@ TEST_F(RealHostControlTest, ModulesAreReadFromTheKernelsListsAndSwitchedWithModp
   EXPECT_TRUE(modules_->ModuleIsLoaded("built_in"));
   EXPECT_FALSE(modules_->ModuleIsLoaded("zel"));  // a prefix of zel_target only
   EXPECT_THAT(runner_->Calls(), IsEmpty());
-
   EXPECT_EQ(modules_->ModuleLoad("zel"), NOK_OK);
   EXPECT_EQ(modules_->ModuleLoad("pyrfw"), NOK_OK);
   EXPECT_EQ(modules_->ModuleUnload("zel"), NOK_OK);  // not listed: nothing to run
@@ -226,7 +213,6 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
       platform::NewRealHostFirewall(std::move(runner), host_.Home());
   const std::string path = host_.Home() + "/state/firewall/zel.nft";
   const std::string dropTable = "table inet zel\ndelete table inet zel\n";
-
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_OK);
   EXPECT_THAT(nft->CommandLines(), ElementsAre("nft -f " + path));
   const std::string enabled = ReadFile(path);
@@ -235,7 +221,6 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
   EXPECT_THAT(enabled, HasSubstr("tcp dport 3260 accept"));
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", false), NOK_OK);
   EXPECT_EQ(ReadFile(path), dropTable);
-
   nft->SetExitCode("nft", 1);
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel", true), NOK_FAILURE);
   EXPECT_EQ(firewall->FirewallRulesetSetStatus("zel; flush ruleset", true), NOK_BAD_PARAM);
@@ -243,10 +228,10 @@ TEST_F(RealHostControlTest, FirewallRulesetIsOneNftTransaction) {
 
   // The real-host factories run the replaced programs.
   config_.profile = platform::Profile::RealHost;
-  config_.commands["nft"] = "/bin/sh " + Recorder(Out());
+  config_.commands["nft"] = Recorder();
   EXPECT_EQ(platform::NewLocalFirewall(config_)->FirewallRulesetSetStatus("zel", false), NOK_OK);
   EXPECT_EQ(ReadFile(Out()), "-f " + path + "\n");
-  config_.commands["modprobe"] = "/bin/sh " + Recorder(Out());
+  config_.commands["modprobe"] = Recorder();
   EXPECT_EQ(platform::NewLocalKernelModules(config_)->ModuleLoad("zel"), NOK_OK);
   EXPECT_EQ(ReadFile(Out()), "zel\n");
 }
@@ -258,7 +243,6 @@ class KernelOptionsTest : public LocalHostControlTest {
     return platform::NewLocalKernelOptions(config_)->GetIntOption(component, field, &value_);
   }
   void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
-
   int value_ = -1;
 };
 
@@ -320,7 +304,6 @@ TEST_F(LegacyConfigTest, ValuesAreKeptBesideEachOtherAndAbsentOrForeignOnesRefus
   legacy_->SetBool(ORVA_ZEL_STATUS_KEY, false);
   EXPECT_FALSE(legacy_->GetBool(ORVA_ZEL_STATUS_KEY));
   EXPECT_TRUE(legacy_->HasValue("/UserVars/Other"));
-
   WriteFile(Path(), R"({"/UserVars/ZelServiceEnabled": 1})");
   EXPECT_EQ(MessageOf([&] { legacy_->SetBool("/UserVars/Other", true); }),
             "Legacy configuration " + Path() +
@@ -348,5 +331,4 @@ TEST_F(LegacyConfigTest, TwoProcessesWritingAtOnceLoseNoValue) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

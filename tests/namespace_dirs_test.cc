@@ -1,46 +1,36 @@
-// The service's namespaces and directories on a real datastore directory,
-// through the local namespaces over a real SQLite directory: the
-// configuration namespace and its "etc/" and "targets" directories, each
-// target's namespace with its link (tried twelve times, one second apart,
-// and undone when it cannot be made), and removal that keeps a target whole
-// when its namespace cannot go.
+// The configuration namespace, its "etc/" and "targets" directories, and
+// each target's namespace with its link (tried twelve times, undone when it
+// cannot be made) on a real datastore and SQLite directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "directory/DirectoryEntries.h"
 #include "platform/EntryMarshal.h"
 #include "platform/Host.h"
 #include "platform/local/LocalNamespaces.h"
-#include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
+#include "platform/local/LocalPolicyService.h"
 #include "storage/DatastoreLayout.h"
 #include "storage/Namespace.h"
 #include "storage/NamespaceDirs.h"
 #include "storage/TargetNamespace.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
-#include "zel/OrvaCtlException.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
+namespace NokCtl::Orva::IscsiTarget {
 namespace {
 
 using zel::test::MessageOf;
 namespace fs = std::filesystem;
-using HostCtl::Lib::Orva::OrvaCtlException;
 using zel::platform::CurrentHost;
 using zel::platform::LogLevel;
 using zel::test::NamespacesDouble;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
@@ -57,45 +47,37 @@ class NamespaceDirsTest : public ::testing::Test {
     host_.Install<zel::test::DirectoryDouble>(
         zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db"));
   }
-
   const std::string& Root() const { return host_.Config().datastoreRoot; }
   std::string ConfigNamespacePath() const { return Root() + "/.iSCSI-CONFIG"; }
   std::string TargetLink() const { return Util::GetTargetsDirPath() + "/" + kTarget; }
-  std::vector<std::string> Logged(LogLevel level) {
+  // The lines logged at exactly `level` that contain `part`.
+  std::vector<std::string> Logged(LogLevel level, const std::string& part = "") {
     std::vector<std::string> lines;
     for (const zel::test::LogLine& line : host_.Log().Lines()) {
-      if (line.level == level) lines.push_back(line.text);
+      if (line.level == level && line.text.find(part) != std::string::npos) {
+        lines.push_back(line.text);
+      }
     }
-    return lines;
-  }
-  std::vector<std::string> Logged(LogLevel level, const std::string& part) {
-    std::vector<std::string> lines = Logged(level);
-    lines.erase(std::remove_if(lines.begin(), lines.end(),
-                               [&](const std::string& l) { return l.find(part) == l.npos; }),
-                lines.end());
     return lines;
   }
 
   // The announced policy of `uuid`, or "(none)" when it is not announced.
   std::string AnnouncedPolicy(const std::string& uuid) {
     std::vector<zel::platform::DirectoryEntry> entries;
+    zel::platform::StorageObjectRecord record;
     if (CurrentHost().GetDirectory().Query(zel::platform::kStorageObjectEntryType, uuid,
                                            &entries) != NOK_OK) {
       return "(none)";
     }
-    zel::platform::StorageObjectRecord record;
-    std::string error;
     EXPECT_EQ(NOK_OK, zel::platform::UnmarshalStorageObjectRecord(entries.front().payload,
-                                                                   &record, &error));
+                                                                   &record, nullptr));
     return record.policy;
   }
-
   void MakeConfigNamespace() {
     Util::CreateNamespaceDir("");
     Util::CreateConfigDirs();
     host_.Log().Clear();
   }
-
   void FailDeletes() { spaces_->FailNext("DeleteNamespace", "datastore busy", spaces_->kAlways); }
   std::string MakeTarget(const std::string& policy = "") {
     MakeConfigNamespace();
@@ -103,12 +85,9 @@ class NamespaceDirsTest : public ::testing::Test {
     Util::CreateTargetNamespace(kTarget, policy, uuid);
     return uuid;
   }
-
   zel::test::ScopedTestHost host_;
   NamespacesDouble* spaces_ = nullptr;
 };
-
-// ---- The configuration namespace ---------------------------------------
 
 TEST_F(NamespaceDirsTest, ConfigNamespaceGetsTheDefaultPolicyAndIsSkippedWhenThere) {
   Util::CreateNamespaceDir("");
@@ -116,7 +95,6 @@ TEST_F(NamespaceDirsTest, ConfigNamespaceGetsTheDefaultPolicyAndIsSkippedWhenThe
   EXPECT_EQ(fs::path(uuid), fs::read_symlink(ConfigNamespacePath()));
   EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(uuid));
   host_.Log().Clear();
-
   Util::CreateNamespaceDir(kPolicy);
   EXPECT_THAT(Logged(LogLevel::Info),
               ElementsAre("Util: Orva iSCSI Target namespace already exists. Skipping namespace "
@@ -153,7 +131,6 @@ TEST_F(NamespaceDirsTest, ConfigNamespaceDeletionRemovesItOrNamesItWhenItCannot)
   EXPECT_EQ(message, MessageOf([] { Util::DeleteNamespaceDir(); }));
   EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
   EXPECT_TRUE(Util::PathExists(Util::GetConfDirPath()));
-
   spaces_->Heal("DeleteNamespace");
   host_.Log().Clear();
   const std::string uuid = Util::GetNamespaceUuid();
@@ -165,13 +142,10 @@ TEST_F(NamespaceDirsTest, ConfigNamespaceDeletionRemovesItOrNamesItWhenItCannot)
   EXPECT_TRUE(Logged(LogLevel::Error).empty());
 }
 
-// ---- Its directories ---------------------------------------------------
-
 TEST_F(NamespaceDirsTest, ConfigDirsNeedTheNamespaceAndASecondRunLogsBothAsPresent) {
   const std::string message = "Failed to create dir " + Util::GetConfDirPath() + " with errno (2).";
   EXPECT_EQ(message, MessageOf([] { Util::CreateConfigDirs(); }));
   EXPECT_THAT(Logged(LogLevel::Error), ElementsAre("Util: " + message));
-
   Util::CreateNamespaceDir("");
   Util::CreateConfigDirs();
   EXPECT_TRUE(Logged(LogLevel::Info, "Config dir").empty());
@@ -227,15 +201,19 @@ TEST_F(NamespaceDirsTest, PathExistsFindsAnythingThereAndThrowsWhenItCannotLook)
             MessageOf([&] { Util::PathExists(Root() + "/a"); }));
 }
 
-// ---- Target namespaces -------------------------------------------------
-
-TEST_F(NamespaceDirsTest, TargetNamespaceIsMadeWithARelativeLinkUnderTargets) {
+TEST_F(NamespaceDirsTest, TargetNamespaceHasARelativeLinkUnderTargetsAndGoesWithIt) {
   EXPECT_EQ(kTarget, MakeTarget(kPolicy));
   EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
   EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
   EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
   EXPECT_TRUE(host_.Clock().Sleeps().empty());
+  zel::test::WriteFile(Root() + "/" + kTarget + "/lun.qdsk", "disk");
   Util::DeleteTargetNamespace(kTarget);
+  EXPECT_THAT(Logged(LogLevel::Info, "target uuid"),
+              ElementsAre("Util: Delete target namespace, target uuid: " + kTarget));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(TargetLink())));
+  EXPECT_FALSE(Util::PathExists(Root() + "/" + kTarget));
+  EXPECT_EQ("(none)", AnnouncedPolicy(kTarget));
   MakeTarget();
   EXPECT_EQ(host_.Config().defaultPolicy, AnnouncedPolicy(kTarget));
 }
@@ -247,7 +225,6 @@ TEST_F(NamespaceDirsTest, TargetLinkIsTriedTwelveTimesThenTheNamespaceIsRemoved)
   std::string uuid = "unchanged";
   EXPECT_EQ("Util: Failed to create target symlink with error: No such file or directory",
             MessageOf([&] { Util::CreateTargetNamespace(kTarget, "", uuid); }));
-
   const std::string arrow = TargetLink() + "->../../" + kTarget;
   std::vector<std::string> retries;
   for (int n = 1; n <= 11; ++n) {
@@ -282,17 +259,6 @@ TEST_F(NamespaceDirsTest, TargetNamespaceFailureIsThrownAsReportedAndMakesNoLink
   EXPECT_FALSE(fs::is_symlink(fs::symlink_status(TargetLink())));
 }
 
-TEST_F(NamespaceDirsTest, TargetDeletionRemovesLinkNamespaceAndAnnouncement) {
-  MakeTarget();
-  zel::test::WriteFile(Root() + "/" + kTarget + "/lun.qdsk", "disk");
-  Util::DeleteTargetNamespace(kTarget);
-  EXPECT_THAT(Logged(LogLevel::Info, "target uuid"),
-              ElementsAre("Util: Delete target namespace, target uuid: " + kTarget));
-  EXPECT_FALSE(fs::exists(fs::symlink_status(TargetLink())));
-  EXPECT_FALSE(Util::PathExists(Root() + "/" + kTarget));
-  EXPECT_EQ("(none)", AnnouncedPolicy(kTarget));
-}
-
 TEST_F(NamespaceDirsTest, FailedTargetDeletionPutsTheLinkBackOrLogsWhyItCannot) {
   MakeTarget(kPolicy);
   FailDeletes();
@@ -302,7 +268,6 @@ TEST_F(NamespaceDirsTest, FailedTargetDeletionPutsTheLinkBackOrLogsWhyItCannot) 
   EXPECT_EQ(fs::path("../../" + kTarget), fs::read_symlink(TargetLink()));
   EXPECT_TRUE(fs::equivalent(TargetLink(), Root() + "/" + kTarget));
   EXPECT_EQ(kPolicy, AnnouncedPolicy(kTarget));
-
   spaces_->Before("DeleteNamespace", [] { fs::remove_all(Util::GetTargetsDirPath()); });
   host_.Log().Clear();
   EXPECT_THAT(MessageOf([] { Util::DeleteTargetNamespace(kTarget); }),
@@ -319,7 +284,6 @@ TEST_F(NamespaceDirsTest, TargetDeletionWithoutLinkFailsAndWithoutNamespaceRemov
                 " with error: No such file or directory",
             MessageOf([] { Util::DeleteTargetNamespace(kTarget); }));
   EXPECT_TRUE(Util::PathExists(Root() + "/" + kTarget));
-
   fs::remove_all(Root());
   fs::create_directories(Root());
   MakeTarget();
@@ -331,6 +295,4 @@ TEST_F(NamespaceDirsTest, TargetDeletionWithoutLinkFailsAndWithoutNamespaceRemov
 }
 
 }  // namespace
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget

@@ -1,11 +1,6 @@
-// Publication of this host's network interfaces into a real SQLite
-// directory in a temporary home: only the difference is written (an
-// unchanged interface keeps its entry and version, a changed one is updated
-// under the same identity, a vanished one is deleted, a new one added), the
-// first failure ends a pass without escaping it, and the next pass repairs.
-// Also the two equalities of a published record, and which interfaces of
-// configured targets count as down.
-#include <arpa/inet.h>
+// Publication of this host's interfaces into a real SQLite directory: only
+// the difference is written under the same identities, a failure ends a pass
+// and the next repairs; and which configured interfaces count as down.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,10 +20,7 @@
 #include "support/TestHost.h"
 #include "zel/OrvaCtlException.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
-namespace Util {
+namespace NokCtl::Orva::IscsiTarget::Util {
 namespace {
 
 using HostCtl::Lib::Orva::OrvaCtlException;
@@ -77,14 +69,21 @@ class NicPublicationTest : public ::testing::Test {
     }
     return byName;
   }
-
+  // "name ipv4 ipv6" of each published interface, "-" for no address.
+  static std::string Addresses(const std::map<std::string, Published>& published) {
+    std::string text;
+    for (const auto& [name, nic] : published) {
+      text += (text.empty() ? "" : ", ") + name + " " + (nic.ipv4.empty() ? "-" : nic.ipv4) + " " +
+              (nic.ipv6.empty() ? "-" : nic.ipv6);
+    }
+    return text;
+  }
   bool Logged(LogLevel level, const std::string& text) const { return log_->Count(level, text) > 0; }
   // Publishes an interface entry of `host` as written by hand.
   void WriteEntry(const std::string& host, const std::string& payload) {
     const DirectoryEntry entry{BRIX_TYPE_ORVA_ISCSI_INTERFACE_MAP, host, host, "", payload, 0};
     ASSERT_EQ(NOK_OK, zel::test::PublishAndWait(directory_, entry));
   }
-
   zel::test::TempHome home_;
   zel::test::ScopedTestHost host_{zel::platform::LoadHostConfig(home_.Path())};
   const std::string hostUuid_ = host_.Config().hostUuid;
@@ -98,20 +97,10 @@ TEST_F(NicPublicationTest, FirstPassPublishesEveryInterfaceUnderThisHost) {
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "fd00::5");
   nics_->Set("nok1", NOKNIC_DOWN, "192.168.7.1", "");
   nics_->Set("nok2", NOKNIC_UP, "", "");
-  // Texts that do not parse are published as no address.
-  nics_->Set("nok3", NOKNIC_UP, "10.0.0.256", "fd00::5::6");
-
+  nics_->Set("nok3", NOKNIC_UP, "10.0.0.256", "fd00::5::6");  // unparsable: no address
   PublishNokNicsToBrix();
-
-  const std::map<std::string, Published> published = PublishedNow();
-  ASSERT_EQ(4u, published.size());
-  EXPECT_EQ("10.0.0.5", published.at("nok0").ipv4);
-  EXPECT_EQ("fd00::5", published.at("nok0").ipv6);
-  EXPECT_EQ("192.168.7.1", published.at("nok1").ipv4);
-  EXPECT_EQ("", published.at("nok1").ipv6);
-  for (const std::string name : {"nok2", "nok3"}) {
-    EXPECT_EQ("", published.at(name).ipv4 + published.at(name).ipv6) << name;
-  }
+  EXPECT_EQ("nok0 10.0.0.5 fd00::5, nok1 192.168.7.1 -, nok2 - -, nok3 - -",
+            Addresses(PublishedNow()));
   for (const std::string line : {"Util: Start to publish noknics to brix",
                                  "Util: Getting nok interface entries from BRIX for this host.",
                                  "Util: Successfully updated BRIX interface entry for nok nic nok2"}) {
@@ -127,22 +116,18 @@ TEST_F(NicPublicationTest, EachPassWritesOnlyTheDifferenceUnderTheSameIdentities
   PublishNokNicsToBrix();
   const std::map<std::string, Published> before = PublishedNow();
   const int writes = Writes();
-
   nics_->SetAddresses("nok0", "10.0.0.6", "fd00::5");
   nics_->SetAddresses("nok1", "10.0.1.5", "fd00:1::7");
   PublishNokNicsToBrix();
   EXPECT_EQ(writes + 2, Writes());
   std::map<std::string, Published> after = PublishedNow();
-  ASSERT_EQ(3u, after.size());
+  EXPECT_EQ("nok0 10.0.0.6 fd00::5, nok1 10.0.1.5 fd00:1::7, nok2 10.0.2.5 fd00:2::5",
+            Addresses(after));
   for (const std::string name : {"nok0", "nok1", "nok2"}) {
     EXPECT_EQ(before.at(name).entryId, after.at(name).entryId) << name;
   }
   EXPECT_GT(after.at("nok0").version, before.at("nok0").version);
-  EXPECT_EQ("10.0.0.6", after.at("nok0").ipv4);
-  EXPECT_EQ("fd00:1::7", after.at("nok1").ipv6);
   EXPECT_EQ(before.at("nok2").version, after.at("nok2").version);
-  EXPECT_TRUE(
-      Logged(LogLevel::Info, "Util: Successfully updated BRIX interface entry for nok nic nok0"));
   EXPECT_FALSE(log_->Contains("Util: Start to delete brix entry for 'nok0'"));
   PublishNokNicsToBrix();
   EXPECT_EQ(writes + 2, Writes());
@@ -152,10 +137,8 @@ TEST_F(NicPublicationTest, EachPassWritesOnlyTheDifferenceUnderTheSameIdentities
   nics_->Set("nok3", NOKNIC_UP, "10.0.3.5", "");
   PublishNokNicsToBrix();
   const std::map<std::string, Published> last = PublishedNow();
-  ASSERT_EQ(3u, last.size());
-  EXPECT_EQ(0u, last.count("nok1"));
+  EXPECT_EQ("nok0 10.0.0.6 fd00::5, nok2 10.0.2.5 fd00:2::5, nok3 10.0.3.5 -", Addresses(last));
   EXPECT_EQ(after.at("nok0").version, last.at("nok0").version);
-  EXPECT_EQ("10.0.3.5", last.at("nok3").ipv4);
   for (const std::string name : {"nok0", "nok1", "nok2"}) {
     EXPECT_NE(before.at(name).entryId, last.at("nok3").entryId) << name;
   }
@@ -171,12 +154,8 @@ TEST_F(NicPublicationTest, UnreadableEntryOfThisHostIsReplacedAndOtherHostsAreLe
   ASSERT_EQ(NOK_OK, zel::platform::MarshalInterfaceRecord(record, &payload));
   WriteEntry(kOtherHost, payload);
   nics_->Set("nok0", NOKNIC_UP, "10.0.0.5", "");
-
   PublishNokNicsToBrix();
-
-  const std::map<std::string, Published> published = PublishedNow();
-  ASSERT_EQ(1u, published.size());
-  EXPECT_EQ("10.0.0.5", published.at("nok0").ipv4);
+  EXPECT_EQ("nok0 10.0.0.5 -", Addresses(PublishedNow()));
   EXPECT_TRUE(Logged(LogLevel::Warning,
                      "Util: Failed to umsh ZEL interface entry from BRIX with error payload lacks "
                      "text member 'ipv4'"));
@@ -190,18 +169,15 @@ TEST_F(NicPublicationTest, FailedQueryOrListingIsLoggedAndChangesNothing) {
   directory_.FailNext("Query", NOK_TIMEOUT);
   EXPECT_NO_THROW(PublishNokNicsToBrix());
   EXPECT_EQ(0, Writes());
-  EXPECT_TRUE(Logged(LogLevel::Error,
-                     "Util: Failed to get ZEL interface entry from BRIX with error Timeout"));
-  EXPECT_TRUE(Logged(LogLevel::Error,
-                     "Util: Failed to publish nok nic info to BRIX Failed to get ZEL interface "
-                     "entry from BRIX with error Timeout"));
-
+  const std::string timeout = "Failed to get ZEL interface entry from BRIX with error Timeout";
+  EXPECT_TRUE(Logged(LogLevel::Error, "Util: " + timeout));
+  EXPECT_TRUE(Logged(LogLevel::Error, "Util: Failed to publish nok nic info to BRIX " + timeout));
   PublishNokNicsToBrix();
   const int writes = Writes();
   nics_->FailListing("Failed to list the network interfaces of this host: Out of memory");
   EXPECT_NO_THROW(PublishNokNicsToBrix());
   EXPECT_EQ(writes, Writes());
-  EXPECT_EQ(1u, PublishedNow().count("nok0"));
+  EXPECT_EQ("nok0 10.0.0.5 -", Addresses(PublishedNow()));
   EXPECT_TRUE(Logged(LogLevel::Error,
                      "Util: Failed to publish nok nic info to BRIX Failed to list the network "
                      "interfaces of this host: Out of memory"));
@@ -221,7 +197,6 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
   nics_->Set("nok2", NOKNIC_UP, "10.0.2.5", "");
   directory_.FailNext("Delete", NOK_IO_ERROR);
   PublishNokNicsToBrix();
-
   const std::string failure = "Failed to delete interface entry UUID " + before.at("nok0").entryId +
                               " with error I/O error";
   EXPECT_TRUE(Logged(LogLevel::Error, "Util: " + failure));
@@ -229,13 +204,10 @@ TEST_F(NicPublicationTest, FirstFailureEndsThePassAndTheNextPassRepairs) {
   const std::map<std::string, Published> mid = PublishedNow();
   EXPECT_EQ(1u, mid.count("nok0"));
   EXPECT_EQ(0u, mid.count("nok2"));
-
   PublishNokNicsToBrix();
   const std::map<std::string, Published> after = PublishedNow();
-  ASSERT_EQ(2u, after.size());
-  EXPECT_EQ("10.0.1.6", after.at("nok1").ipv4);
+  EXPECT_EQ("nok1 10.0.1.6 -, nok2 10.0.2.5 -", Addresses(after));
   EXPECT_EQ(before.at("nok1").entryId, after.at("nok1").entryId);
-  EXPECT_EQ("10.0.2.5", after.at("nok2").ipv4);
 }
 
 TEST_F(NicPublicationTest, FailedUpdateNamesTheInterfaceAndDeletingAGoneEntryIsOnlyLogged) {
@@ -247,7 +219,6 @@ TEST_F(NicPublicationTest, FailedUpdateNamesTheInterfaceAndDeletingAGoneEntryIsO
   EXPECT_EQ(message, zel::test::MessageOf([&] { UpdateNetBrixEntry(record, ""); }));
   EXPECT_TRUE(Logged(LogLevel::Error, "Util: " + message));
   EXPECT_THAT(PublishedNow(), IsEmpty());
-
   EXPECT_NO_THROW(DeleteNetBrixEntry("0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20"));
   EXPECT_TRUE(Logged(LogLevel::Warning,
                      "Util: Failed to get ZEL interface entry from BRIX with error Not found"));
@@ -263,45 +234,6 @@ TEST(NicPublicationWithoutDirectoryTest, PassFailsWithTheLibraryMessage) {
       std::string(NOK_ReturnStatusToString(NOK_NO_CONNECTION))));
 }
 
-ZelNetBrixEntry::Ipv6Address Ipv6(const char* text) {
-  ZelNetBrixEntry::Ipv6Address address{};
-  EXPECT_EQ(1, ::inet_pton(AF_INET6, text, address.data()));
-  return address;
-}
-
-uint32_t Ipv4(const char* text) {
-  struct in_addr address {};
-  EXPECT_EQ(1, ::inet_pton(AF_INET, text, &address));
-  return address.s_addr;
-}
-
-TEST(ZelNetBrixEntryTest, SameInterfaceComparesNamesDeepEqualAddressesInNetworkByteOrder) {
-  const ZelNetBrixEntry wanted("nok0", Ipv4("10.0.0.5"), Ipv6("fd00::5"));
-  const ZelNetBrixEntry moved("nok0", Ipv4("10.0.0.6"), Ipv6("fd00::5"));
-  const ZelNetBrixEntry renumbered6("nok0", Ipv4("10.0.0.5"), Ipv6("fd00::6"));
-  const ZelNetBrixEntry other("nok1", Ipv4("10.0.0.5"), Ipv6("fd00::5"));
-  const ZelNetBrixEntry published(wanted.GetBrixOrvaIscsiInterfaceMap(),
-                                  "0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20");
-  EXPECT_TRUE(wanted == moved);
-  EXPECT_FALSE(wanted.DeepEqual(moved));
-  EXPECT_FALSE(wanted.DeepEqual(renumbered6));
-  EXPECT_FALSE(wanted == other);
-  EXPECT_FALSE(wanted.DeepEqual(other));
-  // The identity is the directory's, not the interface's.
-  EXPECT_TRUE(published == wanted);
-  EXPECT_TRUE(published.DeepEqual(wanted));
-  EXPECT_EQ("", wanted.GetEntryUuid());
-  EXPECT_EQ("0b7d7c52-3c0e-4d8e-9a51-6f2a9e4c1d20", published.GetEntryUuid());
-
-  const ZelInterfaceRecord record = ZelNetBrixEntry("nok0", Ipv4("10.1.2.3"), Ipv6("fd00::1"))
-                                        .GetBrixOrvaIscsiInterfaceMap();
-  EXPECT_EQ("nok0", record.name);
-  EXPECT_EQ((std::array<uint8_t, 4>{10, 1, 2, 3}), record.ipv4);
-  EXPECT_EQ(0xfd, record.ipv6[0]);
-  EXPECT_EQ(1, record.ipv6[15]);
-  EXPECT_EQ(Ipv4("10.1.2.3"), ZelNetBrixEntry(record, "").GetIpv4());
-}
-
 class DownNokNicTest : public ::testing::Test {
  protected:
   // The standard configuration with its default portal group listening on
@@ -312,7 +244,6 @@ class DownNokNicTest : public ::testing::Test {
     const std::string standard = "\t listen nok0:3260\n";
     home_.WriteConf(conf.replace(conf.find(standard), standard.size(), lines));
   }
-
   zel::test::ServiceHome home_;
   zel::test::TestServices services_ = home_.InstallTestHost();
   FakeNetworkInterfaces* nics_ = zel::test::InstallFakeNetworkInterfaces();
@@ -345,7 +276,4 @@ TEST_F(DownNokNicTest, InterfaceWithoutUplinksIsNeverDownAndLoggedOncePerFiftyLo
 }
 
 }  // namespace
-}  // namespace Util
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget::Util

@@ -20,14 +20,11 @@
 #include "storage/Compliance.h"
 #include "storage/Namespace.h"
 #include "storage/Policy.h"
-#include "support/FixedServices.h"
 #include "support/HostDoubles.h"
 #include "support/Messages.h"
 #include "support/TestHost.h"
 
-namespace NokCtl {
-namespace Orva {
-namespace IscsiTarget {
+namespace NokCtl::Orva::IscsiTarget {
 namespace {
 
 using zel::test::MessageOf;
@@ -45,32 +42,25 @@ std::string VerifyFailure(const std::string& policy) {
   return MessageOf([&] { Util::VerifyPolicy(policy); });
 }
 
-// ---- The rule language -------------------------------------------------
-
+// Each rule with its value; absent rules are unset; no rule asks for nothing.
 TEST(PolicyText, EveryKnownRuleIsReadWithItsValue) {
-  PolicyRules rules;
-  std::string why;
-  ASSERT_TRUE(ParsePolicyRules(
-      " \"locality\" \"NonPreferred\"  \"failuresToTolerate\" \"3\" \"stripeWidth\" \"12\" "
-      "\"thinProvisioned\" \"false\" ",
-      &rules, &why))
-      << why;
-  EXPECT_EQ("NonPreferred", rules.locality.value_or(""));
-  EXPECT_EQ(3, rules.failuresToTolerate.value_or(-1));
-  EXPECT_EQ(12, rules.stripeWidth.value_or(-1));
-  EXPECT_EQ(false, rules.thinProvisioned.value_or(true));
-  EXPECT_EQ("", VerifyFailure("\"locality\" \"Preferred\" \"failuresToTolerate\" \"1\""));
-
-  ASSERT_TRUE(ParsePolicyRules("\"failuresToTolerate\" \"0\" \"stripeWidth\" \"1\"", &rules, &why));
-  EXPECT_FALSE(rules.locality.has_value());
-  EXPECT_EQ(0, rules.failuresToTolerate.value_or(-1));
-  EXPECT_EQ(1, rules.stripeWidth.value_or(-1));
-  EXPECT_FALSE(rules.thinProvisioned.has_value());
-
-  // A policy without rules asks for nothing.
-  ASSERT_TRUE(ParsePolicyRules("   ", &rules, &why));
-  EXPECT_FALSE(rules.failuresToTolerate.has_value());
-  EXPECT_EQ("", VerifyFailure(""));
+  const auto read = [](const std::string& policy) {
+    PolicyRules rules;
+    std::string why;
+    EXPECT_TRUE(ParsePolicyRules(policy, &rules, &why)) << why;
+    EXPECT_EQ("", VerifyFailure(policy));
+    return rules.locality.value_or("-") + " " + std::to_string(rules.failuresToTolerate.value_or(-1)) +
+           " " + std::to_string(rules.stripeWidth.value_or(-1)) + " " +
+           (rules.thinProvisioned ? (*rules.thinProvisioned ? "thin" : "thick") : "-");
+  };
+  EXPECT_EQ("NonPreferred 3 12 thick",
+            read(" \"locality\" \"NonPreferred\"  \"failuresToTolerate\" \"3\" \"stripeWidth\" "
+                 "\"12\" \"thinProvisioned\" \"false\" "));
+  EXPECT_EQ("- 0 1 -", read("\"failuresToTolerate\" \"0\" \"stripeWidth\" \"1\""));
+  EXPECT_EQ("Preferred 1 -1 -", read("\"locality\" \"Preferred\" \"failuresToTolerate\" \"1\""));
+  EXPECT_EQ("- -1 -1 thin", read("\"thinProvisioned\" \"true\""));
+  EXPECT_EQ("- -1 -1 -", read("   "));
+  EXPECT_EQ("- -1 -1 -", read(""));
 }
 
 TEST(PolicyText, EachRefusalSaysWhatIsWrongAndWhere) {
@@ -107,8 +97,6 @@ TEST(PolicyText, EachRefusalSaysWhatIsWrongAndWhere) {
   }
 }
 
-// ---- The datastore's default -------------------------------------------
-
 // The configuration of `home` once its host.json sets `defaultPolicy`.
 zel::platform::HostConfig WithDefaultPolicy(const zel::test::TempHome& home,
                                             const std::string& policy) {
@@ -133,28 +121,21 @@ TEST(DatastoreDefaultPolicy, IsTheHostConfigurationsOrTolerateOneFailureAndNever
             MessageOf([] { Util::GetDatastoreDefaultPolicy(); }));
 }
 
-// ---- Compliance --------------------------------------------------------
-
 class PolicyCompliance : public ::testing::Test {
  protected:
   void SetUp() override {
     directory_ = zel::platform::NewSqliteDirectory(host_.Home() + "/directory.db");
     service_ = std::make_unique<LocalPolicyService>(*directory_, kHost, &double_);
   }
-
   Compliance Judged(const std::string& policy) {
-    zel::platform::DirectoryEntry entry;
-    entry.type = zel::platform::kStorageObjectEntryType;
-    entry.key = kObject;
-    entry.entryId = kObject;
-    entry.ownerHost = kHost;
+    zel::platform::DirectoryEntry entry{zel::platform::kStorageObjectEntryType, kObject, kHost,
+                                        kObject, "", 0};
     EXPECT_EQ(NOK_OK, zel::platform::MarshalStorageObjectRecord({kHost, policy}, &entry.payload));
     EXPECT_EQ(NOK_OK, zel::test::PublishAndWait(*directory_, entry));
     const zel::platform::PolicyStatus status = service_->GetObjectPolicyStatus(kObject);
     EXPECT_EQ(policy, status.policy);
     return status.compliance;
   }
-
   zel::test::ScopedTestHost host_;
   zel::test::ClusterFactsDouble double_{std::make_unique<zel::test::FixedCluster>(kHost)};
   zel::test::FixedCluster& cluster_ = static_cast<zel::test::FixedCluster&>(double_.Target());
@@ -163,18 +144,15 @@ class PolicyCompliance : public ::testing::Test {
 };
 
 TEST_F(PolicyCompliance, FailuresToTolerateNeedTwoPerFailurePlusOneMembers) {
-  struct Case {
-    int failures, members;
-    Compliance expected;
-  };
-  for (const Case& c : {Case{0, 1, Compliance::Compliant}, Case{1, 2, Compliance::NonCompliant},
-                        Case{1, 3, Compliance::Compliant}, Case{2, 4, Compliance::NonCompliant},
-                        Case{2, 5, Compliance::Compliant}, Case{3, 6, Compliance::NonCompliant},
-                        Case{3, 7, Compliance::Compliant}}) {
-    cluster_.SetMembers(c.members);
-    EXPECT_EQ(c.expected,
-              Judged("\"failuresToTolerate\" \"" + std::to_string(c.failures) + "\""))
-        << c.failures << " failures, " << c.members << " members";
+  // 2f+1 members comply, 2f do not.
+  for (int failures = 0; failures <= 3; ++failures) {
+    for (int members : {2 * failures, 2 * failures + 1}) {
+      if (members == 0) continue;
+      cluster_.SetMembers(members);
+      EXPECT_EQ(members == 2 * failures + 1 ? Compliance::Compliant : Compliance::NonCompliant,
+                Judged("\"failuresToTolerate\" \"" + std::to_string(failures) + "\""))
+          << failures << " failures, " << members << " members";
+    }
   }
 }
 
@@ -185,6 +163,11 @@ TEST_F(PolicyCompliance, LocalityNeedsAStretchedCluster) {
   EXPECT_EQ(Compliance::Compliant, Judged("\"locality\" \"Preferred\""));
   EXPECT_EQ(Compliance::NonCompliant,
             Judged("\"locality\" \"Preferred\" \"failuresToTolerate\" \"2\""));
+  cluster_.SetMembers(5, 5);  // a stored policy that does not parse is not complied with
+  EXPECT_EQ(Compliance::NonCompliant, Judged("mirrored"));
+  EXPECT_TRUE(host_.Log().Contains("PolicyService: Storage object " + kObject +
+                                   " has an unreadable policy: expected a double-quoted rule "
+                                   "name at offset 0"));
 }
 
 TEST_F(PolicyCompliance, UnknownMembershipLeavesOnlyRulesThatNeedItUnknown) {
@@ -195,16 +178,6 @@ TEST_F(PolicyCompliance, UnknownMembershipLeavesOnlyRulesThatNeedItUnknown) {
   EXPECT_TRUE(host_.Log().Contains("PolicyService: Cannot judge the compliance of storage object " +
                                    kObject + ", the membership is unknown: Timeout"));
 }
-
-TEST_F(PolicyCompliance, StoredPolicyThatDoesNotParseIsNotCompliedWith) {
-  cluster_.SetMembers(5, 5);
-  EXPECT_EQ(Compliance::NonCompliant, Judged("mirrored"));
-  EXPECT_TRUE(host_.Log().Contains("PolicyService: Storage object " + kObject +
-                                   " has an unreadable policy: expected a double-quoted rule "
-                                   "name at offset 0"));
-}
-
-// ---- Policy updates of the service's namespaces ------------------------
 
 class PolicyUpdate : public ::testing::Test {
  protected:
@@ -221,37 +194,25 @@ class PolicyUpdate : public ::testing::Test {
     host_.Install<zel::test::DirectoryDouble>(std::move(directory));
     host_.Install<zel::test::NamespacesDouble>(zel::platform::NewLocalNamespaces(config));
   }
-
-  void PolicyOf(const std::string& uuid, std::string* policy, bool* compliant) {
+  std::string PolicyOf(const std::string& uuid) {
     OrvaComplianceHandle handle{&CurrentHost().Policies()};
-    Util::GetPolicyComplianceStatusForObject(&handle, uuid, *policy, *compliant);
+    std::string policy;
+    bool compliant = false;
+    Util::GetPolicyComplianceStatusForObject(&handle, uuid, policy, compliant);
+    return policy + (compliant ? " compliant" : " not compliant");
   }
-
   zel::test::ScopedTestHost host_;
 };
 
 TEST_F(PolicyUpdate, NewNamespacePolicyReachesItsObjectAndCompliance) {
   Util::CreateNamespaceDir("\"failuresToTolerate\" \"1\"");
   const std::string uuid = Util::GetNamespaceUuid();
-  std::string policy;
-  bool compliant = false;
-  PolicyOf(uuid, &policy, &compliant);
-  EXPECT_TRUE(compliant);
-
+  EXPECT_EQ("\"failuresToTolerate\" \"1\" compliant", PolicyOf(uuid));
   Util::UpdateNamespacePolicy("\"failuresToTolerate\" \"2\"");
-  PolicyOf(uuid, &policy, &compliant);
-  EXPECT_EQ("\"failuresToTolerate\" \"2\"", policy);
-  EXPECT_FALSE(compliant);
-}
-
-TEST_F(PolicyUpdate, TargetNamespacePolicyReachesItsObject) {
+  EXPECT_EQ("\"failuresToTolerate\" \"2\" not compliant", PolicyOf(uuid));
   CurrentHost().GetNamespaces().CreateNamespace(host_.Config().datastoreRoot, kObject, "", 0);
   Util::UpdateTargetNamespacePolicy(kObject, "\"stripeWidth\" \"3\"");
-  std::string policy;
-  bool compliant = false;
-  PolicyOf(kObject, &policy, &compliant);
-  EXPECT_EQ("\"stripeWidth\" \"3\"", policy);
-  EXPECT_TRUE(compliant);
+  EXPECT_EQ("\"stripeWidth\" \"3\" compliant", PolicyOf(kObject));
 }
 
 TEST_F(PolicyUpdate, FailureNamesTheNamespaceAndIsLogged) {
@@ -263,6 +224,4 @@ TEST_F(PolicyUpdate, FailureNamesTheNamespaceAndIsLogged) {
 }
 
 }  // namespace
-}  // namespace IscsiTarget
-}  // namespace Orva
-}  // namespace NokCtl
+}  // namespace NokCtl::Orva::IscsiTarget

@@ -1,8 +1,6 @@
-// The service's state on a host outside zel.conf, and what follows a save
-// of zel.conf: the enabled flag in the configuration store or the legacy
-// file (chosen by the feature switch), the defaults mirrored into the store
-// (never rewritten unchanged), the kernel options re-read on every call,
-// the generation announced in a real directory, and the backup copy.
+// The service's state outside zel.conf (the enabled flag in the store or the
+// legacy file, the defaults mirrored into the store, the kernel options) and
+// what follows a save of zel.conf: publication and backup.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,25 +16,20 @@
 #include "platform/local/JsonConfigStore.h"
 #include "platform/local/LocalKernelOptions.h"
 #include "platform/local/LocalLegacyConfig.h"
-#include "cache/ConfigSave.h"
 #include "service/ConfigBackup.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
 #include "support/Messages.h"
 #include "support/ServiceHome.h"
 #include "support/TestHost.h"
-#include "zel/OrvaCtlException.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
-
-
 namespace Util = NokCtl::Orva::IscsiTarget::Util;
-using HostCtl::Lib::Orva::OrvaCtlException;
 using HostCtl::Orva::IscsiTarget::DefaultInfo;
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 using platform::LogLevel;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -48,15 +41,8 @@ constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
 // has cached.
 DefaultInfo FreshDefaults() {
   static int serial = 0;
-  DefaultInfo info;
-  info.networkInterface = "nok" + std::to_string(++serial);
-  info.port = 3260;
-  info.authType = "CHAP-Mutual";
-  info.userid = "user";
-  info.secret = "Secret#00001";
-  info.mutualUserid = "mutual";
-  info.mutualSecret = "Secret#00002";
-  return info;
+  return DefaultInfo{"nok" + std::to_string(++serial), 3260, "CHAP-Mutual", "user",
+                     "Secret#00001", "mutual", "Secret#00002"};
 }
 
 class ServiceStateTest : public ::testing::Test {
@@ -65,12 +51,10 @@ class ServiceStateTest : public ::testing::Test {
     host_.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(host_.Config()));
     host_.Install<LegacyConfigDouble>(platform::NewLocalLegacyConfigFile(host_.Config()));
   }
-
   int DefaultWrites() const { return store_.Count("SetOrvaIscsiDefaultConfig"); }
   void WriteOptions(const std::string& json) { WriteFile(host_.Home() + "/options.json", json); }
   std::string StorePath() const { return host_.Config().configStorePath; }
   std::string LegacyPath() const { return host_.Home() + "/legacy-config.json"; }
-
   ScopedTestHost host_;
   ConfigStoreDouble& store_ = host_.Install<ConfigStoreDouble>(
       std::make_unique<platform::JsonConfigStore>(host_.Config().configStorePath));
@@ -91,47 +75,11 @@ TEST_F(ServiceStateTest, StatusReadsDisabledWhenNeverStoredAndRoundTripsThroughT
   EXPECT_FALSE(std::filesystem::exists(LegacyPath()));
 }
 
-TEST_F(ServiceStateTest, UnreadableConfigStoreFailsWithItsMessage) {
-  WriteFile(StorePath(), "{");
-  const std::string stored = MessageOf([] { Util::SetStatus(true); });
-  ASSERT_THAT(stored, StartsWith("Configuration store " + StorePath()));
-  bool enabled = false;
-  const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
-  EXPECT_EQ(loaded, stored);
-  EXPECT_THAT(
-      host_.Log().Texts(LogLevel::Error),
-      ElementsAre(
-          "Util: ZEL failed to persist info for ZEL status to config store with exception " + stored,
-          "Util: ZEL failed to get info for ZEL status from config store with exception " + loaded));
-}
-
-TEST_F(ServiceStateTest, LoadConfigFailsWhenTheStoredDefaultsCannotBeRead) {
-  Util::SetStatus(true);
-  store_.FailNext("GetOrvaIscsiDefaultConfig", "defaults unreadable");
-  bool enabled = false;
-  EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
-  EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
-              ElementsAre("Util: ZEL failed to get default config from config store with "
-                          "exception defaults unreadable"));
-}
-
-TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCache) {
-  const DefaultInfo stored = FreshDefaults();
-  platform::JsonConfigStore(StorePath()).SetOrvaIscsiDefaultConfig(stored);
-  bool enabled = false;
-  Util::LoadConfig(enabled);
-  EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
-  // What was just read is not written back.
-  Util::UpdateDefaultConfigToConfigStore(stored);
-  EXPECT_EQ(DefaultWrites(), 0);
-}
-
 TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
   WriteOptions(R"({"ORVA": {"configStore": 0}})");
   bool enabled = true;
   Util::LoadConfig(enabled);
   EXPECT_FALSE(enabled);
-
   Util::SetStatus(true);
   Util::LoadConfig(enabled);
   EXPECT_TRUE(enabled);
@@ -143,17 +91,44 @@ TEST_F(ServiceStateTest, StatusGoesToTheLegacyFileWhenTheStoreFeatureIsOff) {
                           "Util: Retrieved zel status 'enabled' successfully"));
 }
 
-TEST_F(ServiceStateTest, UnreadableLegacyFileFailsWithItsMessage) {
-  WriteOptions(R"({"ORVA": {"configStore": 0}})");
-  WriteFile(LegacyPath(), "[");
-  const std::string stored = MessageOf([] { Util::SetStatus(false); });
-  ASSERT_THAT(stored, StartsWith("Legacy configuration " + LegacyPath()));
+TEST_F(ServiceStateTest, UnreadableStoreOrLegacyFileFailsWithItsMessage) {
+  struct Case {
+    bool legacy;
+    std::string path, prefix, persist, load;
+  };
+  for (const Case& c :
+       {Case{false, StorePath(), "Configuration store ",
+             "Util: ZEL failed to persist info for ZEL status to config store with exception ",
+             "Util: ZEL failed to get info for ZEL status from config store with exception "},
+        Case{true, LegacyPath(), "Legacy configuration ",
+             "Util: ZEL failed to persist info for ZEL  status with exception ",
+             "Util: ZEL failed to load info for ZEL  status with exception "}}) {
+    SCOPED_TRACE(c.legacy);
+    host_.Log().Clear();
+    if (c.legacy) WriteOptions(R"({"ORVA": {"configStore": 0}})");
+    WriteFile(c.path, c.legacy ? "[" : "{");
+    const std::string stored = MessageOf([] { Util::SetStatus(true); });
+    ASSERT_THAT(stored, StartsWith(c.prefix + c.path));
+    bool enabled = false;
+    const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
+    EXPECT_EQ(loaded, stored);
+    EXPECT_THAT(host_.Log().Texts(LogLevel::Error), ElementsAre(c.persist + stored, c.load + loaded));
+  }
+}
+
+TEST_F(ServiceStateTest, LoadConfigTakesTheStoredDefaultsIntoTheCacheOrFailsWithTheStore) {
+  const DefaultInfo stored = FreshDefaults();
+  platform::JsonConfigStore(StorePath()).SetOrvaIscsiDefaultConfig(stored);
   bool enabled = false;
-  const std::string loaded = MessageOf([&] { Util::LoadConfig(enabled); });
-  EXPECT_EQ(loaded, stored);
+  Util::LoadConfig(enabled);
+  EXPECT_EQ(Util::GetDefaultConfigCache().networkInterface, stored.networkInterface);
+  Util::UpdateDefaultConfigToConfigStore(stored);  // what was just read is not written back
+  EXPECT_EQ(DefaultWrites(), 0);
+  store_.FailNext("GetOrvaIscsiDefaultConfig", "defaults unreadable");
+  EXPECT_EQ(MessageOf([&] { Util::LoadConfig(enabled); }), "defaults unreadable");
   EXPECT_THAT(host_.Log().Texts(LogLevel::Error),
-              ElementsAre("Util: ZEL failed to persist info for ZEL  status with exception " + stored,
-                          "Util: ZEL failed to load info for ZEL  status with exception " + loaded));
+              ElementsAre("Util: ZEL failed to get default config from config store with "
+                          "exception defaults unreadable"));
 }
 
 TEST_F(ServiceStateTest, StoreFeatureFollowsTheOptionsFileWithoutRestart) {
@@ -176,7 +151,6 @@ TEST_F(ServiceStateTest, MissingOptionReadsZeroSilentlyAndAnUnreadableOneWithAWa
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
   EXPECT_TRUE(host_.Log().Contains(
       "Util: Failed to get component: ORVA-iSCSI, field: zelLunNaaEnable: Bad parameter"));
-
   WriteOptions("{\"ORVA-iSCSI\": ");
   EXPECT_EQ(Util::ZelGetNsiIntOpt("ORVA-iSCSI", "zelLunNaaEnable"), 0);
   EXPECT_TRUE(host_.Log().Contains(
@@ -200,33 +174,10 @@ TEST_F(ServiceStateTest, FeatureSwitchIsLoggedByName) {
                           "Util: Retrieve Zel Feature (zelFeatureY): Disabled."));
 }
 
-TEST_F(ServiceStateTest, DefaultsAreWrittenOnlyWhenAFieldChanged) {
+// A failed write is tried again next time; an unchanged record is not
+// written again, a change of any one field is.
+TEST_F(ServiceStateTest, DefaultsAreWrittenOnlyWhenAFieldChangedOrTheLastWriteFailed) {
   DefaultInfo defaults = FreshDefaults();
-  Util::UpdateDefaultConfigToConfigStore(defaults);
-  Util::UpdateDefaultConfigToConfigStore(defaults);
-  EXPECT_EQ(DefaultWrites(), 1);
-  DefaultInfo stored;
-  ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
-  EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
-  const std::vector<std::function<void(DefaultInfo&)>> changes = {
-      [](DefaultInfo& d) { d.networkInterface += "x"; },
-      [](DefaultInfo& d) { d.port = 3261; },
-      [](DefaultInfo& d) { d.authType = "CHAP"; },
-      [](DefaultInfo& d) { d.userid += "x"; },
-      [](DefaultInfo& d) { d.secret += "x"; },
-      [](DefaultInfo& d) { d.mutualUserid += "x"; },
-      [](DefaultInfo& d) { d.mutualSecret += "x"; },
-  };
-  int writes = 1;
-  for (const auto& change : changes) {
-    change(defaults);
-    Util::UpdateDefaultConfigToConfigStore(defaults);
-    EXPECT_EQ(DefaultWrites(), ++writes);
-  }
-}
-
-TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
-  const DefaultInfo defaults = FreshDefaults();
   store_.FailNext("SetOrvaIscsiDefaultConfig", "store is read-only");
   EXPECT_EQ(MessageOf([&] { Util::UpdateDefaultConfigToConfigStore(defaults); }),
             "store is read-only");
@@ -234,7 +185,22 @@ TEST_F(ServiceStateTest, FailedDefaultsWriteIsTriedAgainNextTime) {
               ElementsAre("Util: ZEL failed to persist default config to config store with "
                           "exception store is read-only"));
   Util::UpdateDefaultConfigToConfigStore(defaults);
+  Util::UpdateDefaultConfigToConfigStore(defaults);
   EXPECT_EQ(DefaultWrites(), 2);
+  DefaultInfo stored;
+  ASSERT_TRUE(platform::JsonConfigStore(StorePath()).GetOrvaIscsiDefaultConfig(&stored));
+  EXPECT_EQ(stored.networkInterface, defaults.networkInterface);
+  int writes = 2;
+  for (const auto& change : std::vector<std::function<void(DefaultInfo&)>>{
+           [](DefaultInfo& d) { d.networkInterface += "x"; },
+           [](DefaultInfo& d) { d.port = 3261; }, [](DefaultInfo& d) { d.authType = "CHAP"; },
+           [](DefaultInfo& d) { d.userid += "x"; }, [](DefaultInfo& d) { d.secret += "x"; },
+           [](DefaultInfo& d) { d.mutualUserid += "x"; },
+           [](DefaultInfo& d) { d.mutualSecret += "x"; }}) {
+    change(defaults);
+    Util::UpdateDefaultConfigToConfigStore(defaults);
+    EXPECT_EQ(DefaultWrites(), ++writes);
+  }
 }
 
 TEST_F(ServiceStateTest, DefaultsStayOutOfTheStoreWhenTheFeatureIsOff) {
@@ -248,7 +214,6 @@ class ConfigChangeTest : public ::testing::Test {
  protected:
   ConfigChangeTest() { Util::ForgetBackupConfGenNumber(); }
   ~ConfigChangeTest() override { Util::ForgetBackupConfGenNumber(); }
-
   uint64_t Published() const {
     uint64_t generation = 0;
     EXPECT_EQ(ZeldGetConfigGenNumInBrix(&generation), NOK_OK);
@@ -260,7 +225,6 @@ class ConfigChangeTest : public ::testing::Test {
     text.replace(0, text.find('\n'), "generation " + std::to_string(generation));
     home_.WriteConf(text);
   }
-
   ServiceHome home_;
   TestServices host_ = home_.InstallTestHost();
 };
@@ -283,49 +247,41 @@ TEST_F(ConfigChangeTest, PublicationOfAllOnesIsNoneOfAnOlderGenerationWarnsElseT
             "Failed to Update ZEL conf entry into BRIX with error: Failure");
 }
 
-
 TEST_F(ConfigChangeTest, RefreshIsNeededOnlyForALaterCachedGeneration) {
   uint64_t known = 3;
   EXPECT_FALSE(Util::IsRefreshConfNeeded(known));  // nothing cached
   EXPECT_EQ(known, 3u);
-
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_TRUE(Util::IsRefreshConfNeeded(known));
   EXPECT_EQ(known, 7u);
   EXPECT_FALSE(Util::IsRefreshConfNeeded(known));
-
   SaveGeneration(8);
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_TRUE(Util::IsRefreshConfNeeded(known));
   EXPECT_EQ(known, 8u);
 }
 
-TEST_F(ConfigChangeTest, BackupIsNeededBeforeTheFirstOneWhateverTheGeneration) {
+// A backup is needed before the first one whatever the generation, then for
+// each later generation the cache has seen; a generation already backed up
+// is skipped with a warning.
+TEST_F(ConfigChangeTest, BackupIsNeededBeforeTheFirstOneAndForEachLaterCachedGeneration) {
   EXPECT_TRUE(Util::IsBackupConfNeeded());
   ConfigCache::UpdateZelConfigCache(0);
   EXPECT_TRUE(Util::IsBackupConfNeeded());
-
   ASSERT_TRUE(Util::CopyZelConfWithLock());
   EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 7\n"));
   EXPECT_FALSE(Util::IsBackupConfNeeded());
-
-  SaveGeneration(8);
-  EXPECT_FALSE(Util::IsBackupConfNeeded());  // the cache has not seen it yet
-  ConfigCache::UpdateZelConfigCache(0);
-  EXPECT_TRUE(Util::IsBackupConfNeeded());
-}
-
-TEST_F(ConfigChangeTest, CopySkipsAGenerationAlreadyBackedUp) {
-  ASSERT_TRUE(Util::CopyZelConfWithLock());
   WriteFile(BackupPath(), "kept");
   EXPECT_TRUE(Util::CopyZelConfWithLock());
   EXPECT_EQ(ReadFile(BackupPath()), "kept");
   EXPECT_THAT(host_.log->Texts(LogLevel::Warning),
               ElementsAre("Util: backup zel.conf gen: 7, global zel.conf gen: 7, skip backup"));
-
-  SaveGeneration(9);
+  SaveGeneration(8);
+  EXPECT_FALSE(Util::IsBackupConfNeeded());  // the cache has not seen it yet
+  ConfigCache::UpdateZelConfigCache(0);
+  EXPECT_TRUE(Util::IsBackupConfNeeded());
   EXPECT_TRUE(Util::CopyZelConfWithLock());
-  EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 9\n"));
+  EXPECT_THAT(ReadFile(BackupPath()), StartsWith("generation 8\n"));
 }
 
 TEST_F(ConfigChangeTest, BackupCopiesNothingOutsideTheManagementProcessOrFromNowhere) {
@@ -335,14 +291,12 @@ TEST_F(ConfigChangeTest, BackupCopiesNothingOutsideTheManagementProcessOrFromNow
   EXPECT_TRUE(Util::IsBackupConfNeeded());
   home_.RemoveNamespaceLink();
   EXPECT_FALSE(Util::CopyZelConfWithLock());
-  const std::vector<std::string> errors = host_.log->Texts(LogLevel::Error);
-  ASSERT_FALSE(errors.empty());
-  EXPECT_THAT(errors.back(),
-              StartsWith("Util: Failed to copy file from " + NokCtl::Orva::IscsiTarget::Util::GetConfFilePath() + " due to: "));
+  EXPECT_THAT(host_.log->Texts(LogLevel::Error),
+              Contains(StartsWith("Util: Failed to copy file from " + NokCtl::Orva::IscsiTarget::Util::GetConfFilePath() +
+                                  " due to: ")));
   EXPECT_FALSE(std::filesystem::exists(BackupPath()));
   EXPECT_TRUE(Util::IsBackupConfNeeded());
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

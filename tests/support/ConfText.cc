@@ -2,12 +2,12 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "storage/DatastoreLayout.h"
 #include "support/TestHost.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 void InstallConf(const std::string& text) {
   WriteFile(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath(), text, 0600);
@@ -16,19 +16,12 @@ void InstallConf(const std::string& text) {
 std::string WrittenText(NokCtl::Orva::IscsiTarget::ConfHandle& handle) {
   char* buffer = nullptr;
   size_t length = 0;
-  FILE* out = open_memstream(&buffer, &length);
-  try {
-    handle._WriteConfigToFile(out);
-  } catch (...) {
-    fclose(out);
-    free(buffer);
-    throw;
+  std::unique_ptr<char*, void (*)(char**)> freed(&buffer, [](char** b) { free(*b); });
+  {
+    std::unique_ptr<FILE, int (*)(FILE*)> out(open_memstream(&buffer, &length), fclose);
+    handle._WriteConfigToFile(out.get());
   }
-  fclose(out);
-  std::string text(buffer, length);
-  free(buffer);
-  return text;
+  return std::string(buffer, length);
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -5,14 +5,11 @@
 
 #include "conf/ConfHandle.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 // Writes `text` as this host's zel.conf (mode 0600, directories created).
 void InstallConf(const std::string& text);
-
 // What the writer prints for the handle's graph.
 std::string WrittenText(NokCtl::Orva::IscsiTarget::ConfHandle& handle);
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

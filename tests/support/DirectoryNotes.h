@@ -1,8 +1,8 @@
-// Records the callbacks of directory subscriptions, for tests that wait
-// for a notification. Declare it before the directory, so that it outlives
-// the subscriptions.
+// Records the callbacks of directory subscriptions, for tests that wait for
+// a notification. Declare it before the directory, which it must outlive.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -12,11 +12,9 @@
 
 #include "platform/Directory.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
-// How long a test waits for something that a working directory delivers
-// at once; only a broken one ever waits this long.
+// Only a broken directory ever makes a test wait this long.
 constexpr auto kDirectoryPatience = std::chrono::seconds(20);
 
 struct Note {
@@ -36,18 +34,12 @@ class Notifications {
 
   bool WaitFor(const std::function<bool(const Note&)>& match) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return arrived_.wait_for(lock, kDirectoryPatience, [&] {
-      for (const Note& note : notes_) {
-        if (match(note)) return true;
-      }
-      return false;
-    });
+    return arrived_.wait_for(
+        lock, kDirectoryPatience, [&] { return std::any_of(notes_.begin(), notes_.end(), match); });
   }
 
   bool WaitFor(NOK_ReturnStatus status, const std::string& payload) {
-    return WaitFor([&](const Note& note) {
-      return note.status == status && note.entry.payload == payload;
-    });
+    return WaitFor([&](const Note& n) { return n.status == status && n.entry.payload == payload; });
   }
 
   std::vector<Note> Notes() {
@@ -61,5 +53,4 @@ class Notifications {
   std::vector<Note> notes_;
 };
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

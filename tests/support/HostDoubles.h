@@ -1,28 +1,103 @@
-// One double per host service, after the pattern of an environment wrapper:
-// each forwards every call to a target (a local backend or an in-memory
-// fake), records it and answers scripted faults (CallScript). A test
-// overrides only the calls it cares about, by a subclass or a Before hook;
-// ScopedTestHost::Install puts a double into the test host. A faulted call
-// never reaches the target: a status call returns the fault's code, a
-// throwing call throws its message, an update completes with the code, a
-// faulted Subscribe returns handle 1 and a faulted ModuleIsLoaded false.
+// One double per host service: each forwards every call to a target (a local
+// backend or an in-memory fake below), records it as one line "Call arg ..."
+// (in its own list, and in a Journal shared by several doubles when a test
+// wants the order across services) and answers scripted faults instead of
+// the target: "the next 2 calls of Delete fail with NOK_IO_ERROR". A fault is
+// keyed by a call name ("ModuleLoad") or a whole line ("ModuleLoad zel"); a
+// whole line wins. A fault scripted with a message throws it as
+// OrvaCtlException; one scripted with a code is the call's result (a void
+// call just returns, an update completes with it, a call returning neither a
+// number nor a status throws the code's text). A test overrides other calls
+// by a Before hook. Attach (or ScopedTestHost::Install) puts a double into a
+// host. Thread-safe.
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "platform/Host.h"
-#include "support/CallScript.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
-template <typename S>
+struct Fault {
+  int code = 0;
+  std::string message;
+  [[noreturn]] void Throw() const;
+};
+
+class CallScript {
+ public:
+  static constexpr int kAlways = -1;
+  // The next `times` calls matching `key` (every one with kAlways) answer
+  // the fault without reaching the target; later calls go through.
+  void FailNext(const std::string& key, int code, int times = 1) { Script(key, {code, ""}, times); }
+  void FailNext(const std::string& key, const std::string& message, int times = 1) {
+    Script(key, {0, message}, times);
+  }
+  // Drops the faults still pending for `key`.
+  void Heal(const std::string& key);
+  // Every later call matching `key` answers `code`; 0 lets them through.
+  void AnswerAlways(const std::string& key, int code) {
+    Heal(key);
+    if (code != 0) FailNext(key, code, kAlways);
+  }
+  // Runs `hook` at every later call named `call`, before its fault or target.
+  void Before(const std::string& call, std::function<void()> hook);
+  // Every call so far, in order; how many were named `call`.
+  std::vector<std::string> Calls() const;
+  int Count(const std::string& call) const;
+  // Records every later call in `journal` too (its Calls() give the order
+  // across several doubles).
+  void JournalInto(CallScript* journal);
+
+ protected:
+  // Records the call and returns the fault that answers it, if any.
+  template <typename... Args>
+  std::optional<Fault> Enter(const std::string& call, const Args&... args) {
+    std::ostringstream line;
+    line << std::boolalpha << call;
+    ((line << ' ' << args), ...);
+    return Record(call, line.str());
+  }
+  template <typename R>
+  static R Answer(const Fault& fault) {
+    if constexpr (std::is_void_v<R>) {
+      if (fault.message.empty()) return;
+    } else if constexpr (std::is_arithmetic_v<R> || std::is_enum_v<R>) {
+      if (fault.message.empty()) return static_cast<R>(fault.code);
+    }
+    fault.Throw();
+  }
+
+ private:
+  std::optional<Fault> Record(const std::string& call, const std::string& line);
+  void Script(const std::string& key, const Fault& fault, int times);
+
+  mutable std::mutex mutex_;
+  std::vector<std::pair<std::string, std::string>> calls_;  // (name, line)
+  std::map<std::string, std::deque<Fault>> pending_;
+  std::map<std::string, Fault> always_;
+  std::map<std::string, std::function<void()>> hooks_;
+  CallScript* journal_ = nullptr;
+};
+
+using Journal = CallScript;
+
+// The base of the doubles: `Setter` puts the service into a Host.
+template <typename S, void (platform::Host::*Setter)(std::unique_ptr<S>)>
 class Forwarding : public S, public CallScript {
  public:
   using Service = S;
+  static constexpr auto kSetter = Setter;
   explicit Forwarding(std::unique_ptr<S> target) : target_(std::move(target)) {}
   S& Target() { return *target_; }
 
@@ -30,43 +105,110 @@ class Forwarding : public S, public CallScript {
   std::unique_ptr<S> target_;
 };
 
-#define ZEL_STATUS(call, ...) \
-  if (auto fault = Enter(#call, ##__VA_ARGS__)) return fault->code
-#define ZEL_THROW(call, ...) \
-  if (auto fault = Enter(#call, ##__VA_ARGS__)) fault->Throw()
+// Puts `double_` into `host` as its service and returns it.
+template <typename Double>
+Double& Attach(platform::Host& host, std::unique_ptr<Double> double_) {
+  Double& attached = *double_;
+  (host.*Double::kSetter)(std::move(double_));
+  return attached;
+}
 
-class DirectoryDouble : public Forwarding<platform::Directory> {
- public:
-  using Forwarding::Forwarding;
+// A forwarding method; the arguments after `Args` are the ones recorded.
+#define ZEL_FORWARD(Ret, Name, Params, Args, ...)                              \
+  Ret Name Params override {                                                  \
+    if (auto fault = Enter(#Name, ##__VA_ARGS__)) return Answer<Ret>(*fault); \
+    return target_->Name Args;                                                \
+  }
+#define ZEL_DOUBLE(Double, Service, Setter)                                       \
+  class Double : public Forwarding<platform::Service, &platform::Host::Setter> { \
+   public:                                                                        \
+    using Forwarding::Forwarding;
+using Str = const std::string&;
+
+ZEL_DOUBLE(DirectoryDouble, Directory, SetDirectory)
   using Entries = std::vector<platform::DirectoryEntry>;
-  NOK_ReturnStatus Query(uint32_t type, const std::string& key, Entries* entries) override {
-    if (auto fault = Enter("Query", type, key)) return entries->clear(), fault->code;
-    return target_->Query(type, key, entries);
-  }
-  NOK_ReturnStatus QueryByHost(uint32_t type, const std::string& host, Entries* entries) override {
-    if (auto fault = Enter("QueryByHost", type, host)) return entries->clear(), fault->code;
-    return target_->QueryByHost(type, host, entries);
-  }
+  ZEL_FORWARD(NOK_ReturnStatus, Query, (uint32_t type, Str key, Entries* out), (type, key, out),
+              type, key)
+  ZEL_FORWARD(NOK_ReturnStatus, QueryByHost, (uint32_t type, Str host, Entries* out),
+              (type, host, out), type, host)
+  ZEL_FORWARD(NOK_ReturnStatus, Delete, (uint32_t type, Str key, Str id), (type, key, id), type,
+              key, id)
+  ZEL_FORWARD(SubscriptionHandle, Subscribe, (uint32_t type, Str key, Callback callback),
+              (type, key, std::move(callback)), type, key)
+  ZEL_FORWARD(void, Unsubscribe, (SubscriptionHandle handle), (handle), handle)
   void AsyncUpdate(const platform::DirectoryEntry& entry, UpdatePredicate accept,
-                   Completion done) override {
-    if (auto fault = Enter("AsyncUpdate", entry.type, entry.key, entry.entryId)) {
-      if (done) done(fault->code, nullptr);
-      return;
-    }
-    target_->AsyncUpdate(entry, std::move(accept), std::move(done));
-  }
-  NOK_ReturnStatus Delete(uint32_t type, const std::string& key, const std::string& id) override {
-    ZEL_STATUS(Delete, type, key, id);
-    return target_->Delete(type, key, id);
-  }
-  SubscriptionHandle Subscribe(uint32_t type, const std::string& key, Callback callback) override {
-    if (Enter("Subscribe", type, key)) return 1;
-    return target_->Subscribe(type, key, std::move(callback));
-  }
-  void Unsubscribe(SubscriptionHandle handle) override {
-    if (!Enter("Unsubscribe", handle)) target_->Unsubscribe(handle);
-  }
+                   Completion done) override;
 };
+
+ZEL_DOUBLE(ClusterFactsDouble, ClusterFacts, SetCluster)
+  ZEL_FORWARD(std::string, LocalHostUuid, (), ())
+  ZEL_FORWARD(NOK_ReturnStatus, GetClusterInfo, (platform::ClusterInfo * info), (info))
+};
+
+ZEL_DOUBLE(ConfigStoreDouble, ConfigStore, SetStore)
+  using DefaultInfo = HostCtl::Orva::IscsiTarget::DefaultInfo;
+  ZEL_FORWARD(bool, GetOrvaIscsiServiceEnabled, (bool* enabled), (enabled))
+  ZEL_FORWARD(void, SetOrvaIscsiServiceEnabled, (bool enabled), (enabled), enabled)
+  ZEL_FORWARD(bool, GetOrvaIscsiDefaultConfig, (DefaultInfo * info), (info))
+  ZEL_FORWARD(void, SetOrvaIscsiDefaultConfig, (const DefaultInfo& info), (info),
+              info.networkInterface)
+};
+
+ZEL_DOUBLE(PolicyServiceDouble, PolicyService, SetPolicies)
+  ZEL_FORWARD(NOK_ReturnStatus, Init, (), ())
+  ZEL_FORWARD(void, Deinit, (), ())
+  ZEL_FORWARD(platform::PolicyStatus, GetObjectPolicyStatus, (Str uuid), (uuid), uuid)
+};
+
+ZEL_DOUBLE(DiskLibraryDouble, DiskLibrary, SetDisks)
+  ZEL_FORWARD(NOK_ReturnStatus, Init, (), ())
+  ZEL_FORWARD(void, Exit, (), ())
+};
+
+ZEL_DOUBLE(NamespacesDouble, Namespaces, SetNamespaces)
+  ZEL_FORWARD(std::string, CreateNamespace, (Str root, Str name, Str policy, uint64_t size),
+              (root, name, policy, size), name, policy)
+  ZEL_FORWARD(void, DeleteNamespace, (Str root, Str name), (root, name), name)
+  ZEL_FORWARD(void, UpdateNamespace, (Str root, Str name, Str policy), (root, name, policy), name,
+              policy)
+};
+
+ZEL_DOUBLE(NetworkInterfacesDouble, NetworkInterfaces, SetNics)
+  ZEL_FORWARD(std::vector<std::string>, GetNokKernelNicNames, (), ())
+  ZEL_FORWARD(platform::NokNicState, GetNokKernelNicState, (Str name), (name), name)
+  ZEL_FORWARD(void, GetPreferredZelNetworkAddressForNokNic,
+              (Str name, std::string * ipv4, std::string * ipv6), (name, ipv4, ipv6), name)
+};
+
+// A call is named by its program (argv[0]) and recorded as its command line.
+ZEL_DOUBLE(CommandRunnerDouble, CommandRunner, SetCommands)
+  int Exec(const std::vector<std::string>& argv) override;
+};
+
+ZEL_DOUBLE(KernelModulesDouble, KernelModules, SetModules)
+  ZEL_FORWARD(bool, ModuleIsLoaded, (Str name), (name), name)
+  ZEL_FORWARD(NOK_ReturnStatus, ModuleLoad, (Str name), (name), name)
+  ZEL_FORWARD(NOK_ReturnStatus, ModuleUnload, (Str name), (name), name)
+};
+
+ZEL_DOUBLE(FirewallDouble, Firewall, SetFirewall)
+  ZEL_FORWARD(NOK_ReturnStatus, FirewallRulesetSetStatus, (Str ruleset, bool enabled),
+              (ruleset, enabled), ruleset, enabled)
+};
+
+ZEL_DOUBLE(KernelOptionsDouble, KernelOptions, SetOptions)
+  ZEL_FORWARD(NOK_ReturnStatus, GetIntOption, (Str component, Str field, int* value),
+              (component, field, value), component, field)
+};
+
+ZEL_DOUBLE(LegacyConfigDouble, LegacyConfigFile, SetLegacyConfig)
+  ZEL_FORWARD(bool, HasValue, (Str key), (key), key)
+  ZEL_FORWARD(bool, GetBool, (Str key), (key), key)
+  ZEL_FORWARD(void, SetBool, (Str key, bool value), (key, value), key, value)
+};
+
+#undef ZEL_FORWARD
+#undef ZEL_DOUBLE
 
 // Every call fails with `status`, as a directory whose connection is gone.
 class UnreachableDirectory final : public DirectoryDouble {
@@ -78,170 +220,124 @@ class UnreachableDirectory final : public DirectoryDouble {
 NOK_ReturnStatus PublishAndWait(platform::Directory& directory,
                                 const platform::DirectoryEntry& entry);
 
-class ClusterFactsDouble : public Forwarding<platform::ClusterFacts> {
+// ---- In-memory targets --------------------------------------------------
+
+// Unscripted commands exit 0; Calls() and CommandLines() give each command
+// line run. SetExitCode: every later run of `command` (a whole line or a
+// program) exits with `code`.
+class ScriptedCommandRunner final : public CommandRunnerDouble {
  public:
-  using Forwarding::Forwarding;
-  std::string LocalHostUuid() override { return Enter("LocalHostUuid"), target_->LocalHostUuid(); }
-  NOK_ReturnStatus GetClusterInfo(platform::ClusterInfo* info) override {
-    ZEL_STATUS(GetClusterInfo);
-    return target_->GetClusterInfo(info);
+  ScriptedCommandRunner();
+  void SetExitCode(const std::string& command, int code) { AnswerAlways(command, code); }
+  std::vector<std::string> CommandLines() const { return Calls(); }
+};
+
+// Names switched on and off: loaded modules, enabled rulesets (false when
+// never set); they change only when a call succeeds.
+struct Switches final : platform::KernelModules, platform::Firewall {
+  bool Get(const std::string& name) {
+    std::lock_guard<std::mutex> guard(mutex);
+    return on[name];
+  }
+  NOK_ReturnStatus Set(const std::string& name, bool value) {
+    std::lock_guard<std::mutex> guard(mutex);
+    on[name] = value;
+    return NOK_OK;
+  }
+  bool ModuleIsLoaded(Str name) override { return Get(name); }
+  NOK_ReturnStatus ModuleLoad(Str name) override { return Set(name, true); }
+  NOK_ReturnStatus ModuleUnload(Str name) override { return Set(name, false); }
+  NOK_ReturnStatus FirewallRulesetSetStatus(Str name, bool enabled) override {
+    return Set(name, enabled);
+  }
+
+  std::mutex mutex;
+  std::map<std::string, bool> on;
+};
+
+class FakeKernelModules final : public KernelModulesDouble {
+ public:
+  FakeKernelModules() : KernelModulesDouble(std::make_unique<Switches>()) {}
+  void SetLoaded(Str name, bool loaded) { static_cast<Switches&>(Target()).Set(name, loaded); }
+  // Later loads (unloads) of `name` answer `status`.
+  void SetLoadResult(Str name, NOK_ReturnStatus status) { AnswerAlways("ModuleLoad " + name, status); }
+  void SetUnloadResult(Str name, NOK_ReturnStatus status) {
+    AnswerAlways("ModuleUnload " + name, status);
   }
 };
 
-class ConfigStoreDouble : public Forwarding<platform::ConfigStore> {
+class FakeFirewall final : public FirewallDouble {
  public:
-  using Forwarding::Forwarding;
-  using DefaultInfo = HostCtl::Orva::IscsiTarget::DefaultInfo;
-  bool GetOrvaIscsiServiceEnabled(bool* enabled) override {
-    ZEL_THROW(GetOrvaIscsiServiceEnabled);
-    return target_->GetOrvaIscsiServiceEnabled(enabled);
-  }
-  void SetOrvaIscsiServiceEnabled(bool enabled) override {
-    ZEL_THROW(SetOrvaIscsiServiceEnabled, enabled);
-    target_->SetOrvaIscsiServiceEnabled(enabled);
-  }
-  bool GetOrvaIscsiDefaultConfig(DefaultInfo* info) override {
-    ZEL_THROW(GetOrvaIscsiDefaultConfig);
-    return target_->GetOrvaIscsiDefaultConfig(info);
-  }
-  void SetOrvaIscsiDefaultConfig(const DefaultInfo& info) override {
-    ZEL_THROW(SetOrvaIscsiDefaultConfig, info.networkInterface);
-    target_->SetOrvaIscsiDefaultConfig(info);
-  }
+  FakeFirewall() : FirewallDouble(std::make_unique<Switches>()) {}
+  void SetResult(NOK_ReturnStatus status) { AnswerAlways("FirewallRulesetSetStatus", status); }
+  bool IsEnabled(Str ruleset) { return static_cast<Switches&>(Target()).Get(ruleset); }
 };
 
-class PolicyServiceDouble : public Forwarding<platform::PolicyService> {
- public:
-  using Forwarding::Forwarding;
-  NOK_ReturnStatus Init() override { ZEL_STATUS(Init); return target_->Init(); }
-  void Deinit() override { if (!Enter("Deinit")) target_->Deinit(); }
-  platform::PolicyStatus GetObjectPolicyStatus(const std::string& uuid) override {
-    ZEL_THROW(GetObjectPolicyStatus, uuid);
-    return target_->GetObjectPolicyStatus(uuid);
-  }
+struct FakeHostControl {
+  ScriptedCommandRunner* commands;
+  FakeKernelModules* modules;
+  FakeFirewall* firewall;
 };
 
-class DiskLibraryDouble : public Forwarding<platform::DiskLibrary> {
+// Installs the three on the selected host, which owns them.
+FakeHostControl InstallFakeHostControl();
+
+// The host's interfaces as a table in the order their names were first
+// added. An interface that is not there is listed nowhere, NOKNIC_NONE and
+// without addresses.
+class FakeNetworkInterfaces final : public NetworkInterfacesDouble {
  public:
-  using Forwarding::Forwarding;
-  NOK_ReturnStatus Init() override { ZEL_STATUS(Init); return target_->Init(); }
-  void Exit() override { if (!Enter("Exit")) target_->Exit(); }
+  FakeNetworkInterfaces();
+  // Adds `name` or replaces its state and addresses in its place.
+  void Set(Str name, platform::NokNicState state, Str ipv4 = "", Str ipv6 = "");
+  // REQUIRES: `name` was added.
+  void SetState(Str name, platform::NokNicState state);
+  void SetAddresses(Str name, Str ipv4, Str ipv6);
+  void Remove(Str name);
+  // While set, listing the names or addresses throws `message`, as the local
+  // backend does when the system refuses the list; "" lifts the fault.
+  void FailListing(Str message);
 };
 
-class NamespacesDouble : public Forwarding<platform::Namespaces> {
- public:
-  using Forwarding::Forwarding;
-  std::string CreateNamespace(const std::string& root, const std::string& name,
-                              const std::string& policy, uint64_t size) override {
-    ZEL_THROW(CreateNamespace, name, policy);
-    return target_->CreateNamespace(root, name, policy, size);
-  }
-  void DeleteNamespace(const std::string& root, const std::string& name) override {
-    ZEL_THROW(DeleteNamespace, name);
-    target_->DeleteNamespace(root, name);
-  }
-  void UpdateNamespace(const std::string& root, const std::string& name,
-                       const std::string& policy) override {
-    ZEL_THROW(UpdateNamespace, name, policy);
-    target_->UpdateNamespace(root, name, policy);
-  }
-};
+// Installs a FakeNetworkInterfaces on the selected host, which owns it.
+FakeNetworkInterfaces* InstallFakeNetworkInterfaces();
 
-class NetworkInterfacesDouble : public Forwarding<platform::NetworkInterfaces> {
- public:
-  using Forwarding::Forwarding;
-  std::vector<std::string> GetNokKernelNicNames() override {
-    ZEL_THROW(GetNokKernelNicNames);
-    return target_->GetNokKernelNicNames();
+// A cluster of which this host (`hostUuid`) is a member; GetClusterInfo
+// answers `info`.
+struct FixedCluster final : platform::ClusterFacts {
+  explicit FixedCluster(std::string uuid = "11111111-2222-4333-8444-555555555555")
+      : hostUuid(std::move(uuid)) {
+    info.isMember = true;
   }
-  platform::NokNicState GetNokKernelNicState(const std::string& name) override {
-    if (auto fault = Enter("GetNokKernelNicState", name)) {
-      return static_cast<platform::NokNicState>(fault->code);
+  // `count` members, the first `sited` of them in a named fault domain.
+  void SetMembers(int count, int sited = 0) {
+    info.members.clear();
+    for (int i = 0; i < count; ++i) {
+      info.members.push_back({"host-" + std::to_string(i), "h" + std::to_string(i),
+                              i < sited ? "Preferred" : ""});
     }
-    return target_->GetNokKernelNicState(name);
   }
-  void GetPreferredZelNetworkAddressForNokNic(const std::string& name, std::string* ipv4,
-                                              std::string* ipv6) override {
-    ZEL_THROW(GetPreferredZelNetworkAddressForNokNic, name);
-    target_->GetPreferredZelNetworkAddressForNokNic(name, ipv4, ipv6);
+  std::string LocalHostUuid() override { return hostUuid; }
+  NOK_ReturnStatus GetClusterInfo(platform::ClusterInfo* answer) override {
+    *answer = info;
+    return NOK_OK;
   }
+
+  std::string hostUuid;
+  platform::ClusterInfo info;
 };
 
-// A call is named by its program (argv[0]) and recorded as its command line.
-class CommandRunnerDouble : public Forwarding<platform::CommandRunner> {
- public:
-  using Forwarding::Forwarding;
-  int Exec(const std::vector<std::string>& argv) override;
+// Compliant objects with the policies by object UUID; an unknown object throws.
+struct FixedPolicies final : platform::PolicyService {
+  explicit FixedPolicies(std::map<std::string, std::string> byObject)
+      : policies(std::move(byObject)) {}
+  NOK_ReturnStatus Init() override { return NOK_OK; }
+  void Deinit() override {}
+  platform::PolicyStatus GetObjectPolicyStatus(Str uuid) override {
+    return {policies.at(uuid), platform::Compliance::Compliant};
+  }
+
+  std::map<std::string, std::string> policies;
 };
 
-class KernelModulesDouble : public Forwarding<platform::KernelModules> {
- public:
-  using Forwarding::Forwarding;
-  bool ModuleIsLoaded(const std::string& name) override {
-    return !Enter("ModuleIsLoaded", name) && target_->ModuleIsLoaded(name);
-  }
-  NOK_ReturnStatus ModuleLoad(const std::string& name) override {
-    ZEL_STATUS(ModuleLoad, name);
-    return target_->ModuleLoad(name);
-  }
-  NOK_ReturnStatus ModuleUnload(const std::string& name) override {
-    ZEL_STATUS(ModuleUnload, name);
-    return target_->ModuleUnload(name);
-  }
-};
-
-class FirewallDouble : public Forwarding<platform::Firewall> {
- public:
-  using Forwarding::Forwarding;
-  NOK_ReturnStatus FirewallRulesetSetStatus(const std::string& ruleset, bool enabled) override {
-    ZEL_STATUS(FirewallRulesetSetStatus, ruleset, enabled);
-    return target_->FirewallRulesetSetStatus(ruleset, enabled);
-  }
-};
-
-class KernelOptionsDouble : public Forwarding<platform::KernelOptions> {
- public:
-  using Forwarding::Forwarding;
-  NOK_ReturnStatus GetIntOption(const std::string& component, const std::string& field,
-                                int* value) override {
-    ZEL_STATUS(GetIntOption, component, field);
-    return target_->GetIntOption(component, field, value);
-  }
-};
-
-class LegacyConfigDouble : public Forwarding<platform::LegacyConfigFile> {
- public:
-  using Forwarding::Forwarding;
-  bool HasValue(const std::string& key) override {
-    ZEL_THROW(HasValue, key);
-    return target_->HasValue(key);
-  }
-  bool GetBool(const std::string& key) override {
-    ZEL_THROW(GetBool, key);
-    return target_->GetBool(key);
-  }
-  void SetBool(const std::string& key, bool value) override {
-    ZEL_THROW(SetBool, key, value);
-    target_->SetBool(key, value);
-  }
-};
-
-#undef ZEL_STATUS
-#undef ZEL_THROW
-
-// Puts a service into `host`, one overload per service.
-void Attach(platform::Host& host, std::unique_ptr<platform::Directory> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::ClusterFacts> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::ConfigStore> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::PolicyService> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::DiskLibrary> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::Namespaces> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::NetworkInterfaces> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::CommandRunner> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::KernelModules> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::Firewall> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::KernelOptions> service);
-void Attach(platform::Host& host, std::unique_ptr<platform::LegacyConfigFile> service);
-
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -8,8 +8,7 @@
 #include "zel/OrvaCtlException.h"
 #include "zel/OrvaPlugin.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 // The message `operation` throws as OrvaCtlException, or "" when it does
 // not throw.
@@ -30,5 +29,4 @@ inline std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget> NewService()
       plugin->GetOrvaIscsiTarget());
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

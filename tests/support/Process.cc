@@ -10,35 +10,47 @@
 #include <cerrno>
 #include <stdexcept>
 
-namespace zel {
-namespace test {
+namespace zel::test {
 namespace {
 
 void MakePipe(int fds[2]) {
   if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
 }
 
+pid_t Fork() {
+  const pid_t pid = ::fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  return pid;
+}
+
 // Parent-side pipe ends of the live ChildProcess objects. A child forked
-// later inherits them (no exec closes them), and would keep an earlier
+// later inherits them (no exec closes them) and would keep an earlier
 // child's release pipe open: it closes them first thing.
-std::vector<int>& ParentPipeEnds() {
-  static std::vector<int> fds;
-  return fds;
-}
+std::vector<int> gParentPipeEnds;
 
-void Forget(int fd) {
-  auto& fds = ParentPipeEnds();
-  fds.erase(std::remove(fds.begin(), fds.end(), fd), fds.end());
+void Close(int* fd) {
+  if (*fd < 0) return;
+  gParentPipeEnds.erase(std::remove(gParentPipeEnds.begin(), gParentPipeEnds.end(), *fd),
+                        gParentPipeEnds.end());
+  ::close(*fd);
+  *fd = -1;
 }
-
-int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 int WaitFor(pid_t pid) {
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return -1;
   }
-  return ExitCodeOf(status);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Reads one byte, retrying interrupted reads; false at the end of the pipe.
+bool ReadByte(int fd) {
+  char byte;
+  ssize_t n;
+  while ((n = ::read(fd, &byte, 1)) < 0 && errno == EINTR) {
+  }
+  return n == 1;
 }
 
 }  // namespace
@@ -48,8 +60,7 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const std::string
   MakePipe(in);
   MakePipe(out);
   MakePipe(err);
-  const pid_t pid = ::fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
+  const pid_t pid = Fork();
   if (pid == 0) {
     ::dup2(in[0], 0);
     ::dup2(out[1], 1);
@@ -70,12 +81,10 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const std::string
     throw std::runtime_error("write to child failed");
   }
   ::close(in[1]);
-
   ProcessResult result;
   struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
-  int open = 2;
-  while (open > 0) {
+  for (int open = 2; open > 0;) {
     if (::poll(fds, 2, -1) < 0 && errno != EINTR) break;
     for (int i = 0; i < 2; ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
@@ -95,32 +104,25 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const std::string
 }
 
 void ChildControl::Ready() {
-  const char byte = 'r';
-  if (::write(readyFd_, &byte, 1) != 1) ::_exit(120);
+  if (::write(readyFd_, "r", 1) != 1) ::_exit(120);
 }
 
-void ChildControl::AwaitRelease() {
-  char byte;
-  while (::read(releaseFd_, &byte, 1) < 0 && errno == EINTR) {
-  }
-}
+void ChildControl::AwaitRelease() { ReadByte(releaseFd_); }
 
 ChildProcess::ChildProcess(const std::function<int(ChildControl&)>& body) {
   int ready[2], release[2];
   MakePipe(ready);
   MakePipe(release);
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
+  pid_ = Fork();
   if (pid_ == 0) {
-    for (int fd : ParentPipeEnds()) ::close(fd);
+    for (int fd : gParentPipeEnds) ::close(fd);
     ::close(ready[0]);
     ::close(release[1]);
     ChildControl control(ready[1], release[0]);
-    int code = 0;
+    int code = 121;
     try {
       code = body(control);
     } catch (...) {
-      code = 121;
     }
     ::_exit(code);
   }
@@ -128,38 +130,20 @@ ChildProcess::ChildProcess(const std::function<int(ChildControl&)>& body) {
   ::close(release[0]);
   readyFd_ = ready[0];
   releaseFd_ = release[1];
-  ParentPipeEnds().push_back(readyFd_);
-  ParentPipeEnds().push_back(releaseFd_);
+  gParentPipeEnds.insert(gParentPipeEnds.end(), {readyFd_, releaseFd_});
 }
 
-ChildProcess::~ChildProcess() { Join(); }
+bool ChildProcess::AwaitReady() { return ReadByte(readyFd_); }
 
-bool ChildProcess::AwaitReady() {
-  char byte;
-  ssize_t n;
-  while ((n = ::read(readyFd_, &byte, 1)) < 0 && errno == EINTR) {
-  }
-  return n == 1;
-}
-
-void ChildProcess::Release() {
-  if (releaseFd_ >= 0) {
-    Forget(releaseFd_);
-    ::close(releaseFd_);
-    releaseFd_ = -1;
-  }
-}
+void ChildProcess::Release() { Close(&releaseFd_); }
 
 int ChildProcess::Join() {
   if (pid_ <= 0) return -1;
   Release();
   const int code = WaitFor(pid_);
   pid_ = -1;
-  Forget(readyFd_);
-  ::close(readyFd_);
-  readyFd_ = -1;
+  Close(&readyFd_);
   return code;
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 struct ProcessResult {
   int exitCode = -1;
@@ -30,16 +29,15 @@ class ChildControl {
   void AwaitRelease();
 
  private:
-  int readyFd_;
-  int releaseFd_;
+  int readyFd_, releaseFd_;
 };
 
-// A forked child running `body`; its return value is the child's exit code.
-// The child never returns into the test framework.
+// A forked child running `body`, whose return value is the child's exit
+// code; the child never returns into the test framework.
 class ChildProcess {
  public:
   explicit ChildProcess(const std::function<int(ChildControl&)>& body);
-  ~ChildProcess();
+  ~ChildProcess() { Join(); }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -51,9 +49,7 @@ class ChildProcess {
 
  private:
   pid_t pid_ = -1;
-  int readyFd_ = -1;
-  int releaseFd_ = -1;
+  int readyFd_ = -1, releaseFd_ = -1;
 };
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

@@ -1,7 +1,5 @@
 #include "support/ServiceHome.h"
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <stdexcept>
 
@@ -19,8 +17,7 @@
 #include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 using NokCtl::Orva::IscsiTarget::ConfigCache;
 
@@ -81,8 +78,7 @@ std::unique_ptr<platform::Directory> OpenDirectory(const platform::HostConfig& c
   return directory;
 }
 
-}  // namespace
-
+// Puts the configuration cache back into its empty state, as at start.
 void ResetConfigCache() {
   ConfigCache::UnsubscribeBrix();
   ConfigCache::CleanupCachedConfig();
@@ -92,21 +88,27 @@ void ResetConfigCache() {
   ZeldClearConfigEntryNeedsRepublish();
 }
 
+}  // namespace
+
 ServiceHome::ServiceHome() {
   const platform::HostConfig config = platform::LoadHostConfig(Path());
   hostUuid_ = config.hostUuid;
   SetServiceEnabled(true);
 
-  // The configuration namespace as the service lays it out: etc/ for
-  // zel.conf, and targets/ for the links to the targets' namespaces.
   std::filesystem::create_directories(NamespaceDir() + "/etc");
   std::filesystem::create_directories(NamespaceDir() + "/targets");
-  // Relative, as the platform makes it: the home may be reached by any path.
+  // Relative, as the platform makes it.
   std::filesystem::create_directory_symlink(kNamespaceUuid,
                                             config.datastoreRoot + "/.iSCSI-CONFIG");
   WriteConf(kStandardConf);
 
-  AnnounceMember(kPeerHostUuid, kPeerHostName);
+  platform::HostConfig peer = config;
+  peer.hostUuid = kPeerHostUuid;
+  peer.hostName = kPeerHostName;
+  peer.clusterMember = true;
+  if (platform::LocalClusterFacts(peer, *OpenDirectory(peer)).Announce() != NOK_OK) {
+    throw std::runtime_error("cannot announce the peer");
+  }
   AnnounceObject(kNamespaceUuid, hostUuid_, "namespace-policy");
   AnnounceObject(kFinanceUuid, hostUuid_, "finance-policy");
   AnnounceObject(kLedgerUuid, hostUuid_, "ledger-policy");
@@ -164,17 +166,6 @@ void ServiceHome::AnnounceObject(const std::string& uuid, const std::string& own
   }
 }
 
-void ServiceHome::AnnounceMember(const std::string& hostUuid, const std::string& hostName) {
-  platform::HostConfig member = platform::LoadHostConfig(Path());
-  member.hostUuid = hostUuid;
-  member.hostName = hostName;
-  member.clusterMember = true;
-  std::unique_ptr<platform::Directory> directory = OpenDirectory(member);
-  if (platform::LocalClusterFacts(member, *directory).Announce() != NOK_OK) {
-    throw std::runtime_error("cannot announce member " + hostUuid);
-  }
-}
-
 TestServices ServiceHome::InstallTestHost() {
   ResetConfigCache();
   localHost_.reset();
@@ -183,17 +174,16 @@ TestServices ServiceHome::InstallTestHost() {
   ScopedTestHost& host = *testHost_;
   const platform::HostConfig& config = host.Config();
   TestServices services = host.Services();
-  services.directory = &host.Install<DirectoryDouble>(OpenDirectory(config));
-  platform::Directory& directory = *services.directory;
+  platform::Directory& directory = host.Install<DirectoryDouble>(OpenDirectory(config));
   auto cluster = std::make_unique<platform::LocalClusterFacts>(config, directory);
   if (cluster->Announce() != NOK_OK) throw std::runtime_error("cannot announce this host");
-  services.cluster = &host.Install<ClusterFactsDouble>(std::move(cluster));
+  host.Install<ClusterFactsDouble>(std::move(cluster));
   services.store = &host.Install<ConfigStoreDouble>(
       std::make_unique<platform::JsonConfigStore>(config.configStorePath));
-  services.policies = &host.Install<PolicyServiceDouble>(
+  host.Install<PolicyServiceDouble>(
       std::make_unique<platform::LocalPolicyService>(directory, config.hostUuid));
   host.Install<DiskLibraryDouble>(std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot));
-  services.namespaces = &host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
+  host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
   host.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(config));
   return services;
 }
@@ -206,5 +196,4 @@ void ServiceHome::InstallLocalServiceHost(platform::LogLevel maxLevel) {
       platform::NewLocalServiceHost(platform::LoadHostConfig(Path()), maxLevel));
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

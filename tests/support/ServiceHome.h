@@ -1,20 +1,13 @@
-// A prepared home of one host of the service, for the tests of the read
-// path: host.json with the host's identity, the configuration store with the
-// service enabled, the datastore whose ".iSCSI-CONFIG" link names the
-// configuration namespace holding etc/zel.conf and an empty targets/, and the
-// directory entries of the storage objects (targets' namespaces and LUN
-// disks), so that owner and policy lookups answer. The targets' namespaces
-// and disks themselves exist only as those entries, not on the datastore. Everything is real: a forked child, zelctl or the
-// plug-in client can open the same home and sees what this process sees.
-//
-// The standard preparation (kStandardConf):
-//   target "finance" (kFinanceUuid): owned by this host, initiator group
-//     "finance-hosts" and one initiator by name, CHAP user "finance",
-//     LUN 0 "ledger" (kLedgerUuid) and LUN 1 offline (kArchiveUuid);
-//   target "lab" (kLabUuid): owned by the second member kPeerHostUuid
-//     ("peer-host"), CHAP-Mutual, no LUN;
-//   defaults: CHAP user "defuser" with kDefaultSecret on "nok0:3260", and the
-//     store holding its own copy with kStoreSecret.
+// A prepared home of one service host, all real so that a forked child,
+// zelctl or the plug-in client sees what this process sees: host.json, the
+// store with the service enabled, the datastore's ".iSCSI-CONFIG" link to the
+// configuration namespace with etc/zel.conf (kStandardConf) and targets/, and
+// the storage objects' directory entries. Target "finance" (kFinanceUuid, this
+// host's): group "finance-hosts", one initiator by name, CHAP user "finance",
+// LUN 0 "ledger" (kLedgerUuid), LUN 1 offline (kArchiveUuid); target "lab"
+// (kLabUuid, of the peer kPeerHostUuid "peer-host"): CHAP-Mutual, no LUN;
+// defaults: CHAP user "defuser", kDefaultSecret, "nok0:3260" (the store's copy
+// has kStoreSecret).
 #pragma once
 
 #include <memory>
@@ -24,8 +17,7 @@
 #include "support/TestHost.h"
 #include "zel/DefaultInfo.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 constexpr const char* kNamespaceUuid = "5e0c2a7d-8f41-4b6e-9d3a-2c7b1e0f4a58";
 constexpr const char* kFinanceUuid = "3fb2b402-cfcb-4738-9622-3a566bb58dbf";
@@ -75,9 +67,6 @@ class ServiceHome {
   // Publishes storage object `uuid` owned by `ownerHost` in the directory.
   void AnnounceObject(const std::string& uuid, const std::string& ownerHost,
                       const std::string& policy = "");
-  // Publishes another cluster member.
-  void AnnounceMember(const std::string& hostUuid, const std::string& hostName);
-
   // Selects a ScopedTestHost of this home with the local directory, cluster
   // facts, store, policies, disks, namespaces and kernel options attached,
   // each inside its double (HostDoubles.h).
@@ -93,9 +82,4 @@ class ServiceHome {
   std::unique_ptr<HostSelection> localHost_;
 };
 
-// Puts the configuration cache back into its empty state: no subscription,
-// no graph, not dirty, the entry taken as absent (as at start).
-void ResetConfigCache();
-
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

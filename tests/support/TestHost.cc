@@ -3,118 +3,55 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-namespace zel {
-namespace test {
-
-uint64_t TestClock::NowMicros() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return now_;
-}
-
-void TestClock::SleepMicros(uint64_t micros) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  now_ += micros;
-  sleeps_.push_back(micros);
-}
-
-std::vector<uint64_t> TestClock::Sleeps() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return sleeps_;
-}
-
-void TestClock::ClearSleeps() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  sleeps_.clear();
-}
-
-void RecordingLogSink::Write(platform::LogLevel level, const std::string& line) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  lines_.push_back({level, line});
-  added_.notify_all();
-}
-
-std::string RecordingLogSink::Await(const std::string& part) const {
-  std::unique_lock<std::mutex> lock(mutex_);
-  std::string found;
-  added_.wait_for(lock, std::chrono::seconds(20), [&] {
-    for (const LogLine& line : lines_) {
-      if (line.text.find(part) != std::string::npos) return found = line.text, true;
-    }
-    return false;
-  });
-  return found;
-}
-
-std::vector<LogLine> RecordingLogSink::Lines() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return lines_;
-}
+namespace zel::test {
 
 std::vector<std::string> RecordingLogSink::Texts(platform::LogLevel upTo) const {
-  std::lock_guard<std::mutex> guard(mutex_);
   std::vector<std::string> texts;
-  for (const LogLine& line : lines_) {
+  for (const LogLine& line : Lines()) {
     if (static_cast<int>(line.level) <= static_cast<int>(upTo)) texts.push_back(line.text);
   }
   return texts;
 }
 
 bool RecordingLogSink::Contains(const std::string& text) const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  for (const LogLine& line : lines_) {
+  for (const LogLine& line : Lines()) {
     if (line.text == text) return true;
   }
   return false;
 }
 
 int RecordingLogSink::Count(platform::LogLevel level, const std::string& text) const {
-  std::lock_guard<std::mutex> guard(mutex_);
   int count = 0;
-  for (const LogLine& line : lines_) count += line.level == level && line.text == text ? 1 : 0;
+  for (const LogLine& line : Lines()) count += line.level == level && line.text == text ? 1 : 0;
   return count;
 }
-
-void RecordingLogSink::Clear() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  lines_.clear();
-}
-
-FaultyFileSystem::FaultyFileSystem(std::unique_ptr<platform::FileSystem> real)
-    : real_(std::move(real)) {}
 
 void FaultyFileSystem::FailNext(FileOp op, FileIOResult result, int times, int error) {
   std::lock_guard<std::mutex> guard(mutex_);
   for (int i = 0; i < times; ++i) faults_[op].push_back({result, error});
 }
 
-int FaultyFileSystem::Calls(FileOp op) const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  auto found = calls_.find(op);
-  return found == calls_.end() ? 0 : found->second;
-}
-
 bool FaultyFileSystem::Scripted(FileOp op, FileIOResult* result) {
   std::lock_guard<std::mutex> guard(mutex_);
   ++calls_[op];
-  std::deque<Fault>& pending = faults_[op];
+  auto& pending = faults_[op];
   if (pending.empty()) return false;
-  *result = pending.front().result;
-  errno = pending.front().error;
+  *result = pending.front().first;
+  errno = pending.front().second;
   pending.pop_front();
   return true;
 }
 
-#define ZEL_FILE_OP(Op, Params, Args)                                  \
-  FileIOResult FaultyFileSystem::Op Params {                           \
-    FileIOResult result;                                               \
-    return Scripted(FileOp::Op, &result) ? result : real_->Op Args;    \
+#define ZEL_FILE_OP(Op, Params, Args)                               \
+  FileIOResult FaultyFileSystem::Op Params {                        \
+    FileIOResult result;                                            \
+    return Scripted(FileOp::Op, &result) ? result : real_->Op Args; \
   }
 ZEL_FILE_OP(Open, (FileIODescriptor * file, const std::string& path, int access),
             (file, path, access))
@@ -127,11 +64,9 @@ ZEL_FILE_OP(CloseAndUnlink, (FileIODescriptor * file), (file))
 
 TempHome::TempHome() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/zel-test-XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
+  std::string name = std::string(base && *base ? base : "/tmp") + "/zel-test-XXXXXX";
   if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = name.data();
+  path_ = name;
 }
 
 TempHome::~TempHome() {
@@ -139,18 +74,11 @@ TempHome::~TempHome() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-HostSelection::HostSelection(std::unique_ptr<platform::Host> host)
-    : previous_(platform::SelectHost(std::move(host))) {}
-
-HostSelection::~HostSelection() { platform::SelectHost(std::move(previous_)); }
-
 ScopedTestHost::ScopedTestHost() : home_(std::make_unique<TempHome>()) {
   Select(platform::EmbeddedHostConfig(home_->Path()));
 }
 
 ScopedTestHost::ScopedTestHost(platform::HostConfig config) { Select(std::move(config)); }
-
-ScopedTestHost::~ScopedTestHost() = default;
 
 void ScopedTestHost::Select(platform::HostConfig config) {
   auto clock = std::make_unique<TestClock>();
@@ -162,6 +90,7 @@ void ScopedTestHost::Select(platform::HostConfig config) {
   host_ = host.get();
   selection_ = std::make_unique<HostSelection>(std::move(host));
 }
+
 void WriteFile(const std::string& path, const std::string& text, int mode) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   {
@@ -179,5 +108,4 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test

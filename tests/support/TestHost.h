@@ -1,11 +1,9 @@
 // The fault-injecting test host: a clock that records pauses instead of
-// sleeping, a log sink that keeps every line, and a file layer over the real
-// one whose calls can be scripted to fail ("rename fails twice, then
-// succeeds"; "lock held for the next 1501 opens"); and the one way a test
-// selects a host (HostSelection, under ScopedTestHost and ServiceHome).
+// sleeping, a log sink that keeps every line, a file layer over the real one
+// whose calls can be scripted to fail; and the one way a test selects a host
+// (HostSelection, under ScopedTestHost and ServiceHome).
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -17,16 +15,28 @@
 #include "platform/Host.h"
 #include "support/HostDoubles.h"
 
-namespace zel {
-namespace test {
+namespace zel::test {
 
 class TestClock final : public platform::Clock {
  public:
-  uint64_t NowMicros() override;
-  void SleepMicros(uint64_t micros) override;
+  uint64_t NowMicros() override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return now_;
+  }
+  void SleepMicros(uint64_t micros) override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    now_ += micros;
+    sleeps_.push_back(micros);
+  }
   // Every pause asked for, in order.
-  std::vector<uint64_t> Sleeps() const;
-  void ClearSleeps();
+  std::vector<uint64_t> Sleeps() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return sleeps_;
+  }
+  void ClearSleeps() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    sleeps_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -41,21 +51,26 @@ struct LogLine {
 
 class RecordingLogSink final : public platform::LogSink {
  public:
-  void Write(platform::LogLevel level, const std::string& line) override;
-  std::vector<LogLine> Lines() const;
+  void Write(platform::LogLevel level, const std::string& line) override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.push_back({level, line});
+  }
+  std::vector<LogLine> Lines() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+  }
   // Lines at `level` or more severe, text only.
   std::vector<std::string> Texts(platform::LogLevel upTo = platform::LogLevel::Debug2) const;
   bool Contains(const std::string& text) const;
   // How many lines at exactly `level` are `text`.
   int Count(platform::LogLevel level, const std::string& text) const;
-  // The first line containing `part`, waiting up to 20 s for another thread
-  // to log it; "" when none came.
-  std::string Await(const std::string& part) const;
-  void Clear();
+  void Clear() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    lines_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
-  mutable std::condition_variable added_;
   std::vector<LogLine> lines_;
 };
 
@@ -64,13 +79,16 @@ enum class FileOp { Open, Close, AtomicTempFile, Sync, AtomicUpdate, CloseAndUnl
 
 class FaultyFileSystem final : public platform::FileSystem {
  public:
-  explicit FaultyFileSystem(std::unique_ptr<platform::FileSystem> real);
-
+  explicit FaultyFileSystem(std::unique_ptr<platform::FileSystem> real) : real_(std::move(real)) {}
   // The next `times` calls of `op` return `result` (with errno `error`)
   // without touching the real file layer; later calls go through.
   void FailNext(FileOp op, FileIOResult result, int times = 1, int error = EIO);
   // How often `op` was called, faults included.
-  int Calls(FileOp op) const;
+  int Calls(FileOp op) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    auto found = calls_.find(op);
+    return found == calls_.end() ? 0 : found->second;
+  }
 
   FileIOResult Open(FileIODescriptor* file, const std::string& path, int access) override;
   FileIOResult Close(FileIODescriptor* file) override;
@@ -80,16 +98,12 @@ class FaultyFileSystem final : public platform::FileSystem {
   FileIOResult CloseAndUnlink(FileIODescriptor* file) override;
 
  private:
-  struct Fault {
-    FileIOResult result;
-    int error;
-  };
   // Counts the call and tells whether a scripted fault answers it.
   bool Scripted(FileOp op, FileIOResult* result);
 
   std::unique_ptr<platform::FileSystem> real_;
   mutable std::mutex mutex_;
-  std::map<FileOp, std::deque<Fault>> faults_;
+  std::map<FileOp, std::deque<std::pair<FileIOResult, int>>> faults_;  // (result, errno)
   std::map<FileOp, int> calls_;
 };
 
@@ -104,25 +118,20 @@ class TempHome {
   std::string path_;
 };
 
-// The test host's own parts, and the doubles a ServiceHome attached (null
-// elsewhere).
+// The test host's own parts, and the store's double of a ServiceHome.
 struct TestServices {
   TestClock* clock;
   RecordingLogSink* log;
   FaultyFileSystem* files;
-  DirectoryDouble* directory = nullptr;
-  ClusterFactsDouble* cluster = nullptr;
   ConfigStoreDouble* store = nullptr;
-  PolicyServiceDouble* policies = nullptr;
-  NamespacesDouble* namespaces = nullptr;
 };
 
-// Selects `host` for the object's life and puts the previous host back
-// afterwards: the one place where tests select a host.
+// Selects `host` for the object's life and puts the previous host back.
 class HostSelection {
  public:
-  explicit HostSelection(std::unique_ptr<platform::Host> host);
-  ~HostSelection();
+  explicit HostSelection(std::unique_ptr<platform::Host> host)
+      : previous_(platform::SelectHost(std::move(host))) {}
+  ~HostSelection() { platform::SelectHost(std::move(previous_)); }
   HostSelection(const HostSelection&) = delete;
   HostSelection& operator=(const HostSelection&) = delete;
 
@@ -137,7 +146,6 @@ class ScopedTestHost {
  public:
   ScopedTestHost();
   explicit ScopedTestHost(platform::HostConfig config);
-  ~ScopedTestHost();
 
   const std::string& Home() const { return Config().home; }
   const platform::HostConfig& Config() const { return host_->Config(); }
@@ -149,9 +157,7 @@ class ScopedTestHost {
   // Puts `double_` into the host as its service and returns it.
   template <typename Double>
   Double& Install(std::unique_ptr<Double> double_) {
-    Double& installed = *double_;
-    Attach(*host_, std::move(double_));
-    return installed;
+    return Attach(*host_, std::move(double_));
   }
   // Wraps `target` in the double `Double`, installs it and returns it.
   template <typename Double>
@@ -172,5 +178,4 @@ class ScopedTestHost {
 void WriteFile(const std::string& path, const std::string& text, int mode = 0600);
 std::string ReadFile(const std::string& path);
 
-}  // namespace test
-}  // namespace zel
+}  // namespace zel::test
