@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -107,6 +108,35 @@ TEST_F(ZelctlHomeTest, NamespaceInUseIsNotDeletedAndTargetWithoutLinkIsStillRemo
   const ProcessResult removed = Run({"target", "remove", "t1"});
   EXPECT_EQ(removed.exitCode, 0) << removed.err;
   EXPECT_THAT(Conf(), Not(HasSubstr("alias \"t1\"")));
+}
+
+TEST_F(ZelctlHomeTest, DoctorReportsWhatKilledEditorsLeaveAndRepairsOnlyWhatNoTargetNames) {
+  ASSERT_EQ(Run({"target", "add", "--alias", "t1"}).exitCode, 0);
+  EXPECT_EQ(Run({"doctor"}).exitCode, 0);
+  const std::string datastore = home_.Path() + "/datastore/";
+  for (const fs::directory_entry& link : fs::directory_iterator(datastore + ".iSCSI-CONFIG/targets")) {
+    fs::remove(link.path());
+  }
+  const std::string orphan = datastore + "11111111-2222-3333-4444-555555555555";
+  const std::string fresh = datastore + "22222222-2222-3333-4444-555555555555";
+  fs::create_directory(orphan);
+  fs::create_directory(fresh);  // may be a target being added: never touched
+  fs::last_write_time(orphan, fs::file_time_type::clock::now() - std::chrono::hours(1));
+  WriteFile(datastore + ".iSCSI-CONFIG/etc/zel.conf.tmpAb12Cd", "left by a killed save");
+  const std::string before = Conf();
+
+  const ProcessResult found = Run({"doctor"});
+  EXPECT_EQ(found.exitCode, 1);
+  EXPECT_THAT(found.out, HasSubstr("repairable: target t1 ("));
+  EXPECT_THAT(found.out, HasSubstr("repairable: namespace " + orphan + " belongs to no target"));
+  EXPECT_THAT(found.out, HasSubstr("zel.conf.tmpAb12Cd was left by a save that died"));
+  EXPECT_THAT(found.out, Not(HasSubstr(fresh)));
+  EXPECT_EQ(Run({"doctor", "--repair"}).exitCode, 0);
+  EXPECT_EQ(Run({"doctor"}).exitCode, 0);
+  EXPECT_FALSE(fs::exists(orphan));
+  EXPECT_TRUE(fs::exists(fresh));
+  EXPECT_EQ(Conf(), before);
+  EXPECT_EQ(Run({"target", "remove", "t1"}).exitCode, 0);
 }
 
 TEST(ConfigurationSafetyTest, RemovalRefusesAnAliasThatNowNamesAnotherTarget) {

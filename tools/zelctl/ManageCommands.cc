@@ -13,6 +13,7 @@
 #include "directory/NicPublication.h"
 #include "edit/ParserQueries.h"
 #include "platform/Host.h"
+#include "service/Doctor.h"
 #include "storage/DatastoreLayout.h"
 
 namespace zelctl {
@@ -205,6 +206,31 @@ void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
   CLI::App* service = app.add_subcommand("service", "The service on this host");
   service->require_subcommand(1);
   AddServiceStateCommands(*service, options, exitCode);
+
+  // doctor: exit 0 when all is consistent, 1 with one line per finding
+  // otherwise (after --repair, per finding left).
+  auto repair = std::make_shared<bool>(false);
+  app.add_subcommand("doctor", "Check zel.conf against the datastore and the directory")
+      ->callback([&options, &exitCode, repair] {
+        exitCode = RunReportingFailure([&] {
+          namespace Util = NokCtl::Orva::IscsiTarget::Util;
+          SelectServiceHostFor(options);
+          if (*repair) {
+            for (const auto& done : Util::RepairConsistency()) {
+              std::cout << "repaired: " << Printable(done.text) << "\n";
+            }
+          }
+          const auto findings = Util::CheckConsistency();
+          for (const auto& finding : findings) {
+            std::cout << (finding.repairable ? "repairable: " : "needs an operator: ")
+                      << Printable(finding.text) << "\n";
+          }
+          if (findings.empty()) std::cout << "zel.conf, the datastore and the directory agree\n";
+          return findings.empty() ? kExitOk : kExitFailure;
+        });
+      })
+      ->add_flag("--repair", *repair,
+                 "Remove what no target names (namespaces, links, temporary files)");
 
   CLI::App* defaults = app.get_subcommand("defaults");
   auto values = std::make_shared<DefaultsOptions>();
