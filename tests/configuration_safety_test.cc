@@ -84,6 +84,10 @@ TEST_F(ZelctlHomeTest, DefaultsChangeOnlyWhereGivenAndANewNamespaceRunKeepsThem)
   EXPECT_THAT(Conf(), HasSubstr(":3261\n"));
   ASSERT_EQ(Run({"defaults", "set", "--auth-type", "No-Authentication"}).exitCode, 0);
   EXPECT_THAT(Conf(), Not(HasSubstr("chap")));
+  // The default policy asks for more members than a one-host cluster has.
+  EXPECT_THAT(Run({"namespace", "info"}).out,
+              HasSubstr("notCompliantBecause: failuresToTolerate 1 needs 3 cluster members; the "
+                        "cluster has 1\n"));
 }
 
 TEST_F(ZelctlHomeTest, NamespaceInUseIsNotDeletedAndTargetWithoutLinkIsStillRemoved) {

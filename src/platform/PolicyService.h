@@ -15,6 +15,7 @@ enum class Compliance { Compliant, NonCompliant, Unknown };
 struct PolicyStatus {
   std::string policy;                        // the object's policy text; empty when none
   Compliance compliance = Compliance::Unknown;
+  std::string reason;  // why it does not comply, or cannot be judged; empty when it complies
 };
 
 class PolicyService {

@@ -334,7 +334,7 @@ struct FixedPolicies final : platform::PolicyService {
   NOK_ReturnStatus Init() override { return NOK_OK; }
   void Deinit() override {}
   platform::PolicyStatus GetObjectPolicyStatus(Str uuid) override {
-    return {policies.at(uuid), platform::Compliance::Compliant};
+    return {policies.at(uuid), platform::Compliance::Compliant, ""};
   }
 
   std::map<std::string, std::string> policies;

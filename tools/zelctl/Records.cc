@@ -1,5 +1,8 @@
 #include "Records.h"
 
+#include "platform/Host.h"
+#include "zel/OrvaCtlException.h"
+
 namespace zelctl {
 
 using nlohmann::ordered_json;
@@ -51,6 +54,18 @@ ordered_json ToJson(const HostCtl::Orva::IscsiTarget::DefaultInfo& defaults) {
                       {"authType", defaults.authType},
                       {"userid", defaults.userid},
                       {"mutualUserid", defaults.mutualUserid}};
+}
+
+ordered_json WithComplianceReason(ordered_json record, const std::string& objectUuid) {
+  if (record.value("policyCompliant", true)) return record;
+  std::string reason;
+  try {
+    reason = zel::platform::CurrentHost().Policies().GetObjectPolicyStatus(objectUuid).reason;
+  } catch (const HostCtl::Lib::Orva::OrvaCtlException& e) {
+    reason = e.GetMessage();
+  }
+  record["notCompliantBecause"] = reason;
+  return record;
 }
 
 ordered_json ToJson(const HostCtl::Orva::IscsiTarget::NamespaceInfo& info) {

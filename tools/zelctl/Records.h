@@ -2,6 +2,8 @@
 // field names as camelCase keys, and rows for tables. Secrets never appear.
 #pragma once
 
+#include <string>
+
 #include <nlohmann/json.hpp>
 
 #include "zel/DefaultInfo.h"
@@ -17,6 +19,11 @@ nlohmann::ordered_json ToJson(const HostCtl::Orva::IscsiTarget::LunInfo& lun);
 nlohmann::ordered_json ToJson(const HostCtl::Orva::IscsiTarget::InitiatorgroupInfo& group);
 nlohmann::ordered_json ToJson(const HostCtl::Orva::IscsiTarget::DefaultInfo& defaults);
 nlohmann::ordered_json ToJson(const HostCtl::Orva::IscsiTarget::NamespaceInfo& info);
+
+// `record` with "notCompliantBecause" added when its "policyCompliant" is
+// false: the policy service's reason for storage object `objectUuid`.
+nlohmann::ordered_json WithComplianceReason(nlohmann::ordered_json record,
+                                            const std::string& objectUuid);
 
 template <typename Record>
 nlohmann::ordered_json ToJson(const std::vector<Record>& records) {

@@ -46,7 +46,8 @@ void AddTargetCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
 
   auto alias = std::make_shared<std::string>();
   AddServiceCommand(*target, "get", "Show one target", options, exitCode, [&options, alias] {
-    ordered_json record = ToJson(Service()->GetTargetInfo(*alias));
+    const HostCtl::Orva::IscsiTarget::TargetInfo info = Service()->GetTargetInfo(*alias);
+    ordered_json record = WithComplianceReason(ToJson(info), info.ownerId);
     Emit(options.json, record, [&] {
       ordered_json luns = record["luns"];
       record.erase("luns");
@@ -75,8 +76,10 @@ void AddLunCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) 
   list->add_option("--target", *target, "Target alias")->required()->check(NonEmpty());
   CLI::App* get = AddServiceCommand(*lun, "get", "Show one LUN", options, exitCode,
                                     [&options, target, id] {
+                                      const HostCtl::Orva::IscsiTarget::LunInfo info =
+                                          Service()->GetLunInfo(*target, *id);
                                       const ordered_json record =
-                                          ToJson(Service()->GetLunInfo(*target, *id));
+                                          WithComplianceReason(ToJson(info), info.uuid);
                                       Emit(options.json, record,
                                            [&] { PrintKeyValues(std::cout, record); });
                                     });
@@ -111,7 +114,8 @@ void AddServiceCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
   CLI::App* ns = app.add_subcommand("namespace", "The service's configuration namespace");
   ns->require_subcommand(1);
   AddServiceCommand(*ns, "info", "Show the namespace", options, exitCode, [&options] {
-    const ordered_json info = ToJson(Service()->GetNamespaceInfo(true));
+    const HostCtl::Orva::IscsiTarget::NamespaceInfo namespaceInfo = Service()->GetNamespaceInfo(true);
+    const ordered_json info = WithComplianceReason(ToJson(namespaceInfo), namespaceInfo.uuid);
     Emit(options.json, info, [&] { PrintKeyValues(std::cout, info); });
   });
 

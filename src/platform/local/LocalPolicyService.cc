@@ -72,17 +72,22 @@ PolicyStatus LocalPolicyService::GetObjectPolicyStatus(const std::string& object
   }
   PolicyStatus result;
   result.policy = policy->get<std::string>();
-  result.compliance = Judge(objectUuid, result.policy);
+  result.compliance = Judge(objectUuid, result.policy, &result.reason);
   return result;
 }
 
-Compliance LocalPolicyService::Judge(const std::string& objectUuid, const std::string& policy) {
-  if (cluster_ == nullptr) return Compliance::Unknown;
+Compliance LocalPolicyService::Judge(const std::string& objectUuid, const std::string& policy,
+                                     std::string* reason) {
+  if (cluster_ == nullptr) {
+    *reason = "this host has no cluster facts to judge it by";
+    return Compliance::Unknown;
+  }
   platform::PolicyRules rules;
   std::string why;
   if (!platform::ParsePolicyRules(policy, &rules, &why)) {
     ZEL_LOG_WARNING("%s: Storage object %s has an unreadable policy: %s", kTag,
                     objectUuid.c_str(), why.c_str());
+    *reason = "its policy does not read: " + why;
     return Compliance::NonCompliant;
   }
   if (!rules.failuresToTolerate && !rules.locality) return Compliance::Compliant;
@@ -93,15 +98,20 @@ Compliance LocalPolicyService::Judge(const std::string& objectUuid, const std::s
     ZEL_LOG_WARNING("%s: Cannot judge the compliance of storage object %s, the membership is "
                     "unknown: %s",
                     kTag, objectUuid.c_str(), NOK_ReturnStatusToString(status));
+    *reason = std::string("the cluster's membership is unknown: ") + NOK_ReturnStatusToString(status);
     return Compliance::Unknown;
   }
   if (rules.failuresToTolerate &&
       cluster.members.size() < static_cast<size_t>(2 * *rules.failuresToTolerate + 1)) {
+    *reason = "failuresToTolerate " + std::to_string(*rules.failuresToTolerate) + " needs " +
+              std::to_string(2 * *rules.failuresToTolerate + 1) +
+              " cluster members; the cluster has " + std::to_string(cluster.members.size());
     return Compliance::NonCompliant;
   }
   if (rules.locality &&
       std::none_of(cluster.members.begin(), cluster.members.end(),
                    [](const ClusterMember& member) { return !member.faultDomain.empty(); })) {
+    *reason = "locality " + *rules.locality + " needs sites, and no cluster member names one";
     return Compliance::NonCompliant;
   }
   return Compliance::Compliant;

@@ -48,7 +48,7 @@ class LocalPolicyService final : public PolicyService {
   PolicyStatus GetObjectPolicyStatus(const std::string& objectUuid) override;
 
  private:
-  Compliance Judge(const std::string& objectUuid, const std::string& policy);
+  Compliance Judge(const std::string& objectUuid, const std::string& policy, std::string* reason);
 
   Directory& directory_;
   const std::string hostUuid_;
