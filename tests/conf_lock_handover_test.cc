@@ -23,20 +23,6 @@ using zel::test::ChildControl;
 using zel::test::ChildProcess;
 using zel::test::FileOp;
 
-// The system clock, counting the pauses taken through it.
-class CountingSystemClock final : public zel::platform::Clock {
- public:
-  uint64_t NowMicros() override { return system_->NowMicros(); }
-  void SleepMicros(uint64_t micros) override {
-    ++pauses;
-    system_->SleepMicros(micros);
-  }
-  std::atomic<int> pauses{0};
-
- private:
-  std::unique_ptr<zel::platform::Clock> system_ = zel::platform::NewSystemClock();
-};
-
 TEST(ConfLockHandover, TryEndsWhenTheHolderLetsTheLockGo) {
   // The holder closes the file; or it first swaps a new file into place,
   // as a saving writer does, and the wait must end on that one.
@@ -44,11 +30,11 @@ TEST(ConfLockHandover, TryEndsWhenTheHolderLetsTheLockGo) {
     zel::test::TempHome home;
     const std::string path = home.Path() + "/zel.conf";
     zel::test::WriteFile(path, "generation 1\n");
-    auto clock = std::make_unique<CountingSystemClock>();
+    auto clock = std::make_unique<zel::test::CountingSystemClock>();
     auto files = std::make_unique<zel::test::FaultyFileSystem>(zel::platform::NewPosixFileSystem());
-    CountingSystemClock& pauses = *clock;
+    zel::test::CountingSystemClock& pauses = *clock;
     zel::test::FaultyFileSystem& opens = *files;
-    std::unique_ptr<zel::platform::Host> previous = zel::platform::SelectHost(
+    zel::test::HostSelection selection(
         std::make_unique<zel::platform::Host>(zel::platform::EmbeddedHostConfig(home.Path()),
                                               std::move(clock),
                                               std::make_unique<zel::test::RecordingLogSink>(),
@@ -85,7 +71,6 @@ TEST(ConfLockHandover, TryEndsWhenTheHolderLetsTheLockGo) {
     ASSERT_EQ(0, stat(path.c_str(), &current));
     EXPECT_EQ(current.st_ino, opened.st_ino) << swap;
     conf_close_file(&file);
-    zel::platform::SelectHost(std::move(previous));
   }
 }
 

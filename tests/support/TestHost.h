@@ -4,6 +4,7 @@
 // (HostSelection, under ScopedTestHost and ServiceHome).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -16,6 +17,21 @@
 #include "support/HostDoubles.h"
 
 namespace zel::test {
+
+// The system clock, counting the pauses taken through it: for waits that
+// must really happen (a lock handed over by another process).
+class CountingSystemClock final : public platform::Clock {
+ public:
+  uint64_t NowMicros() override { return system_->NowMicros(); }
+  void SleepMicros(uint64_t micros) override {
+    ++pauses;
+    system_->SleepMicros(micros);
+  }
+  std::atomic<int> pauses{0};
+
+ private:
+  std::unique_ptr<platform::Clock> system_ = platform::NewSystemClock();
+};
 
 class TestClock final : public platform::Clock {
  public:
