@@ -312,7 +312,8 @@ TEST_F(LocalClusterMembership, FactsReportAnEmptyOrUnreachableMembershipAndMalfo
   const std::string stranger = "66666666-7777-4888-9999-aaaaaaaaaaaa";
   ASSERT_EQ(NOK_OK, test::PublishAndWait(*directory, {kClusterMemberEntryType, kClusterMembersKey,
                                                       stranger, stranger, "node-x", 0}));
-  const ClusterMember* seen = Find(InfoOf(*a), stranger);
+  const ClusterInfo members = InfoOf(*a);  // kept: `seen` points into it
+  const ClusterMember* seen = Find(members, stranger);
   ASSERT_TRUE(seen && seen->hostName.empty());
   EXPECT_TRUE(testHost.Log().Contains("ClusterFacts: Member entry of host " + stranger +
                                       " has a malformed payload"));

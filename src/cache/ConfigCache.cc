@@ -27,8 +27,9 @@ bool ConfigCache::gZelConfDirty = false;
 bool ConfigCache::gIsBrixSubscribed = false;
 ConfigCache::SubscriptionHandle ConfigCache::gBrixSubscribeInstance = 0;
 bool ConfigCache::gZelConfBrixEntryExists = false;
-std::shared_ptr<const std::vector<TargetInfo>> ConfigCache::gConvertedTargets;
-std::mutex ConfigCache::gConvertedTargetsMutex;
+std::shared_ptr<const std::vector<TargetInfo>>& ConfigCache::gConvertedTargets =
+    *new std::shared_ptr<const std::vector<TargetInfo>>();
+std::mutex& ConfigCache::gConvertedTargetsMutex = *new std::mutex();
 
 namespace {
 const char kTag[] = "ZelConfigCache";

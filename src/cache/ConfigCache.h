@@ -108,10 +108,12 @@ class ConfigCache {
   static struct conf* gZelConfig;
   // The targets converted from gZelConfig, built by the first query that
   // trusts the cache and dropped whenever gZelConfig changes: converting is
-  // most of a cached query's cost.
-  static std::shared_ptr<const std::vector<HostCtl::Orva::IscsiTarget::TargetInfo>>
+  // most of a cached query's cost. Both are never destroyed: at process
+  // exit the library's unload hook runs after the static destructors and
+  // still drops the cache.
+  static std::shared_ptr<const std::vector<HostCtl::Orva::IscsiTarget::TargetInfo>>&
       gConvertedTargets;
-  static std::mutex gConvertedTargetsMutex;
+  static std::mutex& gConvertedTargetsMutex;
   static bool gZelConfDirty;
   static bool gIsBrixSubscribed;
   static SubscriptionHandle gBrixSubscribeInstance;
