@@ -31,7 +31,3 @@ std::unique_ptr<Clock> NewSystemClock() { return std::make_unique<SystemClock>()
 void Util_Sleep(unsigned seconds) {
   zel::platform::CurrentHost().GetClock().SleepMicros(uint64_t{seconds} * 1000000);
 }
-
-void Util_SleepMillis(unsigned milliseconds) {
-  zel::platform::CurrentHost().GetClock().SleepMicros(uint64_t{milliseconds} * 1000);
-}

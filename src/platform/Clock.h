@@ -26,6 +26,5 @@ std::unique_ptr<Clock> NewSystemClock();
 }  // namespace platform
 }  // namespace zel
 
-// The service's own pause helpers, named as its call sites know them.
+// The service's own pause, named as its call sites know it.
 void Util_Sleep(unsigned seconds);
-void Util_SleepMillis(unsigned milliseconds);
