@@ -45,8 +45,7 @@ bool ConfigCache::IsBrixSubscribed() { return gIsBrixSubscribed; }
 
 uint64_t ConfigCache::GetCachedConfGenNumber() {
   boost::shared_lock<boost::shared_mutex> shared(cacheLock);
-  return gZelConfig != nullptr ? gZelConfig->conf_generation
-                               : std::numeric_limits<uint64_t>::max();
+  return gZelConfig != nullptr ? gZelConfig->conf_generation : kNoGeneration;
 }
 
 void ConfigCache::SubscribeBrix() {

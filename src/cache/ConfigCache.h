@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -37,7 +38,10 @@ class ConfigCache {
   static void SetZelConfDirty(bool dirty);
   static bool IsBrixSubscribed();
 
-  // The cached conf's generation, or all ones when nothing is cached.
+  // All ones: no generation (nothing cached, no file written, no backup).
+  static constexpr uint64_t kNoGeneration = std::numeric_limits<uint64_t>::max();
+
+  // The cached conf's generation, or kNoGeneration when nothing is cached.
   static uint64_t GetCachedConfGenNumber();
 
   // Subscribes to the generation entry once; throws when it cannot.

@@ -1,6 +1,5 @@
 #include "cache/ConfigSave.h"
 
-#include <limits>
 
 #include "cache/ConfigCache.h"
 #include "directory/DirectoryEntries.h"
@@ -18,8 +17,6 @@ using HostCtl::Lib::Orva::OrvaCtlException;
 namespace {
 
 const char kTag[] = "Util";
-// All ones: no file was written (as a generation), or nothing is cached.
-constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
 
 void RefuseToSaveBehindThePublishedGeneration(const ConfHandle& handle) {
   uint64_t published = 0;
@@ -37,7 +34,7 @@ void RefuseToSaveBehindThePublishedGeneration(const ConfHandle& handle) {
 }  // namespace
 
 void DoActionForConfigChange(uint64_t generation) {
-  if (generation == kNone) return;
+  if (generation == ConfigCache::kNoGeneration) return;
   const NOK_ReturnStatus status = ZeldUpdateBrixEntryForConfig(generation);
   if (status == NOK_OK) return;
   if (status == NOK_EXISTS) {
@@ -63,7 +60,7 @@ bool IsRefreshConfNeeded(uint64_t& known) {
   const uint64_t cached = ConfigCache::GetCachedConfGenNumber();
   // All ones is the empty cache, not a generation: taking it as one would
   // make every later generation look old.
-  if (cached == kNone || cached <= known) return false;
+  if (cached == ConfigCache::kNoGeneration || cached <= known) return false;
   known = cached;
   return true;
 }

@@ -1,5 +1,6 @@
 #include "platform/FileIO.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -71,4 +72,21 @@ FileIOResult FileIO_CreateOwnerOnlyDirectories(const std::string& path) {
     }
     if (end == std::string::npos) return FILEIO_SUCCESS;
   }
+}
+
+std::vector<std::string> FileIO_TempFilesOf(const std::string& path) {
+  const std::string::size_type slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const std::string prefix = path.substr(slash + 1) + ".tmp";
+  std::vector<std::string> found;
+  DIR* listing = ::opendir(directory.c_str());
+  if (listing == nullptr) return found;
+  while (const struct dirent* entry = ::readdir(listing)) {
+    const std::string name = entry->d_name;
+    if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0) {
+      found.push_back(directory + name);
+    }
+  }
+  ::closedir(listing);
+  return found;
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 enum FileIOResult {
   FILEIO_SUCCESS = 0,
@@ -107,3 +108,8 @@ FileIOResult FileIO_CloseAndUnlink(FileIODescriptor* file);
 // FILEIO_SUCCESS, or the failure with errno set. Not a host service: every
 // backend keeps its files in real directories.
 FileIOResult FileIO_CreateOwnerOnlyDirectories(const std::string& path);
+
+// The temporary files of `path` that are there now: `path` + ".tmp" + six
+// characters, as AtomicTempFile names them. Only a save that died leaves
+// one behind a save holding the file's exclusive lock.
+std::vector<std::string> FileIO_TempFilesOf(const std::string& path);

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 
 #include "cache/ConfigCache.h"
 #include "cache/ConfigSave.h"
@@ -28,18 +27,18 @@ using HostCtl::Lib::Orva::OrvaCtlException;
 namespace {
 
 const char kTag[] = "Util";
-constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
 
-// The generation last copied to the backup file; kNone before the first
-// copy. Written only by CopyZelConfWithLock, under the file's shared lock,
+// The generation last copied to the backup file; kNoGeneration before the
+// first copy. Written only by CopyZelConfWithLock, under the file's shared lock,
 // which two threads may hold at once: hence atomic.
-std::atomic<uint64_t> backupConfGenNumber{kNone};
+std::atomic<uint64_t> backupConfGenNumber{ConfigCache::kNoGeneration};
 
 }  // namespace
 
 bool IsBackupConfNeeded() {
   const uint64_t backedUp = backupConfGenNumber.load();
-  return backedUp == kNone || ConfigCache::GetCachedConfGenNumber() > backedUp;
+  return backedUp == ConfigCache::kNoGeneration ||
+         ConfigCache::GetCachedConfGenNumber() > backedUp;
 }
 
 void BackupConfigFile() {
@@ -51,7 +50,7 @@ bool CopyZelConfWithLock() {
     ConfHandle handle(ConfHandle::kShareMode, Util::GetConfFilePath());
     const uint64_t generation = handle.GetCurrentGenerationNum();
     const uint64_t backedUp = backupConfGenNumber.load();
-    if (backedUp != kNone && backedUp >= generation) {
+    if (backedUp != ConfigCache::kNoGeneration && backedUp >= generation) {
       ZEL_LOG_WARNING("%s: backup zel.conf gen: %ld, global zel.conf gen: %ld, skip backup\n",
                       kTag, static_cast<long>(backedUp), static_cast<long>(generation));
       return true;
@@ -110,7 +109,7 @@ uint64_t RestoreBackupConfigFile() {
   }
 }
 
-void ForgetBackupConfGenNumber() { backupConfGenNumber.store(kNone); }
+void ForgetBackupConfGenNumber() { backupConfGenNumber.store(ConfigCache::kNoGeneration); }
 
 }  // namespace Util
 }  // namespace IscsiTarget

@@ -11,6 +11,7 @@
 #include "conf/ConfHandle.h"
 #include "directory/DirectoryEntries.h"
 #include "platform/EntryMarshal.h"
+#include "platform/FileIO.h"
 #include "platform/Log.h"
 #include "storage/DatastoreLayout.h"
 #include "storage/DiskLunApi.h"
@@ -125,11 +126,7 @@ std::vector<Problem> FindProblems(const ConfHandle* held) {
                           [root, name] { NokCtl::Storage::DiskLunApi::DeleteNamespace(root, name); }});
     }
   }
-  // GetConfDirPath ends with its slash.
-  const std::string directory = GetConfDirPath(), prefix = "zel.conf.tmp";
-  for (const std::string& name : Names(directory)) {
-    if (name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix) != 0) continue;
-    const std::string path = directory + name;
+  for (const std::string& path : FileIO_TempFilesOf(conf)) {
     problems.push_back({{"temporary file " + path + " was left by a save that died", true},
                         [path] { ::unlink(path.c_str()); }});
   }

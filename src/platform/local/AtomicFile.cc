@@ -1,6 +1,5 @@
 #include "platform/local/AtomicFile.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "platform/FileIO.h"
 #include "platform/Log.h"
 #include "zel/OrvaCtlException.h"
 
@@ -79,21 +79,12 @@ int CreateTempFileBeside(const std::string& path, int* fd, std::string* tempPath
 }
 
 void RemoveStaleTempFiles(const std::string& path) {
-  const std::string directory = DirectoryOf(path);
-  const std::string prefix = path.substr(path.rfind('/') + 1) + ".tmp";
-  const std::string::size_type nameLength = prefix.size() + 6;  // mkstemp's XXXXXX
-  DIR* listing = ::opendir(directory.c_str());
-  if (listing == nullptr) return;
-  while (const struct dirent* entry = ::readdir(listing)) {
-    const std::string name = entry->d_name;
-    if (name.size() != nameLength || name.compare(0, prefix.size(), prefix) != 0) continue;
-    const std::string stale = directory + "/" + name;
+  for (const std::string& stale : FileIO_TempFilesOf(path)) {
     if (::unlink(stale.c_str()) == 0) {
       ZEL_LOG_WARNING("%s: Removed %s, left by a save that did not finish\n", "FileIO",
                       stale.c_str());
     }
   }
-  ::closedir(listing);
 }
 
 int RenameDurably(const std::string& tempPath, const std::string& path) {
