@@ -15,6 +15,7 @@
 #include "platform/Log.h"
 #include "storage/DatastoreLayout.h"
 #include "storage/DiskLunApi.h"
+#include "storage/TargetNamespace.h"
 #include "zel/OrvaCtlException.h"
 
 namespace NokCtl {
@@ -97,11 +98,8 @@ std::vector<Problem> FindProblems(const ConfHandle* held) {
     if (::stat((root + "/" + uuid).c_str(), &status) != 0) {
       problems.push_back({{target + " has no namespace"}, {}});
     } else if (::lstat((links + "/" + uuid).c_str(), &status) != 0) {
-      // The link is as the namespace's creation makes it: relative, so it
-      // holds wherever the datastore is mounted.
-      const std::string link = links + "/" + uuid, content = "../../" + uuid;
       problems.push_back({{target + " has no namespace link", true},
-                          [link, content] { ::symlink(content.c_str(), link.c_str()); }});
+                          [uuid = uuid] { RelinkTargetNamespace(uuid); }});
     }
   }
   if (read) {

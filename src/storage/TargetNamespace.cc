@@ -101,6 +101,10 @@ void DeleteTargetNamespace(const std::string& targetUuid) {
   }
 }
 
+bool RelinkTargetNamespace(const std::string& targetUuid) {
+  return ::symlink(LinkContent(targetUuid).c_str(), LinkPath(targetUuid).c_str()) == 0;
+}
+
 void DeleteTargetNamespaceOrWhatIsLeft(const std::string& targetUuid) {
   struct stat link;
   if (::lstat(LinkPath(targetUuid).c_str(), &link) == 0) {

@@ -34,6 +34,10 @@ void DeleteTargetNamespace(const std::string& targetUuid);
 // is still there, removed without it: such a target can still be removed.
 void DeleteTargetNamespaceOrWhatIsLeft(const std::string& targetUuid);
 
+// Makes the link of target `targetUuid`'s namespace again, as its creation
+// does; false, with errno set, when it cannot.
+bool RelinkTargetNamespace(const std::string& targetUuid);
+
 }  // namespace Util
 }  // namespace IscsiTarget
 }  // namespace Orva
