@@ -447,7 +447,7 @@ TEST(LocalDatastoreAvailability, RootMustBeAnExistingWritableDirectory) {
   test::ScopedTestHost testHost;
   const std::string root = testHost.Home() + "/datastore";
   for (const std::string problem : {"No such file or directory", "Not a directory"}) {
-    EXPECT_EQ(NOK_NOT_FOUND, LocalDiskLibrary(root).Init());
+    EXPECT_EQ(NOK_NOT_FOUND, LocalDiskLibrary(root, testHost.Config().hostUuid).Init());
     EXPECT_TRUE(testHost.Log().Contains("DiskLibrary: Datastore root " + root +
                                         " cannot be used: " + problem));
     WriteFile(root, "");
@@ -458,7 +458,7 @@ TEST(LocalDatastoreAvailability, RootMustBeAnExistingWritableDirectory) {
   fs::create_directory(root);
   fs::create_directory(open);
   testHost.Log().Clear();
-  EXPECT_EQ(NOK_OK, LocalDiskLibrary(root).Init());
+  EXPECT_EQ(NOK_OK, LocalDiskLibrary(root, testHost.Config().hostUuid).Init());
   EXPECT_TRUE(testHost.Log().Texts(LogLevel::Warning).empty());
   ASSERT_EQ(0, ::chmod(testHost.Home().c_str(), 0755));
   ASSERT_EQ(0, ::chmod(root.c_str(), 0555));
@@ -466,8 +466,8 @@ TEST(LocalDatastoreAvailability, RootMustBeAnExistingWritableDirectory) {
   ChildProcess child([&](ChildControl&) {
     const uid_t nobody = 65534;
     if (::geteuid() == 0 && (::setgid(nobody) != 0 || ::setuid(nobody) != 0)) return kCannotDropPrivileges;
-    if (LocalDiskLibrary(open).Init() != NOK_OK) return 1;
-    return LocalDiskLibrary(root).Init() == NOK_IO_ERROR ? 0 : 2;
+    if (LocalDiskLibrary(open, testHost.Config().hostUuid).Init() != NOK_OK) return 1;
+    return LocalDiskLibrary(root, testHost.Config().hostUuid).Init() == NOK_IO_ERROR ? 0 : 2;
   });
   const int code = child.Join();
   ::chmod(root.c_str(), 0755);

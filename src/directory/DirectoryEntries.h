@@ -103,6 +103,19 @@ NOK_ReturnStatus ZeldBrixGetInterfaceAddress(const std::string& hostUuid, const 
 NOK_ReturnStatus ZeldBrixGetSelfInterfaceAddress(const std::string& ifName, std::string* ipv4,
                                                  std::string* ipv6);
 
+// ---- LUN disk parameters ---------------------------------------------------
+
+// The iSCSI version recorded on the LUN disk `lunPath` (a datastore path,
+// absolute or relative to the datastore root), kept as the disk object's
+// extended parameter kIscsiVersionParam in decimal text, so every host reads
+// what any host recorded. NOK_NOT_FOUND, without a warning, when the disk
+// has none yet; NOK_BAD_PARAM when the path is no disk of the datastore or
+// the stored text is no number; another status when the disk library
+// fails. Failures are logged as warnings.
+constexpr const char* kIscsiVersionParam = "orva.EAiscsiVersion";
+NOK_ReturnStatus ZeldGetIscsiVersion(const std::string& lunPath, uint32_t* version);
+NOK_ReturnStatus ZeldSetIscsiVersion(const std::string& lunPath, uint32_t version);
+
 namespace zel {
 namespace directory {
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/HostConfig.h"
 #include "platform/NokStatus.h"
 
 namespace zel {
@@ -15,6 +16,7 @@ struct ClusterMember {
   std::string hostUuid;
   std::string hostName;
   std::string faultDomain;  // the host's site; empty when the cluster is not stretched
+  int diskFormatVersion = kCurrentDiskFormatVersion;  // the disk format the host has reached
 };
 
 struct ClusterInfo {

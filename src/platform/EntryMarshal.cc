@@ -113,10 +113,11 @@ NOK_ReturnStatus MarshalInterfaceRecord(const ZelInterfaceRecord& record, std::s
 
 NOK_ReturnStatus MarshalStorageObjectRecord(const StorageObjectRecord& record,
                                             std::string* payload) {
-  return Dump({{"type", BRIX_NAME_STORAGE_OBJECT},
-               {"ownerHost", record.ownerHost},
-               {"policy", record.policy}},
-              payload);
+  json object = {{"type", BRIX_NAME_STORAGE_OBJECT},
+                 {"ownerHost", record.ownerHost},
+                 {"policy", record.policy}};
+  if (!record.extParams.empty()) object["extParams"] = record.extParams;
+  return Dump(object, payload);
 }
 
 NOK_ReturnStatus UnmarshalConfigRecord(const std::string& payload, ZelConfigRecord* record,
@@ -155,6 +156,17 @@ NOK_ReturnStatus UnmarshalStorageObjectRecord(const std::string& payload,
     status = Refuse(error, "member 'ownerHost' is not a UUID: '" + owner + "'");
   }
   if (status == NOK_OK) status = Text(object, "policy", &parsed.policy, error);
+  const auto params = object.find("extParams");
+  if (status == NOK_OK && params != object.end()) {
+    if (!params->is_object()) status = Refuse(error, "member 'extParams' is not an object");
+    for (auto item = params->begin(); status == NOK_OK && item != params->end(); ++item) {
+      if (!item->is_string()) {
+        status = Refuse(error, "extended parameter '" + item.key() + "' is not text");
+      } else {
+        parsed.extParams[item.key()] = item->get<std::string>();
+      }
+    }
+  }
   if (status == NOK_OK) *record = std::move(parsed);
   return status;
 }

@@ -10,7 +10,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "platform/NokStatus.h"
 
@@ -46,10 +48,20 @@ struct ZelInterfaceRecord {
 };
 
 // The directory's record of a storage object (type 13), for example a
-// namespace: the host that owns it and its storage policy text.
+// namespace or a virtual disk: the host that owns it, its storage policy
+// text, and its extended parameters by name. A payload without
+// "extParams" (one written before objects had them) reads as having none,
+// and a record without any is marshalled without the member.
 struct StorageObjectRecord {
+  // Not an aggregate, so that {owner, policy} leaves the parameters empty
+  // without a missing-initializer complaint.
+  StorageObjectRecord(std::string owner = "", std::string policyText = "",
+                      std::map<std::string, std::string> params = {})
+      : ownerHost(std::move(owner)), policy(std::move(policyText)), extParams(std::move(params)) {}
+
   std::string ownerHost;  // canonical UUID text
   std::string policy;
+  std::map<std::string, std::string> extParams;
 };
 
 // Marshal: NOK_OK, or NOK_BAD_PARAM when the payload would exceed

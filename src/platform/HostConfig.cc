@@ -8,6 +8,7 @@
 #include <boost/uuid/string_generator.hpp>
 #include <boost/uuid/uuid.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -180,6 +181,19 @@ void Apply(const Reader& reader, const json& document, HostConfig* config) {
         reader.Fail("'iqnDomain' must be a domain name of at most 100 bytes, labels of letters, "
                     "digits and '-' separated by dots: '" + config->iqnDomain + "'");
       }
+    } else if (key == "diskFormatVersion") {
+      config->diskFormatVersion = reader.Integer(value, key);
+      if (config->diskFormatVersion < 1 || config->diskFormatVersion > 255) {
+        reader.Fail("'diskFormatVersion' must be from 1 to 255, not " +
+                    std::to_string(config->diskFormatVersion));
+      }
+    } else if (key == "naaCompanyId") {
+      config->naaCompanyId = reader.Text(value, key);
+      if (config->naaCompanyId.size() != 6 ||
+          config->naaCompanyId.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        reader.Fail("'naaCompanyId' must be six hex digits: '" + config->naaCompanyId + "'");
+      }
+      for (char& c : config->naaCompanyId) c = static_cast<char>(std::toupper(c));
     } else if (key == "profile") {
       const std::string profile = reader.Text(value, key);
       if (profile == "realHost") {

@@ -10,6 +10,16 @@
 namespace zel {
 namespace platform {
 
+// The newest on-disk format of virtual disks this build writes. A host
+// declares the format it has reached in host.json ("diskFormatVersion",
+// 1 to 255) and publishes it with its membership; the cluster uses a format
+// only once every member has reached it (OrvaUtil::GetMaxDiskVersionInCluster).
+constexpr int kCurrentDiskFormatVersion = 11;
+
+// The company identifier of the NAA names this host gives LUNs: six hex
+// digits. The default is locally administered (no vendor's registration).
+constexpr const char* kDefaultNaaCompanyId = "0A7E15";
+
 enum class Profile { Embedded, RealHost };
 
 struct HostConfig {
@@ -28,6 +38,8 @@ struct HostConfig {
   // Naming authority of the target IQNs this host generates, in forward
   // form ("storage.example.net"); empty derives it from the host's domain.
   std::string iqnDomain;
+  int diskFormatVersion = kCurrentDiskFormatVersion;
+  std::string naaCompanyId = kDefaultNaaCompanyId;  // six upper-case hex digits
   std::map<std::string, int> options;         // kernel options, "GROUP.name" -> value
   std::map<std::string, std::string> commands; // command overrides by name
 };

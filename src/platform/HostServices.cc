@@ -1,11 +1,32 @@
 #include "platform/HostServices.h"
 
+#include <algorithm>
+
 #include "platform/Host.h"
+#include "zel/OrvaCtlException.h"
 
 using zel::platform::CurrentHost;
 
 namespace OrvaUtil {
 std::string GetNodeUuid() { return CurrentHost().Cluster().LocalHostUuid(); }
+
+uint8_t GetMaxDiskVersionInCluster() {
+  zel::platform::ClusterInfo info;
+  const NOK_ReturnStatus status = CurrentHost().Cluster().GetClusterInfo(&info);
+  if (status != NOK_OK) {
+    throw HostCtl::Lib::Orva::OrvaCtlException(
+        std::string("Failed to learn the disk format version of the cluster: ") +
+        NOK_ReturnStatusToString(status));
+  }
+  int lowest = CurrentHost().Config().diskFormatVersion;
+  if (!info.members.empty()) {
+    lowest = std::min_element(info.members.begin(), info.members.end(),
+                              [](const auto& a, const auto& b) {
+                                return a.diskFormatVersion < b.diskFormatVersion;
+                              })->diskFormatVersion;
+  }
+  return static_cast<uint8_t>(lowest);
+}
 }  // namespace OrvaUtil
 
 namespace OrvaInfoImpl {
@@ -13,10 +34,6 @@ NOK_ReturnStatus GetClusterInfo(zel::platform::ClusterInfo* info) {
   return CurrentHost().Cluster().GetClusterInfo(info);
 }
 }  // namespace OrvaInfoImpl
-
-bool VolLib_Init() { return CurrentHost().Disks().Init() == NOK_OK; }
-
-void VolLib_Exit() { CurrentHost().Disks().Exit(); }
 
 NOK_ReturnStatus OrvaCompliance_Init(OrvaComplianceHandle** handle) {
   zel::platform::PolicyService& policies = CurrentHost().Policies();

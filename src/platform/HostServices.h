@@ -2,6 +2,7 @@
 // a thin dispatch to the selected host's backend.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "platform/ClusterFacts.h"
@@ -11,15 +12,20 @@
 namespace OrvaUtil {
 // This host's identity, canonical UUID text.
 std::string GetNodeUuid();
+
+// The newest disk format that every cluster member has reached: the
+// minimum of the members' published diskFormatVersion. The gates that ask
+// for it want to know whether some host has not finished its upgrade, so
+// one host behind holds the whole cluster back. With no members (a host
+// outside any cluster) it is this host's own. Throws OrvaCtlException when
+// the membership cannot be read: guessing the current format would open the
+// gates for a host that cannot read it.
+uint8_t GetMaxDiskVersionInCluster();
 }  // namespace OrvaUtil
 
 namespace OrvaInfoImpl {
 NOK_ReturnStatus GetClusterInfo(zel::platform::ClusterInfo* info);
 }  // namespace OrvaInfoImpl
-
-// The virtual-disk library of the datastore.
-bool VolLib_Init();
-void VolLib_Exit();
 
 // A compliance session with the storage policy service.
 struct OrvaComplianceHandle {

@@ -20,6 +20,18 @@ void UpdateNamespace(const std::string& root, const std::string& name, const std
   zel::platform::CurrentHost().GetNamespaces().UpdateNamespace(root, name, policy);
 }
 
+void CreateVirtualDisk(const std::string& path, uint64_t sectors, const std::string& policy) {
+  zel::platform::CurrentHost().Disks().CreateVirtualDisk(path, sectors, policy);
+}
+
+void RemoveVirtualDisk(const std::string& path) {
+  zel::platform::CurrentHost().Disks().RemoveVirtualDisk(path);
+}
+
+void UpdateVirtualDisk(const std::string& path, const std::string& policy) {
+  zel::platform::CurrentHost().Disks().UpdateVirtualDiskPolicy(path, policy);
+}
+
 }  // namespace DiskLunApi
 }  // namespace Storage
 }  // namespace NokCtl

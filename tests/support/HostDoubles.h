@@ -74,6 +74,10 @@ class CallScript {
       if (fault.message.empty()) return;
     } else if constexpr (std::is_arithmetic_v<R> || std::is_enum_v<R>) {
       if (fault.message.empty()) return static_cast<R>(fault.code);
+    } else if constexpr (std::is_same_v<R, platform::DiskError>) {
+      if (fault.message.empty()) {
+        return {static_cast<platform::DiskErrorCode>(fault.code), "Scripted disk failure"};
+      }
     }
     fault.Throw();
   }
@@ -160,9 +164,24 @@ ZEL_DOUBLE(PolicyServiceDouble, PolicyService, SetPolicies)
   ZEL_FORWARD(platform::PolicyStatus, GetObjectPolicyStatus, (Str uuid), (uuid), uuid)
 };
 
+// A fault scripted with a code answers a DiskError of that DiskErrorCode.
 ZEL_DOUBLE(DiskLibraryDouble, DiskLibrary, SetDisks)
+  using Handle = std::unique_ptr<platform::DiskHandle>;
+  using DiskError = platform::DiskError;
   ZEL_FORWARD(NOK_ReturnStatus, Init, (), ())
   ZEL_FORWARD(void, Exit, (), ())
+  ZEL_FORWARD(void, CreateVirtualDisk, (Str path, uint64_t sectors, Str policy),
+              (path, sectors, policy), path, sectors, policy)
+  ZEL_FORWARD(void, RemoveVirtualDisk, (Str path), (path), path)
+  ZEL_FORWARD(void, UpdateVirtualDiskPolicy, (Str path, Str policy), (path, policy), path, policy)
+  ZEL_FORWARD(DiskError, Open, (Str path, uint32_t flags, Handle* handle, platform::DiskInfo* info),
+              (path, flags, handle, info), path, flags)
+  ZEL_FORWARD(DiskError, Rename, (Str from, Str to), (from, to), from, to)
+  ZEL_FORWARD(DiskError, Grow, (Str path, uint64_t sectors), (path, sectors), path, sectors)
+  ZEL_FORWARD(DiskError, GetExtParam, (Str path, Str name, std::string* value),
+              (path, name, value), path, name)
+  ZEL_FORWARD(DiskError, SetExtParam, (Str path, Str name, Str value), (path, name, value), path,
+              name, value)
 };
 
 ZEL_DOUBLE(NamespacesDouble, Namespaces, SetNamespaces)

@@ -182,7 +182,8 @@ TestServices ServiceHome::InstallTestHost() {
       std::make_unique<platform::JsonConfigStore>(config.configStorePath));
   host.Install<PolicyServiceDouble>(
       std::make_unique<platform::LocalPolicyService>(directory, config.hostUuid));
-  host.Install<DiskLibraryDouble>(std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot));
+  host.Install<DiskLibraryDouble>(
+      std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot, config.hostUuid));
   host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
   host.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(config));
   return services;

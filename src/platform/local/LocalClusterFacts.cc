@@ -16,11 +16,15 @@ LocalClusterFacts::LocalClusterFacts(const HostConfig& config, Directory& direct
     : hostUuid_(config.hostUuid),
       hostName_(config.hostName),
       faultDomain_(config.faultDomain),
+      diskFormatVersion_(config.diskFormatVersion),
       clusterMember_(config.clusterMember),
       directory_(directory) {}
 
 std::string LocalClusterFacts::MemberPayload() const {
-  return json{{"hostName", hostName_}, {"faultDomain", faultDomain_}}.dump();
+  return json{{"hostName", hostName_},
+              {"faultDomain", faultDomain_},
+              {"diskFormatVersion", diskFormatVersion_}}
+      .dump();
 }
 
 NOK_ReturnStatus LocalClusterFacts::Announce() {
@@ -77,6 +81,17 @@ NOK_ReturnStatus LocalClusterFacts::GetClusterInfo(ClusterInfo* info) {
       // of another form is still a member, only nameless.
       ZEL_LOG_WARNING("%s: Member entry of host %s has a malformed payload", "ClusterFacts",
                       entry.entryId.c_str());
+    }
+    const auto format = payload.find("diskFormatVersion");
+    if (format != payload.end()) {
+      // A value that cannot be read must not pass for an upgraded host.
+      const bool valid = format->is_number_integer() && format->get<int64_t>() >= 1 &&
+                         format->get<int64_t>() <= 255;
+      member.diskFormatVersion = valid ? format->get<int>() : 1;
+      if (!valid) {
+        ZEL_LOG_WARNING("%s: Member entry of host %s has an invalid disk format version",
+                        "ClusterFacts", entry.entryId.c_str());
+      }
     }
     selfPresent = selfPresent || member.hostUuid == hostUuid_;
     result.members.push_back(std::move(member));

@@ -1,9 +1,11 @@
 // Cluster facts of a local host, kept in the cluster directory: every member
 // host publishes one entry under (kClusterMemberEntryType, kClusterMembersKey)
 // whose entryId and owner are its host identity and whose payload is the JSON
-// object {"hostName": ..., "faultDomain": ...}. The membership is the set of
-// those entries, so every process and host sharing the directory sees the
-// same members.
+// object {"hostName": ..., "faultDomain": ..., "diskFormatVersion": ...}.
+// The membership is the set of those entries, so every process and host
+// sharing the directory sees the same members. A payload without
+// "diskFormatVersion" (published before hosts declared one) reads as
+// kCurrentDiskFormatVersion.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +29,7 @@ class LocalClusterFacts final : public ClusterFacts {
 
   // Makes the directory agree with the host configuration: publishes this
   // host's member entry when it is a cluster member (rewriting it only when
-  // its name or fault domain changed, so that starting a process does not
+  // its name, fault domain or disk format changed, so that starting a process does not
   // wake every subscriber), and removes it otherwise. Waits for the
   // directory. NOK_OK or the directory's status.
   NOK_ReturnStatus Announce();
@@ -43,6 +45,7 @@ class LocalClusterFacts final : public ClusterFacts {
   const std::string hostUuid_;
   const std::string hostName_;
   const std::string faultDomain_;
+  const int diskFormatVersion_;
   const bool clusterMember_;
   Directory& directory_;
 };

@@ -61,7 +61,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<Log
   host->SetCluster(std::move(cluster));
   host->SetStore(std::make_unique<JsonConfigStore>(settled.configStorePath));
   host->SetPolicies(std::make_unique<LocalPolicyService>(shared, settled.hostUuid, &facts));
-  host->SetDisks(std::make_unique<LocalDiskLibrary>(settled.datastoreRoot));
+  host->SetDisks(std::make_unique<LocalDiskLibrary>(settled.datastoreRoot, settled.hostUuid));
   host->SetNamespaces(NewLocalNamespaces(settled));
   host->SetNics(NewLocalNetworkInterfaces());
   host->SetCommands(NewLocalCommandRunner(settled));

@@ -7,7 +7,6 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <future>
 #include <string>
 
 #include <boost/uuid/random_generator.hpp>
@@ -20,6 +19,7 @@
 #include "platform/PolicyRules.h"
 #include "platform/local/AtomicFile.h"
 #include "platform/local/LocalPolicyService.h"
+#include "platform/local/StorageObjects.h"
 
 namespace zel {
 namespace platform {
@@ -63,39 +63,6 @@ void RemoveTreeQuietly(const std::string& dir) {
   if (error) {
     ZEL_LOG_WARNING("%s: Failed to remove namespace directory %s: %s", kTag, dir.c_str(),
                     error.message().c_str());
-  }
-}
-
-void WithdrawQuietly(const std::string& uuid) {
-  const NOK_ReturnStatus status =
-      CurrentHost().GetDirectory().Delete(kStorageObjectEntryType, uuid, uuid);
-  if (status != NOK_OK && status != NOK_NOT_FOUND) {
-    ZEL_LOG_WARNING("%s: Failed to withdraw storage object %s from the cluster directory: %s",
-                    kTag, uuid.c_str(), NOK_ReturnStatusToString(status));
-  }
-}
-
-// Publishes the storage-object entry of `uuid` and waits for the directory.
-void Announce(const std::string& name, const std::string& uuid, const std::string& owner,
-              const std::string& policy) {
-  DirectoryEntry entry;
-  entry.type = kStorageObjectEntryType;
-  entry.key = uuid;
-  entry.entryId = uuid;
-  entry.ownerHost = owner;
-  NOK_ReturnStatus status =
-      platform::MarshalStorageObjectRecord({owner, policy}, &entry.payload);
-  if (status == NOK_OK) {
-    std::promise<NOK_ReturnStatus> completed;
-    std::future<NOK_ReturnStatus> result = completed.get_future();
-    CurrentHost().GetDirectory().AsyncUpdate(
-        entry, nullptr,
-        [&completed](NOK_ReturnStatus done, const DirectoryEntry*) { completed.set_value(done); });
-    status = result.get();
-  }
-  if (status != NOK_OK) {
-    throw OrvaCtlException("Failed to announce namespace " + name + " (" + uuid +
-                           ") in the cluster directory: " + NOK_ReturnStatusToString(status));
   }
 }
 
@@ -167,7 +134,7 @@ std::string LocalNamespaces::CreateNamespace(const std::string& root, const std:
                          {"policy", policy},
                          {"size", size}};
     WriteJsonFileAtomically(where.dir + "/" + kNamespaceRecordFile, record, 0600);
-    Announce(name, where.uuid, hostUuid_, policy);
+    AnnounceStorageObject("namespace " + name, where.uuid, {hostUuid_, policy});
   } catch (const OrvaCtlException&) {
     RemoveTreeQuietly(where.dir);
     throw;
@@ -175,7 +142,7 @@ std::string LocalNamespaces::CreateNamespace(const std::string& root, const std:
 
   if (!where.link.empty() && ::symlink(where.uuid.c_str(), where.link.c_str()) != 0) {
     const int error = errno;
-    WithdrawQuietly(where.uuid);
+    WithdrawStorageObjectQuietly(where.uuid);
     RemoveTreeQuietly(where.dir);
     if (error == EEXIST) throw NamespaceExistsException(taken);
     throw OrvaCtlException("Failed to link namespace " + name + " to " + where.uuid + " in " +
@@ -234,7 +201,7 @@ void LocalNamespaces::UpdateNamespace(const std::string& root, const std::string
   WriteJsonFileAtomically(recordPath, updated, 0600);
   try {
     // The namespace stays with the host that made it, whoever changes it.
-    Announce(name, where.uuid, owner->get<std::string>(), policy);
+    AnnounceStorageObject("namespace " + name, where.uuid, {owner->get<std::string>(), policy});
   } catch (const OrvaCtlException&) {
     // The record and the announcement must not disagree about the policy.
     try {
