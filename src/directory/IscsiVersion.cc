@@ -81,8 +81,8 @@ NOK_ReturnStatus ZeldGetIscsiVersion(const std::string& lunPath, uint32_t* versi
   const unsigned long long parsed = std::strtoull(text.c_str(), &end, 10);
   if (text.empty() || text[0] < '0' || text[0] > '9' || *end != '\0' || errno == ERANGE ||
       parsed > UINT32_MAX) {
-    ZEL_LOG_WARNING("Failed to get extParams for '%s': %s is not a version: '%s'",
-                    lunPath.c_str(), kIscsiVersionParam, text.c_str());
+    ZEL_LOG_WARNING("Failed to get extParams for '%s': %s is not a version: '%s'", lunPath.c_str(),
+                    kIscsiVersionParam, text.c_str());
     return NOK_BAD_PARAM;
   }
   *version = static_cast<uint32_t>(parsed);

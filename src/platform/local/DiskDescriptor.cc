@@ -100,7 +100,8 @@ DiskError Parse(const std::string& path, const std::string& text, DiskInfo* info
         return Bad(path, at + "extent size is not a number of 20 digits");
       }
       if (extent.sizeSectors == 0) return Bad(path, at + "extent of 0 sectors");
-      if (!ParseUuidText(f[2], &extent.objectUuid)) return Bad(path, at + "extent object is not a UUID");
+      if (!ParseUuidText(f[2], &extent.objectUuid))
+        return Bad(path, at + "extent object is not a UUID");
       if (!ValidExtentName(f[3])) {
         return Bad(path, at + "extent file name '" + f[3] + "' leaves the descriptor's directory");
       }
@@ -179,10 +180,10 @@ DiskError CheckDiskExtents(const std::string& path, const DiskInfo& info) {
     }
     const uint64_t want = extent.sizeSectors * kDiskSectorBytes;
     if (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) < want) {
-      return {DiskErrorCode::BadDescriptor,
-              "Extent file " + file + " of virtual disk " + path + " holds " +
-                  std::to_string(status.st_size) + " bytes, less than its " +
-                  std::to_string(extent.sizeSectors) + " sectors"};
+      return {DiskErrorCode::BadDescriptor, "Extent file " + file + " of virtual disk " + path +
+                                                " holds " + std::to_string(status.st_size) +
+                                                " bytes, less than its " +
+                                                std::to_string(extent.sizeSectors) + " sectors"};
     }
   }
   return {};

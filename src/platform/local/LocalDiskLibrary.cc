@@ -5,14 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
-
-#include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid_io.hpp>
 
 #include "platform/Host.h"
 #include "platform/Log.h"
@@ -100,7 +99,8 @@ DiskError OpenDescriptor(const std::string& path, Lock lock, bool checkExtents, 
   for (int attempt = 0;; ++attempt) {
     Fd fd(::open(path.c_str(), access | O_CLOEXEC));
     if (fd.get() < 0) {
-      if (errno == ENOENT) return Failure(DiskErrorCode::NotFound, "Virtual disk " + path + " not found");
+      if (errno == ENOENT)
+        return Failure(DiskErrorCode::NotFound, "Virtual disk " + path + " not found");
       return SystemError("open virtual disk", path, errno);
     }
     if (lock == Lock::Holder && ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -270,7 +270,8 @@ void LocalDiskLibrary::RemoveVirtualDisk(const std::string& path) {
     // The descriptor goes last, so only the extent of its usual name can be
     // left by a removal that got that far.
     const std::string extent = DiskSibling(path, DiskExtentName(path, 0));
-    if (::unlink(extent.c_str()) != 0) throw OrvaCtlException("Virtual disk " + path + " not found");
+    if (::unlink(extent.c_str()) != 0)
+      throw OrvaCtlException("Virtual disk " + path + " not found");
     return;
   }
   if (!error.Ok()) throw OrvaCtlException(error.text);
@@ -295,8 +296,7 @@ void LocalDiskLibrary::RemoveVirtualDisk(const std::string& path) {
   ZEL_LOG_DEBUG("%s: Removed virtual disk %s (%s)", kTag, path.c_str(), uuid.c_str());
 }
 
-void LocalDiskLibrary::UpdateVirtualDiskPolicy(const std::string& path,
-                                               const std::string& policy) {
+void LocalDiskLibrary::UpdateVirtualDiskPolicy(const std::string& path, const std::string& policy) {
   NokCtl::Orva::IscsiTarget::Util::VerifyPolicy(policy);
   const DiskInfo info = DescribeOrThrow(path);
   std::string why;
@@ -375,7 +375,8 @@ DiskError LocalDiskLibrary::Rename(const std::string& from, const std::string& t
   }
   if (const int cause = WriteNewFile(to, FormatDiskDescriptor(moved))) {
     undo();
-    if (cause == EEXIST) return Failure(DiskErrorCode::Exists, "Virtual disk " + to + " already exists");
+    if (cause == EEXIST)
+      return Failure(DiskErrorCode::Exists, "Virtual disk " + to + " already exists");
     return SystemError("write virtual disk descriptor", to, cause);
   }
   // From here the disk is whole under `to`; what is left of `from` is only

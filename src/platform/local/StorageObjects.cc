@@ -44,9 +44,9 @@ void AnnounceStorageObject(const std::string& what, const std::string& uuid,
   NOK_ReturnStatus status = MarshalStorageObjectRecord(record, &entry.payload);
   if (status == NOK_OK) status = UpdateAndWait(entry, nullptr);
   if (status != NOK_OK) {
-    throw HostCtl::Lib::Orva::OrvaCtlException("Failed to announce " + what + " (" + uuid +
-                                               ") in the cluster directory: " +
-                                               NOK_ReturnStatusToString(status));
+    throw HostCtl::Lib::Orva::OrvaCtlException(
+        "Failed to announce " + what + " (" + uuid +
+        ") in the cluster directory: " + NOK_ReturnStatusToString(status));
   }
 }
 
@@ -54,8 +54,8 @@ void WithdrawStorageObjectQuietly(const std::string& uuid) {
   const NOK_ReturnStatus status =
       CurrentHost().GetDirectory().Delete(kStorageObjectEntryType, uuid, uuid);
   if (status != NOK_OK && status != NOK_NOT_FOUND) {
-    ZEL_LOG_WARNING("%s: Failed to withdraw storage object %s from the cluster directory: %s",
-                    kTag, uuid.c_str(), NOK_ReturnStatusToString(status));
+    ZEL_LOG_WARNING("%s: Failed to withdraw storage object %s from the cluster directory: %s", kTag,
+                    uuid.c_str(), NOK_ReturnStatusToString(status));
   }
 }
 
