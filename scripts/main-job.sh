@@ -3,7 +3,8 @@
 # and formats the sample configuration, then creates the service's
 # namespace, enables the service (a real zeld starts), shows its status and
 # defaults, groups initiators, creates a CHAP target with an initiator ACL,
-# shows it as a table and as JSON, changes and removes it, and disables the
+# shows it as a table and as JSON, adds a LUN to it, shows the LUN, grows it
+# offline and removes it, changes and removes the target, and disables the
 # service again. Nothing outside the home is touched.
 set -eu
 cd "$(dirname "$0")/.."
@@ -40,6 +41,13 @@ echo 'Orders#Secret1' | zelctl target add --alias orders --auth-type CHAP \
   --initiator iqn.2024-01.org.example:backup1
 zelctl target list
 zelctl --json target get orders
+echo "== zelctl lun add / list / update (grow offline) / remove"
+zelctl lun add --target orders --size 1GiB --alias ledger
+zelctl lun list --target orders
+zelctl lun update --target orders --id 0 --status offline
+zelctl lun update --target orders --id 0 --size 2GiB
+zelctl --json lun get --target orders --id 0
+zelctl lun remove --target orders --id 0
 echo "== zelctl target update / remove"
 zelctl target update orders --new-alias orders-eu \
   --remove-initiator iqn.2024-01.org.example:backup1

@@ -675,7 +675,9 @@ TEST_F(RecordConversion, LunsComeInNumberOrderWithSizeStatusAndOptions) {
   for (size_t i = 0; i < luns.size(); ++i) {
     EXPECT_EQ(i == 3 ? "offline" : "online", luns[i].status) << i;
     EXPECT_EQ(i == 0 ? "journal6000C2912345678900000000000000AB" : "", luns[i].alias + luns[i].naa);
-    EXPECT_EQ("", luns[i].size + luns[i].policy);
+    // In the largest unit that holds the sectors exactly, else in sectors.
+    EXPECT_EQ(i == 1 ? "4095 sectors" : i == 2 ? "2147483648TiB" : "1MiB", luns[i].size);
+    EXPECT_EQ("", luns[i].policy);
     EXPECT_EQ("backup", luns[i].target);
     EXPECT_EQ(1, luns[i].recordVersion);
     EXPECT_FALSE(luns[i].policyCompliant);

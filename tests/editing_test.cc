@@ -93,7 +93,16 @@ std::string StandardWith(const std::string& from, const std::string& to,
 }
 class EditingTest : public ::testing::Test {
  protected:
-  EditingTest() {
+  EditingTest() { UseHost(); }
+  // A host that reads host.json again; the service object goes first, since
+  // it holds a session of the old host's policy service.
+  void Reinstall() {
+    service_.reset();
+    services_ = home_.InstallTestHost();
+    UseHost();
+  }
+  // The selected host's interfaces, and a service object on it.
+  void UseHost() {
     auto nics = std::make_unique<FakeNetworkInterfaces>();
     // Real kernel names that zel.conf cannot keep in an unquoted word too.
     for (const char* name : {"nok0", "nok1", "nok1:1", "nok#2"})
@@ -361,6 +370,14 @@ TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
   TargetCreateParam move = Param("lab", "", "nok1", 4000);
   move.initiatorsToAdd = {kIqn + "lab-1", "finance-hosts"};
   move.faultDomain = "Preferred";
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(move); }),
+            "ZEL support stretched cluster is disabled");
+  home_.SetHostSetting("options", {{"ORVA.ZelStretchedCluster", 1}});
+  Reinstall();
+  EXPECT_EQ(RefusalChangingNothing([&] { service_->UpdateTargetConfig(move); }),
+            "This host is not in stretched cluster");
+  home_.SetHostSetting("faultDomain", "site-a");
+  Reinstall();
   service_->UpdateTargetConfig(move);
   TargetInfo lab = Target("lab");
   EXPECT_EQ((std::vector<std::string>{lab.networkInterface, std::to_string(lab.port), lab.authType,

@@ -135,7 +135,7 @@ TEST_F(FacadeReadTest, NamespaceInfoOnADatastoreWithoutNamespaceIsEmptyOrThrows)
 }
 
 TEST_F(FacadeReadTest, HostOutsideAClusterConstructsAndStaysDisabled) {
-  home_.SetClusterMember(false);
+  home_.SetHostSetting("clusterMember", false);
   host_ = home_.InstallTestHost();
   std::unique_ptr<OrvaIscsiTarget> service = NewService();
   EXPECT_TRUE(host_.log->Contains("OrvaIscsiTargetImpl: The host is not in a Orva cluster."));

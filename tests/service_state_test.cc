@@ -17,6 +17,7 @@
 #include "platform/local/LocalKernelOptions.h"
 #include "platform/local/LocalLegacyConfig.h"
 #include "service/ConfigBackup.h"
+#include "platform/FeatureGates.h"
 #include "service/ServiceConfig.h"
 #include "storage/DatastoreLayout.h"
 #include "support/Messages.h"

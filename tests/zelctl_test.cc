@@ -170,10 +170,14 @@ TEST_F(ZelctlTest, ReadCommandsPrintTablesOrJson) {
   lines = TableLines({"target", "get", "finance"});
   ASSERT_GE(lines.size(), 3u);
   const std::vector<std::string> lunTable(lines.end() - 3, lines.end());
-  EXPECT_THAT(Cells(lunTable[0]), ElementsAre("id", "alias", "sizeMiB", "status", "uuid"));
-  EXPECT_THAT(Cells(lunTable[1]), ElementsAre("0", "ledger", "1024", "online", kLedgerUuid));
-  EXPECT_THAT(Cells(lunTable[2]), ElementsAre("1", "100", "offline", kArchiveUuid));
-  EXPECT_EQ(TableLines({"lun", "list", "--target", "finance"}), lunTable);
+  EXPECT_THAT(Cells(lunTable[0]), ElementsAre("id", "alias", "size", "status", "uuid"));
+  EXPECT_THAT(Cells(lunTable[1]), ElementsAre("0", "ledger", "1GiB", "online", kLedgerUuid));
+  EXPECT_THAT(Cells(lunTable[2]), ElementsAre("1", "100MiB", "offline", kArchiveUuid));
+  // lun list shows every field, the policies with them.
+  const std::vector<std::string> lunList = TableLines({"lun", "list", "--target", "finance"});
+  ASSERT_EQ(lunList.size(), 3u);
+  EXPECT_EQ(Cells(lunList[0]).size(), 12u);
+  EXPECT_THAT(lunList[1], HasSubstr("ledger-policy"));
   const json finance = RunJson({"target", "get", "finance"});
   EXPECT_EQ(finance["uuid"], kFinanceUuid);
   ASSERT_EQ(finance["luns"].size(), 2u);

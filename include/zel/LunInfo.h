@@ -19,8 +19,8 @@ struct LunInfo {
   int32_t recordVersion = 0;
   std::string uuid;  // identity of the backing object
   std::string path;  // absolute path of the backing disk descriptor
-  // The size as the caller writes it ("10GiB"); the configuration keeps only
-  // sizeSectors, so records read back leave it empty.
+  // The size as the caller writes it ("10GiB"); records read back give
+  // sizeSectors in the largest unit that holds it exactly.
   std::string size;
   uint64_t sizeMiB = 0;      // 0 when the unit table could not resolve MiB
   uint64_t sizeSectors = 0;  // 512-byte sectors, as stored in the configuration

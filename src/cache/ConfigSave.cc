@@ -48,9 +48,10 @@ void DoActionForConfigChange(uint64_t generation) {
                          NOK_ReturnStatusToString(status));
 }
 
-uint64_t SaveAndAnnounceConfig(ConfHandle& handle) {
+uint64_t SaveAndAnnounceConfig(ConfHandle& handle, bool* rollback) {
   RefuseToSaveBehindThePublishedGeneration(handle);
   const uint64_t generation = handle.WriteConfFile();
+  if (rollback != nullptr) *rollback = false;
   ConfigCache::CleanupCachedConfig();
   DoActionForConfigChange(generation);
   return generation;

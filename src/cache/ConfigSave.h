@@ -30,7 +30,11 @@ void DoActionForConfigChange(uint64_t generation);
 // zel.conf reads as a valid configuration, and a save over it would publish
 // a lower generation that every host ignores while the configuration is
 // lost.
-uint64_t SaveAndAnnounceConfig(ConfHandle& handle);
+//
+// When `rollback` is given it is cleared as soon as the file is written:
+// from then on the file names what the caller made for it (a namespace, a
+// disk), and undoing that would leave the entry without it.
+uint64_t SaveAndAnnounceConfig(ConfHandle& handle, bool* rollback = nullptr);
 
 // True, storing the cached generation into `known`, when the configuration
 // cache holds a generation later than `known`. An empty cache tells

@@ -61,6 +61,7 @@ LunInfo ToLunInfo(const struct lun* lun, const TargetInfo& target, uint64_t mibB
   info.id = static_cast<int32_t>(lun->l_zeld_lun);
   info.recordVersion = 1;
   info.sizeSectors = lun->l_size;
+  info.size = Util::LunSizeText(lun->l_size);
   info.sizeMiB = SizeInUnits(lun->l_size, mibBytes);
   // Only ramdisk-backed LUNs, which the service never creates, lack a path.
   if (lun->l_path != nullptr) {

@@ -2,9 +2,6 @@
 
 #include <strings.h>
 
-#include <cstdint>
-
-#include "cache/ConfigCache.h"
 #include "cache/ConfigSave.h"
 #include "edit/Parser.h"
 #include "edit/ParserQueries.h"
@@ -96,12 +93,7 @@ void AddNewTargetToConfFile(TargetCreateParam& param, bool& rollback) {
     AddTargetInitiators(target, param.initiatorsToAdd);
     if (!param.faultDomain.empty()) SetTargetAffinity(target, param.faultDomain);
 
-    const uint64_t generation = handle.WriteConfFile();
-    // From here the file names the namespace: undoing it would orphan the
-    // target, so the caller must keep it.
-    rollback = false;
-    ConfigCache::CleanupCachedConfig();
-    Util::DoActionForConfigChange(generation);
+    Util::SaveAndAnnounceConfig(handle, &rollback);
   } catch (const OrvaCtlException& e) {
     ZEL_LOG_ERROR("%s: Failed to add target %s to conf file with error: %s\n", kTag,
                   param.alias.c_str(), e.GetMessage().c_str());

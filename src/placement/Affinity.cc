@@ -1,5 +1,7 @@
 #include "placement/Affinity.h"
 
+#include "cache/ConfigCache.h"
+#include "platform/FeatureGates.h"
 #include "storage/Compliance.h"
 #include "zel/OrvaCtlException.h"
 
@@ -16,6 +18,22 @@ const char kPreferred[] = "Preferred";
 const char kNonPreferred[] = "NonPreferred";
 // The update path's way of removing an affinity.
 const char kNoLocation[] = "None";
+const char kLunLocalityMismatch[] = "Incompatible between target location and lun policy locality";
+
+// Without a finer fact from the cluster, a cluster is stretched when some
+// member names the site it is in.
+bool InStretchedCluster() {
+  zel::platform::ClusterInfo cluster;
+  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
+  if (status != NOK_OK) {
+    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
+                           NOK_ReturnStatusToString(status));
+  }
+  for (const zel::platform::ClusterMember& member : cluster.members) {
+    if (!member.faultDomain.empty()) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -56,8 +74,34 @@ void VerifyUpdateTargetAffinity(OrvaComplianceHandle* handle, const Api::TargetC
     // live on the LUNs' storage objects.
     if (lun.policy.empty()) GetPolicyComplianceStatusForLun(handle, lun);
     if (!IsLocationCompatibleWithPolicy(location, lun.policy)) {
-      throw OrvaCtlException("Incompatible between target location and lun policy locality");
+      throw OrvaCtlException(kLunLocalityMismatch);
     }
+  }
+}
+
+void ValidateSiteAffinity() {
+  if (!IsZelFeatureEnabled("ZelStretchedCluster")) {
+    throw OrvaCtlException("ZEL support stretched cluster is disabled");
+  }
+  if (!ZelCheckDiskFormatVersion(kDiskFormatPlacement)) {
+    throw OrvaCtlException(
+        "Some hosts didn't finish disk format upgrade of Orva 7.0u1, rejecting zel affinity check "
+        "until upgrade is completed.");
+  }
+  if (!InStretchedCluster()) throw OrvaCtlException("This host is not in stretched cluster");
+}
+
+void ValidateSiteAffinityFor(const std::string& location) {
+  if (location == kPreferred || location == kNonPreferred) ValidateSiteAffinity();
+}
+
+void VerifyLunPolicyAndAffinity(const Api::LunInfo& lun) {
+  for (const Api::TargetInfo& target : ConfigCache::GetTargetsInfos()) {
+    if (target.alias != lun.target) continue;
+    if (!IsLocationCompatibleWithPolicy(target.faultDomain, lun.policy)) {
+      throw OrvaCtlException(kLunLocalityMismatch);
+    }
+    return;
   }
 }
 

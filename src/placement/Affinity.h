@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/HostServices.h"
+#include "zel/LunInfo.h"
 #include "zel/TargetCreateParam.h"
 #include "zel/TargetInfo.h"
 
@@ -40,6 +41,20 @@ void VerifyNewTargetAffinity(const HostCtl::Orva::IscsiTarget::TargetCreateParam
 void VerifyUpdateTargetAffinity(OrvaComplianceHandle* handle,
                                 const HostCtl::Orva::IscsiTarget::TargetCreateParam& param,
                                 const HostCtl::Orva::IscsiTarget::TargetInfo& current);
+
+// Setting a location needs the stretched-cluster feature, every host on
+// the disk format that placement needs, and a stretched cluster (some
+// member names its site); throws the first that is missing.
+void ValidateSiteAffinity();
+
+// ValidateSiteAffinity when `location` names a site; clearing a location,
+// or a name that is none of the sites (which the editor refuses with its own
+// message), asks nothing of the cluster.
+void ValidateSiteAffinityFor(const std::string& location);
+
+// A LUN's requested policy against its target's location; a target that
+// is not in the configuration has no location to contradict.
+void VerifyLunPolicyAndAffinity(const HostCtl::Orva::IscsiTarget::LunInfo& lun);
 
 }  // namespace Util
 }  // namespace IscsiTarget

@@ -12,6 +12,7 @@
 #include "platform/Host.h"
 #include "platform/Log.h"
 #include "platform/local/LocalClusterFacts.h"
+#include "platform/FeatureGates.h"
 #include "service/ServiceConfig.h"
 #include "zel/OrvaCtlException.h"
 

@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <functional>
 #include <map>
+#include <set>
 
 #include "conf/ConfHandle.h"
 #include "directory/DirectoryEntries.h"
@@ -15,6 +16,7 @@
 #include "platform/Log.h"
 #include "storage/DatastoreLayout.h"
 #include "storage/DiskLunApi.h"
+#include "storage/LunPaths.h"
 #include "storage/TargetNamespace.h"
 #include "zel/OrvaCtlException.h"
 
@@ -50,14 +52,28 @@ std::vector<std::string> Names(const std::string& directory) {
 
 bool Settled(const struct stat& status) { return ::time(nullptr) - status.st_mtime >= kSettleSeconds; }
 
-// The targets `handle` names, identity to alias, and whether its file is
-// behind the published generation.
-void CollectTargets(const ConfHandle& handle, std::map<std::string, std::string>* targets,
-                    std::vector<Problem>* problems) {
+// What zel.conf names: its targets by identity, and its LUNs' disks.
+struct Named {
+  std::map<std::string, std::string> targets;  // identity -> alias
+  std::map<std::string, std::string> disks;    // absolute path -> "LUN n of target a"
+};
+
+// What `handle` names, and whether its file is behind the published
+// generation.
+void CollectNamed(const ConfHandle& handle, Named* named, std::vector<Problem>* problems) {
   const struct target* target;
   TAILQ_FOREACH(target, &handle.conf->conf_targets, t_next) {
+    const std::string alias = target->t_alias ? target->t_alias : "";
     const struct target_option* uuid = target_option_find(target, "uuid");
-    if (uuid != nullptr) (*targets)[uuid->to_value] = target->t_alias ? target->t_alias : "";
+    if (uuid != nullptr) named->targets[uuid->to_value] = alias;
+    for (const struct lun* lun : target->t_luns) {
+      char path[256];
+      if (lun == nullptr || lun->l_path == nullptr ||
+          GetLunAbsPath(lun->l_path, path, sizeof path) != 0) {
+        continue;
+      }
+      named->disks[path] = "LUN " + std::to_string(lun->l_zeld_lun) + " of target " + alias;
+    }
   }
   uint64_t published = 0;
   const uint64_t generation = handle.GetCurrentGenerationNum();
@@ -70,6 +86,10 @@ void CollectTargets(const ConfHandle& handle, std::map<std::string, std::string>
   }
 }
 
+bool EndsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 // `held`: the caller's handle on zel.conf, or null to read it here.
 std::vector<Problem> FindProblems(const ConfHandle* held) {
   std::vector<Problem> problems;
@@ -80,13 +100,14 @@ std::vector<Problem> FindProblems(const ConfHandle* held) {
     problems.push_back({{"zel.conf not found at " + conf}, {}});
     return problems;
   }
-  std::map<std::string, std::string> targets;
+  Named named;
+  const std::map<std::string, std::string>& targets = named.targets;
   bool read = true;
   if (held != nullptr) {
-    CollectTargets(*held, &targets, &problems);
+    CollectNamed(*held, &named, &problems);
   } else {
     try {
-      CollectTargets(ConfHandle(ConfHandle::kShareMode, conf), &targets, &problems);
+      CollectNamed(ConfHandle(ConfHandle::kShareMode, conf), &named, &problems);
     } catch (const OrvaCtlException& e) {
       problems.push_back({{"zel.conf does not read: " + e.GetMessage()}, {}});
       read = false;
@@ -102,7 +123,25 @@ std::vector<Problem> FindProblems(const ConfHandle* held) {
                           [uuid = uuid] { RelinkTargetNamespace(uuid); }});
     }
   }
+  for (const auto& [path, lun] : named.disks) {
+    if (::stat(path.c_str(), &status) != 0) problems.push_back({{lun + " has no disk " + path}, {}});
+  }
   if (read) {
+    // Disks in target namespaces that no LUN names: left by a creation that
+    // died before zel.conf named the disk, or by a removal that died after
+    // zel.conf dropped it.
+    for (const auto& [uuid, alias] : targets) {
+      const std::string dir = root + "/" + uuid;
+      for (const std::string& name : Names(dir)) {
+        const std::string path = dir + "/" + name;
+        if (!EndsWith(name, ".qdsk") || named.disks.count(path) != 0 ||
+            ::lstat(path.c_str(), &status) != 0 || !Settled(status)) {
+          continue;
+        }
+        problems.push_back({{"LUN disk " + path + " belongs to no LUN", true},
+                            [path] { NokCtl::Storage::DiskLunApi::RemoveVirtualDisk(path); }});
+      }
+    }
     for (const std::string& name : Names(links)) {
       const std::string link = links + "/" + name;
       if (targets.count(name) != 0 || ::lstat(link.c_str(), &status) != 0 || !Settled(status)) {

@@ -1,5 +1,5 @@
 // Operations of the interface whose machinery (storage, enablement,
-// editing, placement) this version of the library does not carry yet. They
+// placement) this version of the library does not carry yet. They
 // refuse plainly instead of pretending to succeed.
 #include "service/OrvaIscsiTargetImpl.h"
 
@@ -14,11 +14,6 @@ namespace {
 }
 }  // namespace
 
-void OrvaIscsiTargetImpl::AddLun(Api::LunInfo&) { NotAvailable("AddLun"); }
-void OrvaIscsiTargetImpl::RemoveLun(unsigned, const std::string&) { NotAvailable("RemoveLun"); }
-void OrvaIscsiTargetImpl::UpdateLun(Api::LunInfo&, int, const std::string&, bool) {
-  NotAvailable("UpdateLun");
-}
 void OrvaIscsiTargetImpl::TransferTargetsOwner(std::vector<Api::TargetInfo>&, int) {
   NotAvailable("TransferTargetsOwner");
 }

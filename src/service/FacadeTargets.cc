@@ -37,7 +37,8 @@ void OrvaIscsiTargetImpl::AddTarget(Api::TargetCreateParam& param) {
   Util::VerifyNetworkConfig(param.networkInterface, param.port);
   Util::VerifyTargetAuthParams(param);
   if (!param.policy.empty()) Util::VerifyPolicy(param.policy);
-  if (!param.faultDomain.empty()) Util::VerifyNewTargetAffinity(param);
+  Util::ValidateSiteAffinityFor(param.faultDomain);
+  Util::VerifyNewTargetAffinity(param);
 
   const std::string targetUuid = boost::uuids::to_string(boost::uuids::random_generator()());
   Util::CreateTargetNamespace(targetUuid, param.policy, param.uuid);
@@ -70,6 +71,7 @@ void OrvaIscsiTargetImpl::UpdateTargetConfig(Api::TargetCreateParam& param) {
   CheckIscsiServiceStatus(false);
   Util::VerifyNetworkConfig(param.networkInterface, param.port);
   Util::VerifyTargetAuthParams(param);
+  Util::ValidateSiteAffinityFor(param.faultDomain);
   const Api::TargetInfo current = Util::GetTargetInfoFromConfFile(param.alias);
   try {
     ConfHandle handle(ConfHandle::kExclusiveMode, Util::GetConfFilePath());

@@ -5,6 +5,7 @@
 #include "cache/ConfigCache.h"
 #include "edit/Parser.h"
 #include "platform/Log.h"
+#include "platform/FeatureGates.h"
 #include "platform/VolLib.h"
 #include "service/ServiceConfig.h"
 

@@ -1,7 +1,7 @@
 // The service's state on this host outside zel.conf: the enabled flag and
 // the copy of the cluster-wide defaults, kept in the host configuration
 // store (or, with the store feature off, the flag alone in the legacy host
-// configuration file), and the integer kernel options.
+// configuration file). The kernel options are platform/FeatureGates.h.
 #pragma once
 
 #include <string>
@@ -34,15 +34,6 @@ void UpdateDefaultConfigToConfigStore(const HostCtl::Orva::IscsiTarget::DefaultI
 
 // The last defaults read from or written to the store.
 HostCtl::Orva::IscsiTarget::DefaultInfo GetDefaultConfigCache();
-
-// The integer option `field` of option group `component` ("ORVA-iSCSI",
-// "ORVA"). Never throws: an option the host never set reads 0 (which turns
-// its feature off), and an option that cannot be read reads 0 with a
-// warning.
-int ZelGetNsiIntOpt(const std::string& component, const std::string& field);
-
-// Whether the feature switch `name` of group "ORVA" is on.
-bool IsZelFeatureEnabled(const std::string& name);
 
 // Whether this process is the host management agent, by its invocation
 // name. Decided once.

@@ -44,6 +44,17 @@ void UpdateTargetNamespacePolicy(const std::string& targetUuid, const std::strin
   UpdatePolicyOf(targetUuid, policy);
 }
 
+void UpdateLunPolicy(const std::string& diskPath, const std::string& policy) {
+  try {
+    NokCtl::Storage::DiskLunApi::UpdateVirtualDisk(diskPath, policy);
+  } catch (const OrvaCtlException& e) {
+    const std::string message =
+        "Failed to update storage policy of LUN disk " + diskPath + " with error: " + e.GetMessage();
+    ZEL_LOG_ERROR("%s: %s\n", "Util", message.c_str());
+    throw OrvaCtlException(message);
+  }
+}
+
 }  // namespace Util
 }  // namespace IscsiTarget
 }  // namespace Orva

@@ -1,5 +1,5 @@
 // The service's use of storage policies: the datastore's default policy and
-// changing the policy of a namespace. The policy text itself is
+// changing the policy of a namespace or a LUN disk. The policy text itself is
 // platform/PolicyRules.h.
 #pragma once
 
@@ -22,6 +22,9 @@ std::string GetDatastoreDefaultPolicy();
 // logged and thrown with the namespace named.
 void UpdateNamespacePolicy(const std::string& policy);
 void UpdateTargetNamespacePolicy(const std::string& targetUuid, const std::string& policy);
+
+// Gives the LUN disk `diskPath` a new policy, as for namespaces.
+void UpdateLunPolicy(const std::string& diskPath, const std::string& policy);
 
 }  // namespace Util
 }  // namespace IscsiTarget

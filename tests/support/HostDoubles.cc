@@ -57,9 +57,13 @@ std::optional<Fault> CallScript::Record(const std::string& call, const std::stri
   {
     std::lock_guard<std::mutex> guard(mutex_);
     calls_.emplace_back(call, line);
-    if (journal_ != nullptr) journal_->Record(call, line);
+    if (static_cast<int>(calls_.size()) == failAt_) fault = Fault{failCode_, ""};
+    if (journal_ != nullptr) {
+      if (auto journaled = journal_->Record(call, line)) fault = journaled;
+    }
     if (auto found = hooks_.find(call); found != hooks_.end()) hook = found->second;
     for (const std::string& key : {line, call}) {
+      if (fault) break;
       if (auto queued = pending_.find(key); queued != pending_.end() && !queued->second.empty()) {
         fault = queued->second.front();
         queued->second.pop_front();

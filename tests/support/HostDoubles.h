@@ -50,6 +50,14 @@ class CallScript {
     Heal(key);
     if (code != 0) FailNext(key, code, kAlways);
   }
+  // The `n`th call recorded from now on (1: the next), whatever its name,
+  // answers `code`: a sweep fails each call of an operation in turn. Set on
+  // a journal, it counts and fails the calls of every double writing to it.
+  void FailCallNumber(int n, int code) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    failAt_ = static_cast<int>(calls_.size()) + n;
+    failCode_ = code;
+  }
   // Runs `hook` at every later call named `call`, before its fault or target.
   void Before(const std::string& call, std::function<void()> hook);
   // Every call so far, in order; how many were named `call`.
@@ -92,6 +100,8 @@ class CallScript {
   std::map<std::string, Fault> always_;
   std::map<std::string, std::function<void()>> hooks_;
   CallScript* journal_ = nullptr;
+  int failAt_ = 0;  // the number of the call FailCallNumber fails; 0: none
+  int failCode_ = 0;
 };
 
 using Journal = CallScript;

@@ -127,11 +127,11 @@ std::string ServiceHome::NamespaceDir() const {
 
 std::string ServiceHome::ConfPath() const { return NamespaceDir() + "/etc/zel.conf"; }
 
-void ServiceHome::SetClusterMember(bool member) {
+void ServiceHome::SetHostSetting(const std::string& key, const nlohmann::json& value) {
   const std::string path = Path() + "/host.json";
   nlohmann::json document;
   platform::ReadJsonFile(path, "Host configuration", &document);
-  document["clusterMember"] = member;
+  document[key] = value;
   platform::WriteJsonFileAtomically(path, document, 0644);
 }
 
@@ -171,21 +171,30 @@ TestServices ServiceHome::InstallTestHost() {
   localHost_.reset();
   testHost_.reset();
   testHost_ = std::make_unique<ScopedTestHost>(platform::LoadHostConfig(Path()));
+  journal_ = std::make_unique<Journal>();
   ScopedTestHost& host = *testHost_;
   const platform::HostConfig& config = host.Config();
   TestServices services = host.Services();
-  platform::Directory& directory = host.Install<DirectoryDouble>(OpenDirectory(config));
-  auto cluster = std::make_unique<platform::LocalClusterFacts>(config, directory);
+  services.journal = journal_.get();
+  // Every double records into the journal from its first call on.
+  auto install = [&](auto target) -> auto& {
+    using Double = typename std::remove_reference_t<decltype(*target)>;
+    auto& installed = host.Install<Double>(std::move(target));
+    installed.JournalInto(journal_.get());
+    return installed;
+  };
+  services.directory = &install(std::make_unique<DirectoryDouble>(OpenDirectory(config)));
+  auto cluster = std::make_unique<platform::LocalClusterFacts>(config, *services.directory);
   if (cluster->Announce() != NOK_OK) throw std::runtime_error("cannot announce this host");
-  host.Install<ClusterFactsDouble>(std::move(cluster));
-  services.store = &host.Install<ConfigStoreDouble>(
-      std::make_unique<platform::JsonConfigStore>(config.configStorePath));
-  host.Install<PolicyServiceDouble>(
-      std::make_unique<platform::LocalPolicyService>(directory, config.hostUuid));
-  host.Install<DiskLibraryDouble>(
-      std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot, config.hostUuid));
-  host.Install<NamespacesDouble>(platform::NewLocalNamespaces(config));
-  host.Install<KernelOptionsDouble>(platform::NewLocalKernelOptions(config));
+  install(std::make_unique<ClusterFactsDouble>(std::move(cluster)));
+  services.store = &install(std::make_unique<ConfigStoreDouble>(
+      std::make_unique<platform::JsonConfigStore>(config.configStorePath)));
+  install(std::make_unique<PolicyServiceDouble>(
+      std::make_unique<platform::LocalPolicyService>(*services.directory, config.hostUuid)));
+  services.disks = &install(std::make_unique<DiskLibraryDouble>(
+      std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot, config.hostUuid)));
+  install(std::make_unique<NamespacesDouble>(platform::NewLocalNamespaces(config)));
+  install(std::make_unique<KernelOptionsDouble>(platform::NewLocalKernelOptions(config)));
   return services;
 }
 

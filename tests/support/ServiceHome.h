@@ -13,6 +13,8 @@
 #include <memory>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "platform/Host.h"
 #include "support/TestHost.h"
 #include "zel/DefaultInfo.h"
@@ -52,8 +54,9 @@ class ServiceHome {
   std::string NamespaceDir() const;
   std::string ConfPath() const;
 
-  // host.json: whether this host is a cluster member (it is by default).
-  void SetClusterMember(bool member);
+  // Sets `key` of host.json ("clusterMember", "faultDomain", "options", ...);
+  // the next Install reads it.
+  void SetHostSetting(const std::string& key, const nlohmann::json& value);
 
   // The configuration store.
   void SetServiceEnabled(bool enabled);
@@ -69,7 +72,7 @@ class ServiceHome {
                       const std::string& policy = "");
   // Selects a ScopedTestHost of this home with the local directory, cluster
   // facts, store, policies, disks, namespaces and kernel options attached,
-  // each inside its double (HostDoubles.h).
+  // each inside its double (HostDoubles.h), all recording into one journal.
   TestServices InstallTestHost();
   // Selects the local service host of this home, as zelctl does.
   void InstallLocalServiceHost(platform::LogLevel maxLevel = platform::LogLevel::Warning);
@@ -77,6 +80,7 @@ class ServiceHome {
  private:
   TempHome home_;
   std::string hostUuid_;
+  std::unique_ptr<Journal> journal_;  // outlives the doubles writing to it
   // At most one is set; a second install replaces this home's earlier host.
   std::unique_ptr<ScopedTestHost> testHost_;
   std::unique_ptr<HostSelection> localHost_;

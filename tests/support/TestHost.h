@@ -134,12 +134,16 @@ class TempHome {
   std::string path_;
 };
 
-// The test host's own parts, and the store's double of a ServiceHome.
+// The test host's own parts, and a ServiceHome's doubles, with the journal
+// into which every one of them records its calls.
 struct TestServices {
   TestClock* clock;
   RecordingLogSink* log;
   FaultyFileSystem* files;
   ConfigStoreDouble* store = nullptr;
+  DirectoryDouble* directory = nullptr;
+  DiskLibraryDouble* disks = nullptr;
+  Journal* journal = nullptr;
 };
 
 // Selects `host` for the object's life and puts the previous host back.

@@ -56,6 +56,10 @@ CLI::App* AddServiceCommand(CLI::App& parent, const std::string& name,
                             const std::string& description, const GlobalOptions& options,
                             int& exitCode, std::function<void()> action);
 
+// While set, `watcher` sees every log line of the service (whether -v
+// shows it or not); nullptr removes it.
+void WatchLog(std::function<void(const std::string&)> watcher);
+
 // Each command family adds its subcommands to the application; the action
 // they install stores the exit code in `exitCode`.
 void AddConfCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
@@ -66,5 +70,7 @@ void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
 // REQUIRES: AddServiceCommands ran (it adds the "target" and
 // "initiator-group" families that these extend).
 void AddEditCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
+// REQUIRES: AddServiceCommands ran (it adds the "lun" family).
+void AddLunEditCommands(CLI::App& lun, const GlobalOptions& options, int& exitCode);
 
 }  // namespace zelctl

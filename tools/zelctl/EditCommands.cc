@@ -1,4 +1,5 @@
-// zelctl commands that change targets and initiator groups. Every check of
+// zelctl commands that change targets and initiator groups (and, through
+// LunCommands.cc, LUNs). Every check of
 // the values is the service's own: the command line only gathers them, so
 // an operator sees the same message as any other client of the service.
 #include <iostream>
@@ -187,6 +188,7 @@ void AddGroupEditCommands(CLI::App& group, const GlobalOptions& options, int& ex
 void AddEditCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
   AddTargetEditCommands(*app.get_subcommand("target"), options, exitCode);
   AddGroupEditCommands(*app.get_subcommand("initiator-group"), options, exitCode);
+  AddLunEditCommands(*app.get_subcommand("lun"), options, exitCode);
 }
 
 }  // namespace zelctl

@@ -12,6 +12,7 @@ ordered_json ToJson(const HostCtl::Orva::IscsiTarget::LunInfo& lun) {
                       {"alias", lun.alias},
                       {"uuid", lun.uuid},
                       {"path", lun.path},
+                      {"size", lun.size},
                       {"sizeMiB", lun.sizeMiB},
                       {"sizeSectors", lun.sizeSectors},
                       {"target", lun.target},

@@ -16,7 +16,12 @@ using nlohmann::ordered_json;
 
 const std::vector<std::string> kTargetColumns = {"alias", "iqn", "networkInterface", "port",
                                                  "authType", "ownerHostUuid", "faultDomain"};
-const std::vector<std::string> kLunColumns = {"id", "alias", "sizeMiB", "status", "uuid"};
+// A LUN list shows every field of the records, as its JSON does; a
+// target's block ends with the few that tell its LUNs apart.
+const std::vector<std::string> kLunColumns = {
+    "id",     "alias",  "size",   "sizeMiB",         "sizeSectors", "status",
+    "target", "policy", "policyCompliant", "naa", "uuid",        "path"};
+const std::vector<std::string> kTargetLunColumns = {"id", "alias", "size", "status", "uuid"};
 
 void AddHostCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
   CLI::App* host = app.add_subcommand("host", "Facts about this host");
@@ -54,7 +59,7 @@ void AddTargetCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
       PrintKeyValues(std::cout, record);
       if (!luns.empty()) {
         std::cout << '\n';
-        PrintTable(std::cout, luns, kLunColumns);
+        PrintTable(std::cout, luns, kTargetLunColumns);
       }
     });
   })->add_option("ALIAS", *alias, "Target alias")->required()->check(NonEmpty());
@@ -68,7 +73,7 @@ void AddLunCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) 
   CLI::App* list = AddServiceCommand(*lun, "list", "List a target's LUNs", options, exitCode,
                                      [&options, target] {
                                        std::vector<HostCtl::Orva::IscsiTarget::LunInfo> luns;
-                                       Service()->GetLuns(*target, luns, false);
+                                       Service()->GetLuns(*target, luns, true);
                                        const ordered_json rows = ToJson(luns);
                                        Emit(options.json, rows,
                                             [&] { PrintTable(std::cout, rows, kLunColumns); });

@@ -16,21 +16,24 @@ using zel::platform::LogLevel;
 
 const char kRunWithHelp[] = "Run with --help for more information.\n";
 
+std::mutex logMutex;
+std::function<void(const std::string&)> logWatcher;  // guarded by logMutex
+
 // Log lines on stderr, escaped: they quote names and file contents.
 class TerminalLog final : public zel::platform::LogSink {
  public:
   // `shown` false: nothing is written.
   TerminalLog(bool shown, LogLevel maxLevel) : shown_(shown), maxLevel_(maxLevel) {}
   void Write(LogLevel level, const std::string& line) override {
+    std::lock_guard<std::mutex> guard(logMutex);
+    if (logWatcher) logWatcher(line);
     if (!shown_ || static_cast<int>(level) > static_cast<int>(maxLevel_)) return;
-    std::lock_guard<std::mutex> guard(mutex_);
     std::cerr << Printable(line) << '\n';
   }
 
  private:
   const bool shown_;
   const LogLevel maxLevel_;
-  std::mutex mutex_;
 };
 
 // Absolute, as zeld records it, so that the daemon this host starts can be
@@ -69,6 +72,11 @@ void SelectServiceHostFor(const GlobalOptions& options) {
   zel::platform::SelectHost(zel::platform::NewLocalServiceHost(
       zel::platform::LoadHostConfig(Home(options)),
       std::make_unique<TerminalLog>(options.verbose, LogLevel::Debug2)));
+}
+
+void WatchLog(std::function<void(const std::string&)> watcher) {
+  std::lock_guard<std::mutex> guard(logMutex);
+  logWatcher = std::move(watcher);
 }
 
 int RunReportingFailure(const std::function<int()>& command) {
