@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/time.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -18,6 +19,8 @@
 #include "platform/Log.h"
 #include "platform/VolLib.h"
 #include "platform/local/LocalPolicyService.h"
+#include "service/Doctor.h"
+#include "storage/DiskLunApi.h"
 #include "storage/DatastoreLayout.h"
 #include "storage/LunIdentity.h"
 #include "storage/Units.h"
@@ -88,6 +91,13 @@ class LunTest : public ::testing::Test {
     vaultDir_ = RootPath() + "/" + service_->GetTargetInfo("vault").uuid;
   }
 
+  // A host that reads host.json again; the service object goes first, since
+  // it holds a session of the old host's policy service.
+  void Reinstall() {
+    service_.reset();
+    services_ = home_.InstallTestHost();
+    service_ = NewService();
+  }
   void AddTarget(const std::string& alias) {
     Api::TargetCreateParam param;
     param.alias = alias;
@@ -193,6 +203,46 @@ TEST_F(LunTest, NumbersLimitsAndTheOfflineRules) {
   std::vector<Api::LunInfo> left;
   service_->GetLuns("annex", left, false);
   EXPECT_TRUE(left.empty());
+}
+
+TEST_F(LunTest, AnOnlineLunGrowsOnlyWithTheFeatureAndEveryHostOnTheDiskFormat) {
+  Add(0);
+  home_.SetHostSetting("options", {{"ORVA.ZelOnlineResize", 1}});
+  home_.SetHostSetting("diskFormatVersion", 9);
+  Reinstall();
+  EXPECT_EQ(Update(Lun("vault", 0, "2GiB")),
+            "Failed to grow LUN size: Some hosts didn't finish Disk Format upgrade of Orva 6.7u3, "
+            "reject online resizing until upgrade completed.");
+  home_.SetHostSetting("diskFormatVersion", 11);
+  Reinstall();
+  EXPECT_EQ(Update(Lun("vault", 0, "2GiB")), "");
+  EXPECT_EQ(service_->GetLunInfo("vault", 0).size, "2GiB");
+}
+
+TEST_F(LunTest, DoctorReportsALunWithoutDiskAndRemovesOnlyADiskNoLunNames) {
+  Add(0);
+  Add(1);
+  const std::string lost = service_->GetLunInfo("vault", 1).path;
+  NokCtl::Storage::DiskLunApi::RemoveVirtualDisk(lost);
+  const std::string stray = vaultDir_ + "/" + Util::GenerateRandomUuid() + ".qdsk";
+  NokCtl::Storage::DiskLunApi::CreateVirtualDisk(stray, 2048, "");
+  // Older than a LUN being added can be.
+  const struct timeval old[2] = {{::time(nullptr) - 120, 0}, {::time(nullptr) - 120, 0}};
+  ASSERT_EQ(::utimes(stray.c_str(), old), 0);
+  // The standard home's own targets have no namespaces: only vault counts.
+  const auto vaultFindings = [&] {
+    std::vector<std::string> found;
+    for (const auto& finding : Util::CheckConsistency()) {
+      if (finding.text.find(vaultDir_) != std::string::npos) found.push_back(finding.text);
+    }
+    return found;
+  };
+  EXPECT_THAT(vaultFindings(), ::testing::UnorderedElementsAre(
+                                   "LUN 1 of target vault has no disk " + lost,
+                                   "LUN disk " + stray + " belongs to no LUN"));
+  ASSERT_EQ(Util::RepairConsistency().size(), 1u);
+  EXPECT_FALSE(fs::exists(stray));
+  EXPECT_THAT(vaultFindings(), ::testing::ElementsAre("LUN 1 of target vault has no disk " + lost));
 }
 
 TEST_F(LunTest, TheLimitOf1024LunsHoldsAcrossTargets) {
