@@ -138,17 +138,9 @@ std::string MoveLunToNewTarget(struct target* from, struct target* to, struct lu
   return newPath;
 }
 
-uint64_t SizeInSectors(const std::string& size) {
-  try {
-    return Util::GetLunSizeInSectors(size);
-  } catch (const OrvaCtlException& e) {
-    throw OrvaCtlException("Failed to validate LUN size: " + e.GetMessage());
-  }
-}
-
 void GrowLunSize(struct lun* lun, const std::string& size) {
   const uint64_t oldSectors = lun->l_size;
-  const uint64_t newSectors = SizeInSectors(size);
+  const uint64_t newSectors = Util::GetValidatedLunSize(size);
   if (newSectors <= oldSectors) {
     throw OrvaCtlException(
         "Shrinking the LUN or changing it to the same size is not supported: old size = " +

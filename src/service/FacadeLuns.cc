@@ -31,14 +31,6 @@ const char kTag[] = "OrvaIscsiTargetImpl";
 constexpr int kLunUpdateAttempts = 5;
 constexpr unsigned kLunUpdatePauseSeconds = 5;
 
-uint64_t SizeInSectors(const std::string& size) {
-  try {
-    return Util::GetLunSizeInSectors(size);
-  } catch (const OrvaCtlException& e) {
-    throw OrvaCtlException("Failed to validate LUN size: " + e.GetMessage());
-  }
-}
-
 // A move whose save failed leaves the disk in the new target's directory
 // while the file still names the old place: put it back.
 void MoveDiskBack(const std::string& movedTo, const std::string& original) {
@@ -57,7 +49,7 @@ void OrvaIscsiTargetImpl::AddLun(Api::LunInfo& lun) {
   ZEL_LOG_INFO("%s: Creating LUN with id %d at target %s\n", kTag, lun.id, lun.target.c_str());
   Util::VerifyLunParams(lun, true);
   if (_lunNaaEnabled) lun.naa = Util::GenerateDiskNaa();
-  const uint64_t sectors = SizeInSectors(lun.size);
+  const uint64_t sectors = Util::GetValidatedLunSize(lun.size);
   const std::string targetUuid = Util::GetTargetInfoFromConfFile(lun.target).uuid;
   Util::CreateLun(targetUuid, std::to_string(lun.id), sectors, lun.policy, lun.path, lun.uuid);
   lun.sizeSectors = sectors;

@@ -33,6 +33,9 @@ constexpr Unit kUnits[] = {
     {"TiB", 1ull << 40},
 };
 
+// A unit in whole sectors, rounded up: n units are n times this.
+uint64_t SectorsPerUnit(const Unit& unit) { return (unit.bytes + kSectorBytes - 1) / kSectorBytes; }
+
 const Unit* FindUnit(const std::string& name) {
   for (const Unit& unit : kUnits) {
     if (strcasecmp(name.c_str(), unit.name) == 0) return &unit;
@@ -70,7 +73,7 @@ uint64_t GetLunSizeInSectors(const std::string& size) {
     if (!unitText.empty() && unitText[0] == '.') message += ". Fractional sizes not permitted.";
     throw OrvaCtlException(message);
   }
-  const uint64_t sectorsPerUnit = (unit->bytes + kSectorBytes - 1) / kSectorBytes;
+  const uint64_t sectorsPerUnit = SectorsPerUnit(*unit);
 
   const std::string unconvertible = "Failed to process size string: " + size;
   if (number.empty()) throw OrvaCtlException(unconvertible);
@@ -84,11 +87,18 @@ uint64_t GetLunSizeInSectors(const std::string& size) {
   return sectors;
 }
 
+uint64_t GetValidatedLunSize(const std::string& size) {
+  try {
+    return GetLunSizeInSectors(size);
+  } catch (const OrvaCtlException& e) {
+    throw OrvaCtlException("Failed to validate LUN size: " + e.GetMessage());
+  }
+}
+
 std::string LunSizeText(uint64_t sectors) {
   // Binary units first: a size given in them is usually meant that way.
   for (const char* name : {"TiB", "GiB", "MiB", "TB", "GB", "MB"}) {
-    const uint64_t bytes = FindUnit(name)->bytes;
-    const uint64_t perUnit = (bytes + kSectorBytes - 1) / kSectorBytes;
+    const uint64_t perUnit = SectorsPerUnit(*FindUnit(name));
     // GetLunSizeInSectors gives n units n × perUnit sectors, so this text
     // reads back to exactly `sectors`.
     if (sectors != 0 && sectors % perUnit == 0) {

@@ -23,6 +23,10 @@ namespace Util {
 // which is refused rather than wrapped.
 uint64_t GetLunSizeInSectors(const std::string& size);
 
+// GetLunSizeInSectors for a LUN's requested size, its refusal given as
+// "Failed to validate LUN size: <message>".
+uint64_t GetValidatedLunSize(const std::string& size);
+
 // `sectors` as a size string that reads back to the same sectors: in the
 // largest binary, else decimal, unit that holds it exactly ("10GiB",
 // "10GB"), else as "<n> sectors".
