@@ -13,4 +13,5 @@ apt-get install -y -qq --no-install-recommends \
   nlohmann-json3-dev libcli11-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
   clang libclang-rt-14-dev \
+  tgt libiscsi-bin libiscsi-dev \
   python3 >/dev/null
