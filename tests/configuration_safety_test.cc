@@ -40,7 +40,8 @@ class ZelctlHomeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     const std::vector<std::string> nics =
-        platform::NewLocalNetworkInterfaces()->GetNokKernelNicNames();
+        platform::NewLocalNetworkInterfaces(platform::EmbeddedHostConfig(home_.Path()))
+            ->GetNokKernelNicNames();
     if (nics.empty()) GTEST_SKIP() << "no network interface to listen on";
     const mode_t previous = ::umask(0);
     const ProcessResult created =

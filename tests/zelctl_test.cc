@@ -251,7 +251,9 @@ TEST_F(ZelctlTest, EditCommandsTakeTheirOptionsAndSecretsFromStdin) {
                                   kInSecretBase64 + "\""));
   }
   // The service accepts only interfaces this host really has.
-  const std::vector<std::string> names = platform::NewLocalNetworkInterfaces()->GetNokKernelNicNames();
+  const std::vector<std::string> names =
+      platform::NewLocalNetworkInterfaces(platform::LoadHostConfig(home_.Path()))
+          ->GetNokKernelNicNames();
   if (!names.empty()) {
     ASSERT_EQ(Run({"target", "update", "shop", "--interface", names[0], "--port", "3261"}).exitCode, 0);
     shop = RunJson({"target", "get", "shop"});

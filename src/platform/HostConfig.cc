@@ -1,5 +1,6 @@
 #include "platform/HostConfig.h"
 
+#include <arpa/inet.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -151,6 +152,30 @@ void ApplyCommands(const Reader& reader, const json& commands, HostConfig* confi
   }
 }
 
+// "nics": {"zel0": {"ipv4": "127.0.0.2"}, ...}; each interface needs an
+// address, and every address must read as one of its family.
+void ApplyNics(const Reader& reader, const json& nics, HostConfig* config) {
+  for (const auto& item : reader.Object(nics, "nics").items()) {
+    const std::string where = "nics." + item.key();
+    DeclaredNic nic;
+    for (const auto& field : reader.Object(item.value(), where).items()) {
+      const std::string key = where + "." + field.key();
+      const std::string address = reader.Text(field.value(), key);
+      unsigned char binary[sizeof(struct in6_addr)];
+      if (field.key() == "ipv4" && ::inet_pton(AF_INET, address.c_str(), binary) == 1) {
+        nic.ipv4 = address;
+      } else if (field.key() == "ipv6" && ::inet_pton(AF_INET6, address.c_str(), binary) == 1) {
+        nic.ipv6 = address;
+      } else {
+        reader.Fail("'" + key + "' must be an address of its family ('ipv4' or 'ipv6'): '" +
+                    address + "'");
+      }
+    }
+    if (nic.ipv4.empty() && nic.ipv6.empty()) reader.Fail("'" + where + "' has no address");
+    config->nics[item.key()] = nic;
+  }
+}
+
 void Apply(const Reader& reader, const json& document, HostConfig* config) {
   for (const auto& item : document.items()) {
     const std::string& key = item.key();
@@ -173,6 +198,8 @@ void Apply(const Reader& reader, const json& document, HostConfig* config) {
       ApplyOptions(reader, value, config);
     } else if (key == "commands") {
       ApplyCommands(reader, value, config);
+    } else if (key == "nics") {
+      ApplyNics(reader, value, config);
     } else if (key == "defaultPolicy") {
       config->defaultPolicy = reader.Text(value, key);
     } else if (key == "iqnDomain") {

@@ -22,6 +22,13 @@ constexpr const char* kDefaultNaaCompanyId = "0A7E15";
 
 enum class Profile { Embedded, RealHost };
 
+// An iSCSI interface a host declares instead of the machine's own: several
+// hosts on one machine, each with its own loopback address.
+struct DeclaredNic {
+  std::string ipv4;  // empty when the interface has none
+  std::string ipv6;
+};
+
 struct HostConfig {
   Profile profile = Profile::Embedded;
   std::string home;             // state root of this host
@@ -41,6 +48,9 @@ struct HostConfig {
   int diskFormatVersion = kCurrentDiskFormatVersion;
   std::string naaCompanyId = kDefaultNaaCompanyId;  // six upper-case hex digits
   std::map<std::string, int> options;         // kernel options, "GROUP.name" -> value
+  // "nics": the host's iSCSI interfaces by name, in name order; empty: the
+  // machine's own.
+  std::map<std::string, DeclaredNic> nics;
   std::map<std::string, std::string> commands; // command overrides by name
 };
 

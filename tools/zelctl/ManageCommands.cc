@@ -76,11 +76,16 @@ void AddDefaultsOptions(CLI::App* command, DefaultsOptions& defaults) {
                           "Mutual CHAP secret ('-' reads it from stdin)")};
 }
 
-// The defaults zel.conf holds now, secrets included; the built-in ones
-// (port 3260, no authentication) before the namespace has a zel.conf.
+// The defaults zel.conf holds now, secrets included; before the namespace
+// has a zel.conf, the built-in ones (port 3260, no authentication) on the
+// first interface the host offers, so that its targets are served at once.
 DefaultInfo CurrentDefaults() {
   if (!std::filesystem::exists(NokCtl::Orva::IscsiTarget::Util::GetConfFilePath())) {
-    return DefaultsOptions().given;
+    DefaultInfo builtIn = DefaultsOptions().given;
+    const std::vector<std::string> nics =
+        zel::platform::CurrentHost().Nics().GetNokKernelNicNames();
+    if (!nics.empty()) builtIn.networkInterface = nics.front();
+    return builtIn;
   }
   return NokCtl::Orva::IscsiTarget::Parser::GetDefaultInfo(true);
 }

@@ -63,7 +63,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<Log
   host->SetPolicies(std::make_unique<LocalPolicyService>(shared, settled.hostUuid, &facts));
   host->SetDisks(std::make_unique<LocalDiskLibrary>(settled.datastoreRoot, settled.hostUuid));
   host->SetNamespaces(NewLocalNamespaces(settled));
-  host->SetNics(NewLocalNetworkInterfaces());
+  host->SetNics(NewLocalNetworkInterfaces(settled));
   host->SetCommands(NewLocalCommandRunner(settled));
   host->SetModules(NewLocalKernelModules(settled));
   host->SetFirewall(NewLocalFirewall(settled));

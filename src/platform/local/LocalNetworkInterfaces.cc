@@ -77,14 +77,41 @@ bool NamedAs(const struct ifaddrs* entry, const std::string& name) {
   return entry->ifa_name != nullptr && name == entry->ifa_name;
 }
 
+
+// Interfaces a host declares: up while declared, with their declared
+// addresses; the machine's own are not offered.
+class DeclaredNetworkInterfaces final : public NetworkInterfaces {
+ public:
+  explicit DeclaredNetworkInterfaces(std::map<std::string, DeclaredNic> nics)
+      : nics_(std::move(nics)) {}
+
+  std::vector<std::string> GetNokKernelNicNames() override {
+    std::vector<std::string> names;
+    for (const auto& nic : nics_) names.push_back(nic.first);
+    return names;
+  }
+  NokNicState GetNokKernelNicState(const std::string& name) override {
+    return nics_.count(name) != 0 ? NOKNIC_UP : NOKNIC_NONE;
+  }
+  void GetPreferredZelNetworkAddressForNokNic(const std::string& name, std::string* ipv4,
+                                              std::string* ipv6) override {
+    const auto nic = nics_.find(name);
+    *ipv4 = nic == nics_.end() ? "" : nic->second.ipv4;
+    *ipv6 = nic == nics_.end() ? "" : nic->second.ipv6;
+  }
+
+ private:
+  const std::map<std::string, DeclaredNic> nics_;
+};
+
 }  // namespace
 
-LocalNetworkInterfaces::LocalNetworkInterfaces(std::string sysfsRoot)
-    : sysfsRoot_(std::move(sysfsRoot)) {}
+LocalNetworkInterfaces::LocalNetworkInterfaces(std::string sysfsRoot, bool offerLoopback)
+    : sysfsRoot_(std::move(sysfsRoot)), offerLoopback_(offerLoopback) {}
 
 std::vector<std::string> LocalNetworkInterfaces::GetNokKernelNicNames() {
   IfAddrs list;
-  return ListNokNicNames(list.Get());
+  return ListNokNicNames(list.Get(), offerLoopback_);
 }
 
 NokNicState LocalNetworkInterfaces::GetNokKernelNicState(const std::string& name) {
@@ -108,16 +135,24 @@ void LocalNetworkInterfaces::GetPreferredZelNetworkAddressForNokNic(const std::s
   PickPreferredAddresses(list.Get(), name, ipv4, ipv6);
 }
 
-std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces() {
-  return std::make_unique<LocalNetworkInterfaces>();
+std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces(const HostConfig& config) {
+  if (!config.nics.empty()) return std::make_unique<DeclaredNetworkInterfaces>(config.nics);
+  return std::make_unique<LocalNetworkInterfaces>(kSysClassNet,
+                                                  config.profile == Profile::Embedded);
 }
 
-std::vector<std::string> ListNokNicNames(const struct ifaddrs* list) {
+std::vector<std::string> ListNokNicNames(const struct ifaddrs* list, bool offerLoopback) {
   std::vector<std::string> names;
-  for (const struct ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_name == nullptr || (entry->ifa_flags & IFF_LOOPBACK) != 0) continue;
-    if (std::find(names.begin(), names.end(), entry->ifa_name) == names.end()) {
-      names.emplace_back(entry->ifa_name);
+  // Loopback interfaces in a first pass, the others in a second.
+  for (const bool loopbackPass : {true, false}) {
+    if (loopbackPass && !offerLoopback) continue;
+    for (const struct ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+      if (entry->ifa_name == nullptr || ((entry->ifa_flags & IFF_LOOPBACK) != 0) != loopbackPass) {
+        continue;
+      }
+      if (std::find(names.begin(), names.end(), entry->ifa_name) == names.end()) {
+        names.emplace_back(entry->ifa_name);
+      }
     }
   }
   return names;

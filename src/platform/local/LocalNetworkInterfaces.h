@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/HostConfig.h"
 #include "platform/NetworkInterfaces.h"
 
 namespace zel {
@@ -36,7 +37,10 @@ constexpr const char* kSysClassNet = "/sys/class/net";
 class LocalNetworkInterfaces final : public NetworkInterfaces {
  public:
   // `sysfsRoot` holds one directory per interface, as /sys/class/net does.
-  explicit LocalNetworkInterfaces(std::string sysfsRoot = kSysClassNet);
+  // With `offerLoopback` the loopback interface comes first among the
+  // names (an embedded host serves on it); without, it is left out.
+  explicit LocalNetworkInterfaces(std::string sysfsRoot = kSysClassNet,
+                                  bool offerLoopback = false);
 
   std::vector<std::string> GetNokKernelNicNames() override;
   NokNicState GetNokKernelNicState(const std::string& name) override;
@@ -45,14 +49,19 @@ class LocalNetworkInterfaces final : public NetworkInterfaces {
 
  private:
   const std::string sysfsRoot_;
+  const bool offerLoopback_;
 };
 
-std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces();
+// The interfaces `config` gives the host: those it declares ("nics"), always
+// up, with their declared addresses; else the machine's, loopback first in
+// the embedded profile.
+std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces(const HostConfig& config);
 
 // The two choices made on a getifaddrs list, apart from the system call.
-// Every interface except loopback, each once, in first-seen order (getifaddrs
-// names an interface once per address family).
-std::vector<std::string> ListNokNicNames(const struct ifaddrs* list);
+// Every interface, each once, in first-seen order (getifaddrs names an
+// interface once per address family); loopback interfaces first with
+// `offerLoopback`, else none of them.
+std::vector<std::string> ListNokNicNames(const struct ifaddrs* list, bool offerLoopback = false);
 // The first IPv4 address of `name`, and its first IPv6 address that is not
 // link-local, or its first link-local one when it has no other; empty texts
 // when it has none.
