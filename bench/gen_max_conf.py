@@ -6,7 +6,12 @@
 An optional second argument gives the number of targets (1 to 128); LUNs and
 initiator groups scale with it, two groups and eight LUNs per target, so every
 limit still holds: a configuration one target short of the limit is the one
-target editing works on at its largest."""
+target editing works on at its largest.
+
+An optional third argument gives the number of LUNs (at most eight per
+target); the missing ones are the highest of the last targets, so 128 targets
+with 1023 LUNs leave the last target one LUN short: the configuration that
+LUN creation works on at its largest."""
 import base64
 import sys
 import uuid
@@ -19,9 +24,13 @@ def ident(kind, n):
     return str(uuid.uuid5(uuid.NAMESPACE_OID, f"zel-bench-{kind}-{n}"))
 
 
-def main(path, targets=MAX_TARGETS):
+def main(path, targets=MAX_TARGETS, luns=None):
     if not 1 <= targets <= MAX_TARGETS:
         sys.exit(f"the target count must be 1 to {MAX_TARGETS}, not {targets}")
+    most = LUNS_PER_TARGET * targets
+    luns = most if luns is None else luns
+    if not 0 <= luns <= most:
+        sys.exit(f"the LUN count must be 0 to {most} for {targets} targets, not {luns}")
     out = ["generation 1"]
     for g in range(GROUPS_PER_TARGET * targets):
         out.append(f"initiator-group group-{g:03d} {{")
@@ -45,7 +54,7 @@ def main(path, targets=MAX_TARGETS):
         out += [f"target iqn.2026-11.local.zel:target-{t:03d} {{",
                 f'\talias "target-{t:03d}"', "\tportal-group default",
                 f"\tauth-group {u}", f"\toption uuid {u}"]
-        for n in range(LUNS_PER_TARGET):
+        for n in range(min(LUNS_PER_TARGET, luns - t * LUNS_PER_TARGET)):
             out += [f"\tlun {n} {{", "\t\tbackend block",
                     f"\t\tpath {u}/{ident('lun', t * LUNS_PER_TARGET + n)}.qdsk",
                     "\t\tsize 2097152", f'\t\toption lun-alias "lun-{n}"', "\t}"]
@@ -55,4 +64,4 @@ def main(path, targets=MAX_TARGETS):
 
 
 if __name__ == "__main__":
-    main(sys.argv[1], *(int(n) for n in sys.argv[2:3]))
+    main(sys.argv[1], *(int(n) for n in sys.argv[2:4]))

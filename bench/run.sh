@@ -9,7 +9,11 @@
 # 127 within twice the raw save floor plus the namespace's creation (and the
 # same for removing one, with its deletion), all measured in the same run,
 # and the targets per second of four processes adding at once at least 0.8x
-# those of one process making the same adds alone.
+# those of one process making the same adds alone; adding the 1,024th LUN
+# next to its disk's creation and the raw save floor, as the ratio
+# (add - creation) / floor, and the LUN lists of all 128 targets of the
+# largest configuration from the clean cache against the file, each pair
+# measured in the same run of the program.
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/build.sh
@@ -72,4 +76,25 @@ alone = run("BM_ConcurrentAdds/processes:1/")["targets_per_s"]
 four = run("BM_ConcurrentAdds/processes:4/")["targets_per_s"]
 print(f"target adds in one home: 1 process {alone:.1f}/s, 4 processes at once {four:.1f}/s, "
       f"ratio {four / alone:.2f} (goal >= 0.8)")
+PY
+python3 bench/gen_max_conf.py "$work/lun_add.conf" 128 1023
+ZEL_BENCH_CONF="$work/lun_add.conf" ./build/bench/zel_lun_bench \
+  --benchmark_filter='BM_(AddLun|CreateVirtualDisk|RawSaveFloor)$' \
+  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$work/lun_add.json" --benchmark_out_format=json
+ZEL_BENCH_CONF="$work/max.conf" ./build/bench/zel_lun_bench \
+  --benchmark_filter='BM_GetLuns' \
+  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$work/lun_list.json" --benchmark_out_format=json
+python3 - "$work/lun_add.json" "$work/lun_list.json" <<'PY'
+import json, sys
+medians = {b["run_name"]: b["real_time"] for path in sys.argv[1:]
+           for b in json.load(open(path))["benchmarks"] if b.get("aggregate_name") == "median"}
+add, create = medians["BM_AddLun"], medians["BM_CreateVirtualDisk"]
+floor = medians["BM_RawSaveFloor"]
+print(f"add LUN at 1,023 LUNs: {add:.2f} ms, disk creation {create:.2f} ms, "
+      f"raw save floor {floor:.2f} ms, ratio (add - creation) / floor {(add - create) / floor:.2f}")
+cached, fresh = medians["BM_GetLunsFromCleanCache"], medians["BM_GetLunsFromFile"]
+print(f"LUN lists of 128 targets (1,024 LUNs) from the clean cache: {cached:.1f} us, "
+      f"from the file: {fresh:.1f} us, ratio {fresh / cached:.0f}x")
 PY
