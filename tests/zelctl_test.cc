@@ -176,7 +176,7 @@ TEST_F(ZelctlTest, ReadCommandsPrintTablesOrJson) {
   // lun list shows every field, the policies with them.
   const std::vector<std::string> lunList = TableLines({"lun", "list", "--target", "finance"});
   ASSERT_EQ(lunList.size(), 3u);
-  EXPECT_EQ(Cells(lunList[0]).size(), 12u);
+  EXPECT_EQ(Cells(lunList[0]).size(), 13u);
   EXPECT_THAT(lunList[1], HasSubstr("ledger-policy"));
   const json finance = RunJson({"target", "get", "finance"});
   EXPECT_EQ(finance["uuid"], kFinanceUuid);

@@ -62,7 +62,34 @@ bool SamePath(const std::string& a, const std::string& b) {
   return fs::equivalent(a, b, error) && !error;
 }
 
+// "running" when every engine instance runs, "stopped" with none, else the
+// portals whose engine does not run.
+std::string EngineState(const nlohmann::json& engines) {
+  std::string down;
+  for (const nlohmann::json& engine : engines) {
+    if (engine.value("running", false)) continue;
+    down += (down.empty() ? "" : ", ") + engine.value("portal", std::string("?"));
+  }
+  if (engines.empty()) return "stopped";
+  return down.empty() ? "running" : "not running on " + down;
+}
+
 }  // namespace
+
+nlohmann::ordered_json DaemonReport(const std::string& home) {
+  std::ifstream in(home + "/run/zeld-status.json");
+  const nlohmann::json status = nlohmann::json::parse(in, nullptr, /*allow_exceptions=*/false);
+  if (!status.is_object()) return nlohmann::ordered_json::object();
+  const nlohmann::json last = status.value("lastReconcile", nlohmann::json::object());
+  nlohmann::ordered_json report{
+      {"engine", EngineState(status.value("engines", nlohmann::json::array()))},
+      {"servedTargets", status.value("served", nlohmann::json::array())},
+      {"redirectedTargets", status.value("redirected", nlohmann::json::array())},
+      {"lastReconcile", last.value("at", std::string()) + " " + last.value("result", std::string())}};
+  const nlohmann::json problems = status.value("problems", nlohmann::json::array());
+  if (!problems.empty()) report["problems"] = problems;
+  return report;
+}
 
 bool HomeDaemonRunning(const std::string& home) {
   std::ifstream pidFile(home + "/run/zeld.pid");

@@ -152,13 +152,15 @@ void AddNamespaceCommands(CLI::App& ns, const GlobalOptions& options, int& exitC
 
 // What `service status` shows; also the record of a change of the state.
 ordered_json StatusRecord() {
-  ordered_json status{
-      {"enabled", Service()->GetIscsiTargetStatus(true)},
-      {"daemonRunning", HomeDaemonRunning(zel::platform::CurrentHost().Config().home)},
-      {"publishedInterfaces", ordered_json::array()}};
+  const std::string home = zel::platform::CurrentHost().Config().home;
+  const bool running = HomeDaemonRunning(home);
+  ordered_json status{{"enabled", Service()->GetIscsiTargetStatus(true)},
+                      {"daemonRunning", running},
+                      {"publishedInterfaces", ordered_json::array()}};
   for (const auto& entry : NokCtl::Orva::IscsiTarget::Util::GetBrixEntriesForNokNics()) {
     status["publishedInterfaces"].push_back(entry.GetName());
   }
+  if (running) status.update(DaemonReport(home));
   return status;
 }
 

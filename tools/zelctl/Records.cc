@@ -1,5 +1,6 @@
 #include "Records.h"
 
+#include "common/EngineLun.h"
 #include "platform/Host.h"
 #include "zel/OrvaCtlException.h"
 
@@ -9,6 +10,7 @@ using nlohmann::ordered_json;
 
 ordered_json ToJson(const HostCtl::Orva::IscsiTarget::LunInfo& lun) {
   return ordered_json{{"id", lun.id},
+                      {"scsiLun", lun.id + static_cast<int>(zeltools::kEngineLunOffset)},
                       {"alias", lun.alias},
                       {"uuid", lun.uuid},
                       {"path", lun.path},

@@ -19,8 +19,8 @@ const std::vector<std::string> kTargetColumns = {"alias", "iqn", "networkInterfa
 // A LUN list shows every field of the records, as its JSON does; a
 // target's block ends with the few that tell its LUNs apart.
 const std::vector<std::string> kLunColumns = {
-    "id",     "alias",  "size",   "sizeMiB",         "sizeSectors", "status",
-    "target", "policy", "policyCompliant", "naa", "uuid",        "path"};
+    "id",          "scsiLun", "alias",  "size",   "sizeMiB",         "sizeSectors", "status",
+    "target",      "policy",  "policyCompliant", "naa", "uuid", "path"};
 const std::vector<std::string> kTargetLunColumns = {"id", "alias", "size", "status", "uuid"};
 
 void AddHostCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {

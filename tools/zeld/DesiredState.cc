@@ -1,6 +1,5 @@
 #include "DesiredState.h"
 
-#include <sodium.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -31,19 +30,6 @@ std::string TargetOption(const struct target* target, const char* name) {
 struct Skip : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
-
-std::string DecodeSecret(const char* base64) {
-  const std::string text = Text(base64);
-  std::string secret(text.size(), '\0');
-  size_t length = 0;
-  if (sodium_base642bin(reinterpret_cast<unsigned char*>(secret.data()), secret.size(),
-                        text.c_str(), text.size(), nullptr, &length, nullptr,
-                        sodium_base64_VARIANT_ORIGINAL) != 0) {
-    throw Skip("a CHAP secret is not Base64");
-  }
-  secret.resize(length);
-  return secret;
-}
 
 // "address:port" of interface `nic` as host `host` published it.
 std::string PublishedPortal(const std::string& host, const std::string& nic,
@@ -82,10 +68,11 @@ void ReadChap(const struct auth_group* group, DesiredTarget* desired) {
   std::string type;
   const struct auth* credential = NokCtl::Orva::IscsiTarget::Parser::GetAuthInfo(group, type);
   if (credential == nullptr) return;
-  desired->chap = ChapAccount{Text(credential->a_user), DecodeSecret(credential->a_secret)};
+  // The reader keeps secrets decoded in the graph.
+  desired->chap = ChapAccount{Text(credential->a_user), Text(credential->a_secret)};
   if (group->ag_type == AG_TYPE_CHAP_MUTUAL) {
     desired->mutualChap =
-        ChapAccount{Text(credential->a_mutual_user), DecodeSecret(credential->a_mutual_secret)};
+        ChapAccount{Text(credential->a_mutual_user), Text(credential->a_mutual_secret)};
   }
 }
 
@@ -135,10 +122,10 @@ DesiredTarget ReadTarget(const struct target* target, const std::string& hostUui
   const std::string portNumber = portal->p_port == nullptr ? "3260" : Text(portal->p_port);
   desired.portal = PublishedPortal(hostUuid, nic, portNumber);
 
-  std::string ownerObject = TargetOption(target, "owner-id");
-  if (ownerObject.empty()) ownerObject = TargetOption(target, "uuid");
+  desired.ownerObject = TargetOption(target, "owner-id");
+  if (desired.ownerObject.empty()) desired.ownerObject = TargetOption(target, "uuid");
   std::string owner;
-  const NOK_ReturnStatus status = ZeldBrixGetOwnerHost(ownerObject, &owner);
+  const NOK_ReturnStatus status = ZeldBrixGetOwnerHost(desired.ownerObject, &owner);
   if (status != NOK_OK) {
     throw Skip(std::string("its owner cannot be told: ") + NOK_ReturnStatusToString(status));
   }

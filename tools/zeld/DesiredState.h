@@ -11,11 +11,9 @@
 #include <string>
 #include <vector>
 
-namespace zeltools {
+#include "common/EngineLun.h"
 
-// The engine keeps LUN 0 of every target for itself: the LUN numbered n in
-// zel.conf is LUN n + 1 on the wire.
-constexpr uint32_t kEngineLunOffset = 1;
+namespace zeltools {
 
 struct ServedLun {
   uint32_t engineLun = 0;
@@ -40,6 +38,7 @@ struct ChapAccount {
 struct DesiredTarget {
   std::string iqn;
   std::string alias;
+  std::string ownerObject;  // the storage object whose owner serves the target
   std::string portal;    // "address:port" this host answers the target on
   std::string redirect;  // the owner's "address:port"; empty when served here
   std::vector<ServedLun> luns;

@@ -23,6 +23,8 @@ class Engine {
 
   // False once the engine process has ended (killed, crashed).
   virtual bool Alive() = 0;
+  // Its process.
+  virtual int Pid() = 0;
   // The IQNs of the targets the engine holds, by tid.
   virtual std::vector<std::pair<int, std::string>> Targets() = 0;
 

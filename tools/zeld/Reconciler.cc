@@ -387,9 +387,11 @@ void Reconciler::Stop() {
   instances_.clear();
 }
 
-std::map<std::string, bool> Reconciler::Engines() {
-  std::map<std::string, bool> engines;
-  for (auto& [portal, instance] : instances_) engines[portal] = instance->engine->Alive();
+std::vector<Reconciler::EngineState> Reconciler::Engines() {
+  std::vector<EngineState> engines;
+  for (auto& [portal, instance] : instances_) {
+    engines.push_back({portal, instance->engine->Alive(), instance->engine->Pid()});
+  }
   return engines;
 }
 

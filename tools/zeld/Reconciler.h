@@ -53,8 +53,12 @@ class Reconciler {
   // engine stopped.
   void Stop();
 
-  // "address:port" -> whether its engine runs.
-  std::map<std::string, bool> Engines();
+  struct EngineState {
+    std::string portal;  // "address:port"
+    bool running = false;
+    int pid = 0;
+  };
+  std::vector<EngineState> Engines();
 
  private:
   struct Instance;

@@ -1,12 +1,18 @@
-// zeld: the iSCSI target daemon of one host. Until the data path exists it
-// is the daemon's control shell: one instance per home (pid file), started,
-// reloaded and stopped through its init script, reading zel.conf on start
-// and on every SIGHUP and logging the targets it would serve.
+// zeld: the iSCSI target daemon of one host. One instance per home (pid
+// file), started, reloaded and stopped through its init script. It drives
+// the iSCSI engine so that the targets this host owns are served and every
+// other target answers logins with a redirection to its owner, and follows
+// every change: a new configuration generation or owner in the directory
+// starts a pass at once, a second-by-second check restarts an engine that
+// died, and a pass runs every few seconds anyway. SIGHUP (reload) checks
+// each engine against what was applied before its pass; SIGTERM (io_stop)
+// takes every target offline, releases every disk and stops the engines.
 //
 // Usage: zeld [--home DIR] [--foreground] [-v]
-//   Without --foreground it detaches and exits 0 once the daemon has read
-//   the configuration for the first time, 1 when it could not start.
-// Files under the home: run/zeld.pid, run/zeld.loads, log/zeld.log.
+//   Without --foreground it detaches and exits 0 once the daemon has
+//   applied the configuration for the first time, 1 when it could not start.
+// Files under the home: run/zeld.pid, run/zeld.loads, run/zeld-status.json,
+// log/zeld.log, log/engine-*.log.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -17,13 +23,16 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "FileLogSink.h"
-#include "ServedTargets.h"
+#include "Serving.h"
+#include "TgtEngine.h"
 #include "common/Daemon.h"
+#include "directory/DirectoryEntries.h"
 #include "platform/Host.h"
 #include "zel/OrvaCtlException.h"
 
@@ -33,6 +42,8 @@ using zel::platform::LogLevel;
 
 const char kTag[] = "zeld";
 const int kExitUsage = 2;
+// A pass runs at least this often, whatever the directory said.
+const int kPassSeconds = 5;
 
 // run/zeld.loads holds "STARTED COMPLETED": how many configuration reads
 // the daemon has begun and finished. The init script's reload reads
@@ -42,10 +53,10 @@ class LoadCounter {
  public:
   explicit LoadCounter(std::string path) : path_(std::move(path)) {}
 
-  void Load() {
+  void Load(const std::function<void()>& read) {
     ++started_;
     Record();
-    zeltools::LogServedTargets();
+    read();
     ++completed_;
     Record();
   }
@@ -75,24 +86,46 @@ sigset_t HandledSignals() {
   sigaddset(&set, SIGHUP);
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
+  // Raised by the directory's notices, which run on its own thread.
+  sigaddset(&set, SIGUSR1);
   return set;
 }
 
-// Waits for SIGHUP (read again) until SIGTERM or SIGINT.
-int Serve(const sigset_t& signals, LoadCounter& loads) {
+void AskForAPass() { ::kill(::getpid(), SIGUSR1); }
+
+void OnConfigNotice(const void*, uint32_t) { AskForAPass(); }
+
+// Passes on SIGUSR1 and every kPassSeconds, a full one on SIGHUP, until
+// SIGTERM or SIGINT.
+int Serve(const sigset_t& signals, LoadCounter& loads, zeltools::Serving& serving) {
+  const struct timespec second = {1, 0};
+  int quietSeconds = 0;
   for (;;) {
-    const int signal = ::sigwaitinfo(&signals, nullptr);
+    const int signal = ::sigtimedwait(&signals, nullptr, &second);
     if (signal < 0) {
       if (errno == EINTR) continue;
-      ZEL_LOG_ERROR("%s: Failed to wait for signals: %s\n", kTag, std::strerror(errno));
-      return 1;
+      if (errno != EAGAIN) {
+        ZEL_LOG_ERROR("%s: Failed to wait for signals: %s\n", kTag, std::strerror(errno));
+        serving.Stop();
+        return 1;
+      }
+      if (serving.RestartDeadEngines() || ++quietSeconds >= kPassSeconds) {
+        quietSeconds = 0;
+        serving.Reconcile(false);
+      }
+      continue;
     }
-    if (signal != SIGHUP) {
+    quietSeconds = 0;
+    if (signal == SIGUSR1) {
+      serving.Reconcile(false);
+    } else if (signal == SIGHUP) {
+      ZEL_LOG_INFO("%s: Reloading on SIGHUP\n", kTag);
+      loads.Load([&serving] { serving.Reconcile(true); });
+    } else {
       ZEL_LOG_INFO("%s: Stopping on SIG%s\n", kTag, ::sigabbrev_np(signal));
+      serving.Stop();
       return 0;
     }
-    ZEL_LOG_INFO("%s: Reloading on SIGHUP\n", kTag);
-    loads.Load();
   }
 }
 
@@ -117,20 +150,28 @@ int Run(const std::string& explicitHome, bool foreground, bool verbose) {
 
   zeltools::StartReport report = foreground ? zeltools::StartReport() : zeltools::Detach(logFd);
   pidFile.Write();
-  zel::platform::SelectHost(std::make_unique<zel::platform::Host>(
-      std::move(config), zel::platform::NewSystemClock(),
-      std::make_unique<zeltools::FileLogSink>(logFd, foreground,
-                                              verbose ? LogLevel::Debug2 : LogLevel::Info),
-      zel::platform::NewPosixFileSystem()));
+  const std::string hostUuid = config.hostUuid;
+  zel::platform::SelectHost(zel::platform::NewLocalServiceHost(
+      std::move(config), std::make_unique<zeltools::FileLogSink>(
+                             logFd, foreground, verbose ? LogLevel::Debug2 : LogLevel::Info)));
   // The configuration layer's own log_* messages stay off (no log_init):
   // on a parse error the reader shows the whole file, credentials included,
   // and zeld never logs a credential. The failure itself is still logged.
   ZEL_LOG_INFO("%s: Started (pid %d, home %s)\n", kTag, static_cast<int>(::getpid()), home.c_str());
 
+  zeltools::Serving serving(hostUuid, home + "/run/zeld-status.json",
+                            zeltools::TgtEngineFactory(home), AskForAPass);
+  zel::platform::Directory::SubscriptionHandle notices = 0;
+  if (ZeldBrixSubscribeToConfigEntry(OnConfigNotice, &notices) != NOK_OK) {
+    ZEL_LOG_WARNING("%s: No notices of new configurations; a pass every %d s follows them\n",
+                    kTag, kPassSeconds);
+  }
   LoadCounter loads(home + "/run/zeld.loads");
-  loads.Load();
+  loads.Load([&serving] { serving.Reconcile(false); });
   report.Started();
-  return Serve(signals, loads);
+  const int status = Serve(signals, loads, serving);
+  ZeldBrixUnsubscribeToConfigEntry(notices);
+  return status;
 }
 
 }  // namespace
