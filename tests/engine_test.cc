@@ -146,6 +146,11 @@ TEST_F(EngineTest, RequestsShowInTheAdminToolsListAsParsed) {
   EXPECT_EQ(two.redirect.address, "127.0.0.94");
   EXPECT_EQ(two.redirect.port, "3260");
   EXPECT_EQ(two.redirect.reason, "Temporary");
+  std::vector<TgtTargetView> served;
+  ASSERT_TRUE(ReadServedTargets(tgt, &served).ok());
+  ASSERT_EQ(served.size(), 2u);
+  EXPECT_EQ(served[0].redirect.address, "");
+  EXPECT_EQ(served[1].redirect.address, "127.0.0.94");
 
   // Undoing each request shows as undone.
   for (TgtResult result :
