@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "support/Process.h"
+#include "zel/OrvaCtlException.h"
 #include "zeld/engine/TgtProcess.h"
 #include "zeld/engine/TgtShow.h"
 
@@ -75,9 +76,9 @@ class EngineTest : public ::testing::Test {
     engine_.reset();
     if (!dir_.empty()) RunProgram({"/bin/rm", "-rf", dir_});
   }
-  std::unique_ptr<TgtProcess> NewEngine() {
+  std::unique_ptr<TgtProcess> NewEngine(int port = FreePort()) {
     TgtProcessOptions options;
-    options.portal = std::string(kAddress) + ":" + std::to_string(FreePort());
+    options.portal = std::string(kAddress) + ":" + std::to_string(port);
     options.logPath = dir_ + "/tgtd.log";
     options.firstControlPort = 7500 + ::getpid() % 400;
     return std::make_unique<TgtProcess>(options);
@@ -145,6 +146,11 @@ TEST_F(EngineTest, RequestsShowInTheAdminToolsListAsParsed) {
   EXPECT_EQ(two.redirect.address, "127.0.0.94");
   EXPECT_EQ(two.redirect.port, "3260");
   EXPECT_EQ(two.redirect.reason, "Temporary");
+  std::vector<TgtTargetView> served;
+  ASSERT_TRUE(ReadServedTargets(tgt, &served).ok());
+  ASSERT_EQ(served.size(), 2u);
+  EXPECT_EQ(served[0].redirect.address, "");
+  EXPECT_EQ(served[1].redirect.address, "127.0.0.94");
 
   // Undoing each request shows as undone.
   for (TgtResult result :
@@ -245,6 +251,21 @@ TEST_F(EngineTest, AccountSecretsNeverReachACommandLine) {
 }
 
 TEST_F(EngineTest, KilledEngineIsSeenDeadAndStopLeavesNothing) {
+  // A portal in use is refused before a tgtd starts (tgtd would serve every
+  // address on port 3260 instead).
+  int port = FreePort();
+  int holder = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  ::inet_pton(AF_INET, kAddress, &address.sin_addr);
+  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::listen(holder, 1);
+  std::unique_ptr<TgtProcess> refused = NewEngine(port);
+  EXPECT_THROW(refused->Start(), HostCtl::Lib::Orva::OrvaCtlException);
+  EXPECT_EQ(refused->pid(), -1);
+  ::close(holder);
+
   // A second instance at the same time takes another control port.
   std::unique_ptr<TgtProcess> second = NewEngine();
   second->Start();

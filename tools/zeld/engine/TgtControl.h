@@ -32,8 +32,8 @@
 //     (the rest is taken as another key), so values with commas are refused
 //     here.
 //   - reply = u32 error, u32 length (8 + the text that follows); a show
-//     answers its text, NUL-terminated. Errors carry only the code; the
-//     texts below are the ones the admin tool prints for them.
+//     answers its text, NUL-terminated. Errors carry only the code;
+//     TgtErrorText gives the text the admin tool prints for each.
 // Thread-safe: an object holds only the socket path.
 #pragma once
 

@@ -1,13 +1,16 @@
 #include "zeld/engine/TgtProcess.h"
 
 #include <fcntl.h>
+#include <netdb.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <sstream>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -44,6 +47,45 @@ pid_t LockHolder(int controlPort) {
   return holder;
 }
 
+// Whether ADDR:PORT ("[ADDR]:PORT" for IPv6) can be bound now. tgtd does not
+// fail on a portal it cannot bind: it serves every address on port 3260
+// instead, so a portal in use is refused before tgtd starts.
+bool PortalFree(const std::string& portal) {
+  size_t colon = portal.rfind(':');
+  if (colon == std::string::npos) return false;
+  std::string host = portal.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(host.c_str(), portal.substr(colon + 1).c_str(), &hints, &found) != 0) {
+    return false;
+  }
+  int fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  bool free = fd >= 0 && ::bind(fd, found->ai_addr, found->ai_addrlen) == 0;
+  if (fd >= 0) ::close(fd);
+  ::freeaddrinfo(found);
+  return free;
+}
+
+// The portals of "Portal: ADDR:PORT,TPGT" lines.
+std::vector<std::string> ParsePortals(const std::string& text) {
+  std::vector<std::string> portals;
+  std::istringstream lines(text);
+  std::string line;
+  const std::string prefix = "Portal: ";
+  while (std::getline(lines, line)) {
+    if (line.compare(0, prefix.size(), prefix) != 0) continue;
+    portals.push_back(line.substr(prefix.size(), line.rfind(',') - prefix.size()));
+  }
+  return portals;
+}
+
 }  // namespace
 
 TgtProcess::TgtProcess(TgtProcessOptions options) : options_(std::move(options)) {}
@@ -52,10 +94,15 @@ TgtProcess::~TgtProcess() { Stop(); }
 
 void TgtProcess::Start() {
   if (pid_ > 0) throw OrvaCtlException("The engine of portal " + options_.portal + " runs already");
+  if (!PortalFree(options_.portal)) {
+    throw OrvaCtlException("Failed to start the engine: portal " + options_.portal +
+                           " is not free");
+  }
   int last = options_.firstControlPort + options_.controlPortCount;
   for (int port = options_.firstControlPort; port < last; ++port) {
     if (LockHolder(port) != 0) continue;
     if (Launch(port)) {
+      ServeOnlyOwnPortal();
       ZEL_LOG_INFO("%s: tgtd %d serves portal %s on control port %d", kTag, static_cast<int>(pid_),
                    options_.portal.c_str(), port);
       return;
@@ -127,6 +174,24 @@ bool TgtProcess::Launch(int controlPort) {
   RemoveSocketFiles();
   controlPort_ = -1;
   throw OrvaCtlException("The engine for portal " + options_.portal + " did not become ready");
+}
+
+void TgtProcess::ServeOnlyOwnPortal() {
+  std::vector<std::string> portals = ParsePortals(control_->ShowPortals().output);
+  bool own = false;
+  for (const std::string& portal : portals) {
+    if (portal == options_.portal) own = true;
+  }
+  if (!own) {
+    // Taken between the probe and tgtd's bind: tgtd fell back to every
+    // address, which must not stay open.
+    Stop();
+    throw OrvaCtlException("Failed to start the engine: portal " + options_.portal +
+                           " is not free");
+  }
+  for (const std::string& portal : portals) {
+    if (portal != options_.portal) control_->DeletePortal(portal);
+  }
 }
 
 bool TgtProcess::Alive() {

@@ -13,6 +13,10 @@
 //
 // The child is waited for by pid only: a process that reaps every child
 // (waitpid(-1)) would steal its status. Not thread-safe; one owner.
+//
+// tgtd does not fail on a portal it cannot bind: it listens on every address
+// at port 3260 instead. Start refuses a portal that cannot be bound before
+// it starts tgtd, and after the start keeps only its own portal.
 #pragma once
 
 #include <sys/types.h>
@@ -60,6 +64,7 @@ class TgtProcess {
 
  private:
   bool Launch(int controlPort);  // false: the child ended before ready
+  void ServeOnlyOwnPortal();     // stops and throws when tgtd lost its portal
   bool WaitForExit(int seconds);
   void RemoveSocketFiles();
 

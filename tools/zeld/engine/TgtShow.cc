@@ -158,5 +158,17 @@ void ParseTargetParameters(const std::string& text, TgtTargetView* target) {
   if (target->redirect.address.empty()) target->redirect = TgtRedirectView();
 }
 
+TgtResult ReadServedTargets(const TgtControl& control, std::vector<TgtTargetView>* targets) {
+  TgtResult result = control.ShowTargets();
+  if (!result.ok()) return result;
+  *targets = ParseTargetShow(result.output);
+  for (TgtTargetView& target : *targets) {
+    TgtResult parameters = control.ShowTarget(target.tid);
+    if (!parameters.ok()) return parameters;
+    ParseTargetParameters(parameters.output, &target);
+  }
+  return result;
+}
+
 }  // namespace engine
 }  // namespace zeltools

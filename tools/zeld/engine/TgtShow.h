@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "zeld/engine/TgtControl.h"
+
 namespace zeltools {
 namespace engine {
 
@@ -53,6 +55,11 @@ std::vector<TgtTargetView> ParseTargetShow(const std::string& text);
 
 // Sets `target->redirect` from the text of `target show --tid T`.
 void ParseTargetParameters(const std::string& text, TgtTargetView* target);
+
+// Everything the engine serves, redirections included (one request for the
+// list, one per target for its parameters). On a failed request, returns it
+// with `targets` unspecified; throws OrvaCtlException on a text it cannot read.
+TgtResult ReadServedTargets(const TgtControl& control, std::vector<TgtTargetView>* targets);
 
 }  // namespace engine
 }  // namespace zeltools
