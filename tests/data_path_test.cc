@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -86,6 +85,10 @@ class Host {
     ASSERT_EQ(result.exitCode, 0) << result.err;
   }
   json Status() const { return json::parse(Zelctl({"--json", "service", "status"}).out); }
+  // The engines zeld last reported, with their pids.
+  json Engines() const {
+    return json::parse(ReadFile(home_.Path() + "/run/zeld-status.json"))["engines"];
+  }
   std::string Portal(int port) const { return address_ + ":" + std::to_string(port); }
 
  private:
@@ -179,9 +182,18 @@ TEST_F(DataPathTest, ARealInitiatorReadsAndWritesThroughChapAndTheAcl) {
   mutual.mutualSecret = "Not#TheSecret1";
   EXPECT_FALSE(InitiatorSession().Login(mutual).ok());
 
-  // A member added to the group is admitted without a restart.
+  // A member added to the group is admitted, and a new secret replaces the
+  // old one, without a restart.
   host_->Must({"initiator-group", "add-initiators", "apps", kOther});
   EXPECT_TRUE(Eventually([&] { return InitiatorSession().Login(Request(web, kOther)).ok(); }));
+  const std::string renewed = "Web#Renewed123";
+  host_->Must({"target", "update", "web", "--auth-type", "CHAP", "--userid", "web", "--secret",
+               "-"},
+              renewed + "\n");
+  EXPECT_TRUE(
+      Eventually([&] { return InitiatorSession().Login(Request(web, kApp, renewed)).ok(); }));
+  EXPECT_EQ(InitiatorSession().Login(Request(web, kApp)).status,
+            LoginStatus::kAuthenticationFailure);
 }
 
 TEST_F(DataPathTest, OfflineGrownAndRemovedLunsReachTheEngine) {
@@ -208,13 +220,16 @@ TEST_F(DataPathTest, OfflineGrownAndRemovedLunsReachTheEngine) {
 
 TEST_F(DataPathTest, AKilledEngineServesAgainWithinSeconds) {
   const std::string web = AddWebTarget("16MiB");
-  const json engines = json::parse(
-      std::ifstream(json::parse(host_->Zelctl({"--json", "host", "info"}).out)["home"]
-                        .get<std::string>() + "/run/zeld-status.json"))["engines"];
+  const json engines = host_->Engines();
   ASSERT_EQ(engines.size(), 1u);
   ASSERT_EQ(::kill(engines[0]["pid"].get<int>(), SIGKILL), 0);
   EXPECT_TRUE(
       Eventually([&] { return InitiatorSession().Login(Request(web, kApp)).ok(); }, 5));
+  // io_stop leaves no engine behind.
+  EXPECT_EQ(host_->Status()["engine"], "running");
+  const int pid = host_->Engines()[0]["pid"];
+  host_->Must({"service", "disable"});
+  EXPECT_NE(::kill(pid, 0), 0) << "tgtd " << pid << " still runs";
 }
 
 TEST_F(DataPathTest, ALoginAtAnotherHostIsRedirectedToTheOwner) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -17,6 +18,14 @@ struct EngineError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A target as the engine holds it.
+struct EngineTarget {
+  int tid = 0;
+  std::string iqn;
+  std::set<uint32_t> luns;  // its LUNs, the engine's own LUN 0 left out
+  std::string redirect;     // the address logins are redirected to; empty: none
+};
+
 class Engine {
  public:
   virtual ~Engine() = default;
@@ -25,8 +34,7 @@ class Engine {
   virtual bool Alive() = 0;
   // Its process.
   virtual int Pid() = 0;
-  // The IQNs of the targets the engine holds, by tid.
-  virtual std::vector<std::pair<int, std::string>> Targets() = 0;
+  virtual std::vector<EngineTarget> Targets() = 0;
 
   virtual void NewTarget(int tid, const std::string& iqn) = 0;
   // Ends the target's sessions too.
@@ -37,10 +45,13 @@ class Engine {
   // empty address turns redirection off.
   virtual void SetRedirect(int tid, const std::string& address, const std::string& port) = 0;
 
-  virtual void NewLun(int tid, uint32_t lun, const std::string& backingStore) = 0;
+  // A LUN served from `backingStore`, removable (so that, offline, it
+  // refuses reads and writes too, not only TEST UNIT READY), with its SCSI
+  // serial number and identifier.
+  virtual void NewLun(int tid, uint32_t lun, const std::string& backingStore,
+                      const std::string& serial, const std::string& scsiId) = 0;
   virtual void DeleteLun(int tid, uint32_t lun) = 0;
-  // "name=value,..." parameters of a LUN (online, removable, scsi_sn, ...).
-  virtual void UpdateLun(int tid, uint32_t lun, const std::string& params) = 0;
+  virtual void SetLunOnline(int tid, uint32_t lun, bool online) = 0;
 
   virtual void BindInitiator(int tid, const std::string& name) = 0;
   virtual void UnbindInitiator(int tid, const std::string& name) = 0;

@@ -131,20 +131,17 @@ void ApplyLuns(Engine& engine, AppliedTarget& applied, const DesiredTarget& desi
     if (have == applied.luns.end()) {
       AppliedLun added{lun, nullptr};
       if (!HoldWhenOnline(lun, desired.alias, &added.hold, problems)) continue;
-      engine.NewLun(applied.tid, lun.engineLun, lun.backingStore);
-      // Removable, so that an offline LUN refuses reads and writes too.
-      engine.UpdateLun(applied.tid, lun.engineLun,
-                       "removable=1,scsi_sn=" + lun.serial + ",scsi_id=" + lun.scsiId);
-      if (!lun.online) engine.UpdateLun(applied.tid, lun.engineLun, "online=0");
+      engine.NewLun(applied.tid, lun.engineLun, lun.backingStore, lun.serial, lun.scsiId);
+      if (!lun.online) engine.SetLunOnline(applied.tid, lun.engineLun, false);
       applied.luns.emplace(lun.engineLun, std::move(added));
       ZEL_LOG_INFO("%s: Serving %s as LUN %u of %s%s\n", kTag, lun.disk.c_str(), lun.engineLun,
                    desired.alias.c_str(), lun.online ? "" : " (offline)");
     } else if (have->second.lun.online != lun.online) {
       if (lun.online) {
         if (!HoldWhenOnline(lun, desired.alias, &have->second.hold, problems)) continue;
-        engine.UpdateLun(applied.tid, lun.engineLun, "online=1");
+        engine.SetLunOnline(applied.tid, lun.engineLun, true);
       } else {
-        engine.UpdateLun(applied.tid, lun.engineLun, "online=0");
+        engine.SetLunOnline(applied.tid, lun.engineLun, false);
         have->second.hold.reset();
       }
       have->second.lun.online = lun.online;
@@ -345,31 +342,37 @@ bool Reconciler::RestartDeadEngines() {
 
 void Reconciler::Verify() {
   for (auto& [portal, instance] : instances_) {
-    std::map<int, std::string> held;
+    std::map<int, EngineTarget> held;
     try {
-      for (const auto& [tid, iqn] : instance->engine->Targets()) held[tid] = iqn;
+      for (EngineTarget& target : instance->engine->Targets()) held[target.tid] = target;
     } catch (const EngineError& e) {
       ZEL_LOG_WARNING("%s: Cannot list the targets of %s: %s\n", kTag, portal.c_str(), e.what());
       continue;
     }
     for (auto it = instance->targets.begin(); it != instance->targets.end();) {
-      const auto engineSide = held.find(it->second.tid);
-      const bool same = engineSide != held.end() && engineSide->second == it->first;
-      if (same) held.erase(engineSide);
+      const AppliedTarget& applied = it->second;
+      const auto engineSide = held.find(applied.tid);
+      std::set<uint32_t> luns;
+      for (const auto& lun : applied.luns) luns.insert(lun.first);
+      const bool same = engineSide != held.end() && engineSide->second.iqn == it->first &&
+                        engineSide->second.luns == luns &&
+                        engineSide->second.redirect == SplitPortal(applied.redirect).first;
+      if (engineSide != held.end()) held.erase(engineSide);
       auto checked = it++;
       if (!same) {
         ZEL_LOG_WARNING("%s: Target %s is not in the engine as applied; applying it again\n",
                         kTag, checked->first.c_str());
-        instance->targets.erase(checked);
+        instance->Forget(checked);
       }
     }
-    for (const auto& [tid, iqn] : held) {
+    for (const auto& [tid, target] : held) {
       ZEL_LOG_WARNING("%s: The engine holds target %s that was not applied; deleting it\n", kTag,
-                      iqn.c_str());
+                      target.iqn.c_str());
       try {
         instance->engine->DeleteTarget(tid);
       } catch (const EngineError& e) {
-        ZEL_LOG_WARNING("%s: Failed to delete target %s: %s\n", kTag, iqn.c_str(), e.what());
+        ZEL_LOG_WARNING("%s: Failed to delete target %s: %s\n", kTag, target.iqn.c_str(),
+                        e.what());
       }
     }
   }

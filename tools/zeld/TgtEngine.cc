@@ -27,15 +27,20 @@ class TgtEngine final : public Engine {
   bool Alive() override { return process_.Alive(); }
   int Pid() override { return static_cast<int>(process_.pid()); }
 
-  std::vector<std::pair<int, std::string>> Targets() override {
-    const TgtResult shown = Checked(Control().ShowTargets(), "list targets");
-    std::vector<std::pair<int, std::string>> targets;
+  std::vector<EngineTarget> Targets() override {
+    std::vector<engine::TgtTargetView> views;
     try {
-      for (const auto& target : engine::ParseTargetShow(shown.output)) {
-        targets.emplace_back(target.tid, target.name);
-      }
+      Checked(engine::ReadServedTargets(Control(), &views), "list targets");
     } catch (const HostCtl::Lib::HostCtlException& e) {
       throw EngineError(e.GetMessage());
+    }
+    std::vector<EngineTarget> targets;
+    for (const engine::TgtTargetView& view : views) {
+      EngineTarget target{view.tid, view.name, {}, view.redirect.address};
+      for (const engine::TgtLunView& lun : view.luns) {
+        if (lun.lun != 0) target.luns.insert(static_cast<uint32_t>(lun.lun));
+      }
+      targets.push_back(std::move(target));
     }
     return targets;
   }
@@ -55,14 +60,19 @@ class TgtEngine final : public Engine {
                             : Control().SetRedirect(tid, address, port, "Temporary"),
             "redirect target " + std::to_string(tid));
   }
-  void NewLun(int tid, uint32_t lun, const std::string& backingStore) override {
-    Checked(Control().NewLun(tid, lun, backingStore), "add LUN " + std::to_string(lun));
+  void NewLun(int tid, uint32_t lun, const std::string& backingStore, const std::string& serial,
+              const std::string& scsiId) override {
+    const std::string what = "add LUN " + std::to_string(lun);
+    Checked(Control().NewLun(tid, lun, backingStore), what);
+    Checked(Control().UpdateLun(tid, lun, "removable=1"), what);
+    Checked(Control().SetLunIdentity(tid, lun, serial, scsiId), what);
   }
   void DeleteLun(int tid, uint32_t lun) override {
     Checked(Control().DeleteLun(tid, lun), "delete LUN " + std::to_string(lun));
   }
-  void UpdateLun(int tid, uint32_t lun, const std::string& params) override {
-    Checked(Control().UpdateLun(tid, lun, params), "update LUN " + std::to_string(lun));
+  void SetLunOnline(int tid, uint32_t lun, bool online) override {
+    Checked(Control().SetLunOnline(tid, lun, online),
+            "take LUN " + std::to_string(lun) + (online ? " online" : " offline"));
   }
   void BindInitiator(int tid, const std::string& name) override {
     Checked(Control().BindInitiatorName(tid, name), "admit " + name);

@@ -332,15 +332,6 @@ TgtResult TgtControl::UnbindAccount(int tid, const std::string& user,
                "user=" + user});
 }
 
-TgtResult TgtControl::ShowAccounts() const {
-  return Send({kModeAccount, kOpShow, -1, kNoLun, false, false, ""});
-}
-
-TgtResult TgtControl::NewPortal(const std::string& portal) const {
-  if (!Carriable(portal)) return Refused("Invalid portal '" + portal + "'");
-  return Send({kModePortal, kOpNew, -1, kNoLun, false, false, "portalOps portal=" + portal + ","});
-}
-
 TgtResult TgtControl::DeletePortal(const std::string& portal) const {
   if (!Carriable(portal)) return Refused("Invalid portal '" + portal + "'");
   return Send(

@@ -140,10 +140,8 @@ class TgtControl {
   TgtResult DeleteAccount(const std::string& user) const;
   TgtResult BindAccount(int tid, const std::string& user, TgtDirection direction) const;
   TgtResult UnbindAccount(int tid, const std::string& user, TgtDirection direction) const;
-  TgtResult ShowAccounts() const;
 
   // Portals ("ADDR:PORT"); every target is served on every portal.
-  TgtResult NewPortal(const std::string& portal) const;
   TgtResult DeletePortal(const std::string& portal) const;
   TgtResult ShowPortals() const;
 
