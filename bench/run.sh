@@ -13,7 +13,8 @@
 # next to its disk's creation and the raw save floor, as the ratio
 # (add - creation) / floor, and the LUN lists of all 128 targets of the
 # largest configuration from the clean cache against the file, each pair
-# measured in the same run of the program.
+# measured in the same run of the program; and load balancing over simulated
+# clusters (moves against the minimum, periods to balance, overshoot).
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/build.sh
@@ -98,3 +99,4 @@ cached, fresh = medians["BM_GetLunsFromCleanCache"], medians["BM_GetLunsFromFile
 print(f"LUN lists of 128 targets (1,024 LUNs) from the clean cache: {cached:.1f} us, "
       f"from the file: {fresh:.1f} us, ratio {fresh / cached:.0f}x")
 PY
+./build/bench/zel_balance_sim

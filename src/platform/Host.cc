@@ -56,6 +56,7 @@ KernelModules& Host::Modules() { return Required(modules_, "kernel modules"); }
 Firewall& Host::GetFirewall() { return Required(firewall_, "firewall"); }
 KernelOptions& Host::Options() { return Required(options_, "kernel options"); }
 LegacyConfigFile& Host::LegacyConfig() { return Required(legacyConfig_, "legacy configuration"); }
+ObjectManager& Host::Objects() { return Required(objects_, "object manager"); }
 
 void Host::SetDirectory(std::unique_ptr<Directory> directory) { directory_ = std::move(directory); }
 void Host::SetCluster(std::unique_ptr<ClusterFacts> cluster) { cluster_ = std::move(cluster); }
@@ -73,6 +74,7 @@ void Host::SetOptions(std::unique_ptr<KernelOptions> options) { options_ = std::
 void Host::SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig) {
   legacyConfig_ = std::move(legacyConfig);
 }
+void Host::SetObjects(std::unique_ptr<ObjectManager> objects) { objects_ = std::move(objects); }
 
 std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel) {
   return NewLocalHost(std::move(config), NewStderrLogSink(maxLevel));

@@ -17,6 +17,7 @@
 #include "platform/Log.h"
 #include "platform/Namespaces.h"
 #include "platform/NetworkInterfaces.h"
+#include "platform/ObjectManager.h"
 #include "platform/PolicyService.h"
 
 namespace zel {
@@ -47,6 +48,7 @@ class Host {
   Firewall& GetFirewall();
   KernelOptions& Options();
   LegacyConfigFile& LegacyConfig();
+  ObjectManager& Objects();
 
   void SetDirectory(std::unique_ptr<Directory> directory);
   void SetCluster(std::unique_ptr<ClusterFacts> cluster);
@@ -60,6 +62,7 @@ class Host {
   void SetFirewall(std::unique_ptr<Firewall> firewall);
   void SetOptions(std::unique_ptr<KernelOptions> options);
   void SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig);
+  void SetObjects(std::unique_ptr<ObjectManager> objects);
 
  private:
   HostConfig config_;
@@ -79,6 +82,7 @@ class Host {
   std::unique_ptr<Firewall> firewall_;
   std::unique_ptr<KernelOptions> options_;
   std::unique_ptr<LegacyConfigFile> legacyConfig_;
+  std::unique_ptr<ObjectManager> objects_;
 };
 
 // The local clock, file layer and a standard-error log up to `maxLevel`:

@@ -236,6 +236,11 @@ ZEL_DOUBLE(LegacyConfigDouble, LegacyConfigFile, SetLegacyConfig)
   ZEL_FORWARD(void, SetBool, (Str key, bool value), (key, value), key, value)
 };
 
+ZEL_DOUBLE(ObjectManagerDouble, ObjectManager, SetObjects)
+  ZEL_FORWARD(NOK_ReturnStatus, TransferOwnership, (Str object, Str from, Str to),
+              (object, from, to), object, from, to)
+};
+
 #undef ZEL_FORWARD
 #undef ZEL_DOUBLE
 

@@ -14,6 +14,7 @@
 #include "platform/local/LocalDiskLibrary.h"
 #include "platform/local/LocalKernelOptions.h"
 #include "platform/local/LocalNamespaces.h"
+#include "platform/local/LocalObjectManager.h"
 #include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
 
@@ -195,6 +196,8 @@ TestServices ServiceHome::InstallTestHost() {
       std::make_unique<platform::LocalDiskLibrary>(config.datastoreRoot, config.hostUuid)));
   install(std::make_unique<NamespacesDouble>(platform::NewLocalNamespaces(config)));
   install(std::make_unique<KernelOptionsDouble>(platform::NewLocalKernelOptions(config)));
+  services.objects =
+      &install(std::make_unique<ObjectManagerDouble>(platform::NewLocalObjectManager(config.hostUuid)));
   return services;
 }
 

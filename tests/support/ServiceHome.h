@@ -71,8 +71,9 @@ class ServiceHome {
   void AnnounceObject(const std::string& uuid, const std::string& ownerHost,
                       const std::string& policy = "");
   // Selects a ScopedTestHost of this home with the local directory, cluster
-  // facts, store, policies, disks, namespaces and kernel options attached,
-  // each inside its double (HostDoubles.h), all recording into one journal.
+  // facts, store, policies, disks, namespaces, kernel options and object
+  // manager attached, each inside its double (HostDoubles.h), all recording
+  // into one journal.
   TestServices InstallTestHost();
   // Selects the local service host of this home, as zelctl does.
   void InstallLocalServiceHost(platform::LogLevel maxLevel = platform::LogLevel::Warning);

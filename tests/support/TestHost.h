@@ -143,6 +143,7 @@ struct TestServices {
   ConfigStoreDouble* store = nullptr;
   DirectoryDouble* directory = nullptr;
   DiskLibraryDouble* disks = nullptr;
+  ObjectManagerDouble* objects = nullptr;
   Journal* journal = nullptr;
 };
 

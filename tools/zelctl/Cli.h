@@ -72,5 +72,7 @@ void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
 void AddEditCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 // REQUIRES: AddServiceCommands ran (it adds the "lun" family).
 void AddLunEditCommands(CLI::App& lun, const GlobalOptions& options, int& exitCode);
+// The "placement" family: the balancing plan and the placement hash.
+void AddPlacementCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 
 }  // namespace zelctl

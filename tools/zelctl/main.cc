@@ -114,6 +114,7 @@ int main(int argc, char** argv) {
   zelctl::AddServiceCommands(app, options, exitCode);
   zelctl::AddManageCommands(app, options, exitCode);
   zelctl::AddEditCommands(app, options, exitCode);
+  zelctl::AddPlacementCommands(app, options, exitCode);
 
   try {
     app.parse(argc, argv);

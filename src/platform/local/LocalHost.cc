@@ -12,6 +12,7 @@
 #include "platform/local/LocalLegacyConfig.h"
 #include "platform/local/LocalNamespaces.h"
 #include "platform/local/LocalNetworkInterfaces.h"
+#include "platform/local/LocalObjectManager.h"
 #include "platform/local/LocalPolicyService.h"
 #include "platform/local/SqliteDirectory.h"
 #include "zel/OrvaCtlException.h"
@@ -69,6 +70,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<Log
   host->SetFirewall(NewLocalFirewall(settled));
   host->SetOptions(NewLocalKernelOptions(settled));
   host->SetLegacyConfig(NewLocalLegacyConfigFile(settled));
+  host->SetObjects(NewLocalObjectManager(settled.hostUuid));
   return host;
 }
 
