@@ -13,6 +13,7 @@
 #include "placement/ConsistHash.h"
 #include "placement/LoadBalance.h"
 #include "platform/local/LocalClusterFacts.h"
+#include "support/Messages.h"
 #include "support/ServiceHome.h"
 
 namespace NokCtl::Orva::IscsiTarget::Util {
@@ -201,6 +202,36 @@ TEST_F(HostBalanceTest, TwoMembersAbortWithTheWarningAndMoveNothing) {
       "Util: Abort load balance due to: Not enough nodes in the cluster for load balance. The "
       "minimal 3 nodes are needed, now only 2"));
   EXPECT_EQ(services_.objects->Count("TransferOwnership"), 0);
+}
+
+TEST(BalanceSchedule, RunsOnlyWhenOnAndItsPeriodHasComeOnTheRightDiskFormat) {
+  struct Row {
+    int method, period, tick, diskFormat;
+    bool due;
+  };
+  const Row rows[] = {
+      {kLoadBalanceGreedy, 1, 4, 11, true},      {kLoadBalanceGreedy, 1, 3, 11, false},
+      {kLoadBalanceGreedy, 5, 20, 11, true},     {kLoadBalanceGreedy, 5, 4, 11, false},
+      {kLoadBalanceGreedy, 0, 4, 11, false},     {kLoadBalanceOff, 1, 4, 11, false},
+      {kLoadBalanceConsistHash, 1, 8, 10, true},  // due, but refused below
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE("method " + std::to_string(row.method) + " period " + std::to_string(row.period) +
+                 " tick " + std::to_string(row.tick));
+    zel::test::ServiceHome home;
+    home.SetHostSetting("options", {{"ORVA-iSCSI.zelLoadBalanceMethod", row.method},
+                                    {"ORVA-iSCSI.zelLoadBalancePeriod", row.period}});
+    home.SetHostSetting("diskFormatVersion", row.diskFormat);
+    home.InstallTestHost();
+    ZelLoadBalanceWorker worker;
+    if (row.diskFormat < 11) {
+      EXPECT_EQ(zel::test::MessageOf([&] { worker.ValidateLoadBalance(row.tick); }),
+                "Some hosts didn't finish Disk Format upgrade of Orva 7.0u1, reject load balance "
+                "until upgrade completed.");
+    } else {
+      EXPECT_EQ(worker.ValidateLoadBalance(row.tick), row.due);
+    }
+  }
 }
 
 TEST_F(HostBalanceTest, AFailedTransferLeavesTheOthersMoving) {
