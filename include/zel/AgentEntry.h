@@ -27,6 +27,8 @@ int ZelSelectHostForHome(const char* home, int verbose);
 void ZelFireNokNicChange(void);
 void ZelFireClusterLeave(void);
 void ZelFireOrvaSystemRefresh(void);
+// `nodeCount`: the cluster's members.
+void ZelFireHostEnterMaintenanceMode(unsigned nodeCount);
 
 // Runs on the directory's own thread; it must be quick and must not call
 // back into the library.

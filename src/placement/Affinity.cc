@@ -1,6 +1,12 @@
 #include "placement/Affinity.h"
 
+#include <cstdlib>
+
 #include "cache/ConfigCache.h"
+#include "directory/HostLookup.h"
+#include "placement/ObjectTransfer.h"
+#include "placement/Sites.h"
+#include "platform/Log.h"
 #include "platform/FeatureGates.h"
 #include "storage/Compliance.h"
 #include "zel/OrvaCtlException.h"
@@ -19,21 +25,6 @@ const char kNonPreferred[] = "NonPreferred";
 // The update path's way of removing an affinity.
 const char kNoLocation[] = "None";
 const char kLunLocalityMismatch[] = "Incompatible between target location and lun policy locality";
-
-// Without a finer fact from the cluster, a cluster is stretched when some
-// member names the site it is in.
-bool InStretchedCluster() {
-  zel::platform::ClusterInfo cluster;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
-  for (const zel::platform::ClusterMember& member : cluster.members) {
-    if (!member.faultDomain.empty()) return true;
-  }
-  return false;
-}
 
 }  // namespace
 
@@ -88,7 +79,7 @@ void ValidateSiteAffinity() {
         "Some hosts didn't finish disk format upgrade of Orva 7.0u1, rejecting zel affinity check "
         "until upgrade is completed.");
   }
-  if (!InStretchedCluster()) throw OrvaCtlException("This host is not in stretched cluster");
+  if (!IsInStretchedCluster()) throw OrvaCtlException("This host is not in stretched cluster");
 }
 
 void ValidateSiteAffinityFor(const std::string& location) {
@@ -102,6 +93,68 @@ void VerifyLunPolicyAndAffinity(const Api::LunInfo& lun) {
       throw OrvaCtlException(kLunLocalityMismatch);
     }
     return;
+  }
+}
+
+std::string SelectHostInFaultDomain(const std::string& site) {
+  if (site.empty()) {
+    ZEL_LOG_ERROR("%s: Skip select as empty faultDomain Name\n", "Util");
+    return "";
+  }
+  zel::platform::ClusterInfo cluster;
+  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
+  if (status != NOK_OK) {
+    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
+                           NOK_ReturnStatusToString(status));
+  }
+  std::vector<std::string> hosts;
+  for (const zel::platform::ClusterMember& member : cluster.members) {
+    std::string faultDomain;
+    if (GetNodeSiteDomain(member.hostUuid, &faultDomain) == site) hosts.push_back(member.hostUuid);
+  }
+  if (hosts.empty()) {
+    ZEL_LOG_ERROR("%s: Empty hostList for FD: %s\n", "Util", site.c_str());
+    return "";
+  }
+  const int idx = std::rand() % static_cast<int>(hosts.size());
+  ZEL_LOG_INFO("%s: Random Idx[%d] select host: %s\n", "Util", idx, hosts[idx].c_str());
+  return hosts[idx];
+}
+
+void RefreshLocalTargetAffinity(const std::vector<Api::TargetInfo>& targets) {
+  for (const Api::TargetInfo& target : targets) {
+    try {
+      const std::string dest = SelectHostInFaultDomain(target.faultDomain);
+      if (dest.empty()) continue;
+      ZEL_LOG_INFO("%s: Move target (%s) to DestNode: %s\n", "Util", target.alias.c_str(),
+                   dest.c_str());
+      TransferObjectByUuid(target.uuid, dest);
+    } catch (const OrvaCtlException& e) {
+      ZEL_LOG_WARNING("%s: Failed refresh target (%s) affinity: %s\n", "Util",
+                      target.alias.c_str(), e.GetMessage().c_str());
+    }
+  }
+}
+
+void CheckLocalTargetAffinity() {
+  try {
+    if (!IsInStretchedCluster() || !IsZelFeatureEnabled("ZelStretchedCluster")) return;
+    const std::vector<Api::TargetInfo> targets = ConfigCache::GetTargetsInfos();
+    if (targets.empty()) return;
+    const std::string local = OrvaUtil::GetNodeUuid();
+    std::string localFaultDomain;
+    const std::string localSite = GetNodeSiteDomain(local, &localFaultDomain);
+    std::vector<Api::TargetInfo> misplaced;
+    for (const Api::TargetInfo& target : targets) {
+      if (target.faultDomain.empty() || GetTargetOwnerHostUuid(target.ownerId) != local) continue;
+      // Sites are compared by name: a site names exactly one fault domain.
+      if (target.faultDomain != localSite) misplaced.push_back(target);
+    }
+    RefreshLocalTargetAffinity(misplaced);
+  } catch (const OrvaCtlException& e) {
+    ZEL_LOG_WARNING("%s: Abort check target affinity: %s\n", "Util", e.GetMessage().c_str());
+  } catch (const std::exception& e) {
+    ZEL_LOG_WARNING("%s: Hit std Exception, abort check: %s\n", "Util", e.what());
   }
 }
 

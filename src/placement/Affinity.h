@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "platform/HostServices.h"
 #include "zel/LunInfo.h"
@@ -55,6 +56,17 @@ void ValidateSiteAffinityFor(const std::string& location);
 // A LUN's requested policy against its target's location; a target that
 // is not in the configuration has no location to contradict.
 void VerifyLunPolicyAndAffinity(const HostCtl::Orva::IscsiTarget::LunInfo& lun);
+
+// A host of site `site` ("Preferred" or "NonPreferred") chosen at random,
+// so that several misplaced targets spread over the site; "" when the site
+// has none (logged).
+std::string SelectHostInFaultDomain(const std::string& site);
+
+// The control thread's check: targets owned here whose location names the
+// other site move to a host of that site. Does nothing outside a stretched
+// cluster or without the feature "ZelStretchedCluster"; never throws.
+void CheckLocalTargetAffinity();
+void RefreshLocalTargetAffinity(const std::vector<HostCtl::Orva::IscsiTarget::TargetInfo>& targets);
 
 }  // namespace Util
 }  // namespace IscsiTarget

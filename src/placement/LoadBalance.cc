@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "cache/ConfigCache.h"
 #include "directory/HostLookup.h"
@@ -68,14 +69,25 @@ void ZelLoadBalance::InitLoadBalance() {
     throw OrvaCtlException(std::string("Failed to get cluster information: ") +
                            NOK_ReturnStatusToString(status));
   }
-  if (cluster.members.size() < kMinimumMembers) {
+  // A host in maintenance is being emptied: it takes no target, and its
+  // own (which its maintenance moves away) count for no host.
+  std::vector<zel::platform::ClusterMember> serving;
+  std::set<std::string> inMaintenance;
+  for (const zel::platform::ClusterMember& member : cluster.members) {
+    if (member.maintenance) {
+      inMaintenance.insert(member.hostUuid);
+    } else {
+      serving.push_back(member);
+    }
+  }
+  if (serving.size() < kMinimumMembers) {
     throw OrvaCtlException(
         "Not enough nodes in the cluster for load balance. The minimal 3 nodes are needed, now "
         "only " +
-        std::to_string(cluster.members.size()));
+        std::to_string(serving.size()));
   }
   // Hosts owning nothing count too: they are where the surplus goes.
-  for (const zel::platform::ClusterMember& member : cluster.members) {
+  for (const zel::platform::ClusterMember& member : serving) {
     input.clusterCounts[member.hostUuid] = 0;
     if (!localSite.empty() && member.faultDomain == localFaultDomain) {
       input.siteCounts[member.hostUuid] = 0;
@@ -83,7 +95,7 @@ void ZelLoadBalance::InitLoadBalance() {
   }
   for (const TargetInfo& target : ConfigCache::GetTargetsInfos()) {
     const std::string owner = GetTargetOwnerHostUuid(target.uuid);
-    if (owner.empty() || owner == kNoOwner) continue;
+    if (owner.empty() || owner == kNoOwner || inMaintenance.count(owner) != 0) continue;
     ++input.clusterCounts[owner];
     if (owner == input.localHost) input.localTargets.push_back(target);
     if (!target.faultDomain.empty() && target.faultDomain == localSite) {

@@ -17,6 +17,7 @@ struct ClusterMember {
   std::string hostName;
   std::string faultDomain;  // the host's site; empty when the cluster is not stretched
   int diskFormatVersion = kCurrentDiskFormatVersion;  // the disk format the host has reached
+  bool maintenance = false;  // decommissioned for maintenance: it serves no target
 };
 
 struct ClusterInfo {
@@ -34,6 +35,10 @@ class ClusterFacts {
   // NOK_OK with the current membership, or the status of the failure to
   // learn it. Thread-safe.
   virtual NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) = 0;
+
+  // Marks this host as decommissioned for maintenance, or back in service,
+  // for every host to see. NOK_OK or the status of the failure.
+  virtual NOK_ReturnStatus SetMaintenance(bool maintenance) = 0;
 };
 
 }  // namespace platform

@@ -214,6 +214,12 @@ void Apply(const Reader& reader, const json& document, HostConfig* config) {
         reader.Fail("'diskFormatVersion' must be from 1 to 255, not " +
                     std::to_string(config->diskFormatVersion));
       }
+    } else if (key == "controlTickSeconds") {
+      config->controlTickSeconds = reader.Integer(value, key);
+      if (config->controlTickSeconds < 1 || config->controlTickSeconds > 3600) {
+        reader.Fail("'controlTickSeconds' must be from 1 to 3600, not " +
+                    std::to_string(config->controlTickSeconds));
+      }
     } else if (key == "naaCompanyId") {
       config->naaCompanyId = reader.Text(value, key);
       if (config->naaCompanyId.size() != 6 ||

@@ -46,6 +46,9 @@ struct HostConfig {
   // form ("storage.example.net"); empty derives it from the host's domain.
   std::string iqnDomain;
   int diskFormatVersion = kCurrentDiskFormatVersion;
+  // Seconds between two passes of the control thread; shorter for
+  // demonstrations and tests. Counts of passes keep their meaning in passes.
+  int controlTickSeconds = 15;
   std::string naaCompanyId = kDefaultNaaCompanyId;  // six upper-case hex digits
   std::map<std::string, int> options;         // kernel options, "GROUP.name" -> value
   // "nics": the host's iSCSI interfaces by name, in name order; empty: the

@@ -9,10 +9,11 @@
 #include <vector>
 
 #include "platform/Events.h"
+#include "platform/FeatureGates.h"
 #include "platform/Host.h"
 #include "platform/Log.h"
 #include "platform/local/LocalClusterFacts.h"
-#include "platform/FeatureGates.h"
+#include "service/OrvaIscsiTargetImpl.h"
 #include "service/ServiceConfig.h"
 #include "zel/OrvaCtlException.h"
 
@@ -159,25 +160,16 @@ void ZelUnwatchLocalMembership(uint64_t watch) {
 }
 
 void ZelInit(void) {
-  Guarded(__func__, [] {
-    const int flag = NokCtl::Orva::IscsiTarget::ZelGetNokNicCtlFlag();
-    if (flag == 0) return;
-    ZEL_LOG_WARNING(
-        "%s: zelNokNicCtlEnable is %d, but the control thread is not part of this "
-        "build; not starting it\n",
-        kFacadeTag, flag);
-  });
+  Guarded(__func__, [] { NokCtl::Orva::IscsiTarget::OrvaIscsiTargetImpl::ZelInit(); });
 }
 
 void ZelDeinit(void) {
-  Guarded(__func__, [] {
-    const int flag = NokCtl::Orva::IscsiTarget::ZelGetNokNicCtlFlag();
-    if (flag == 0) return;
-    ZEL_LOG_WARNING(
-        "%s: zelNokNicCtlEnable is %d, but the control thread is not part of this "
-        "build; nothing to stop\n",
-        kFacadeTag, flag);
-  });
+  Guarded(__func__, [] { NokCtl::Orva::IscsiTarget::OrvaIscsiTargetImpl::ZelDeinit(); });
+}
+
+void ZelFireHostEnterMaintenanceMode(unsigned nodeCount) {
+  Guarded(__func__,
+          [nodeCount] { zel::platform::Events().FireHostEnterMaintenanceMode(nodeCount); });
 }
 
 }  // extern "C"

@@ -56,6 +56,7 @@ void OrvaIscsiTargetImpl::ZelOnOrvaSystemRefresh() {
     std::shared_ptr<OrvaIscsiTargetImpl> impl;
     GetOrvaIscsiTargetImpl(impl);
     impl->Refresh();
+    ZelOrvaInfoRequireRefresh = true;
     boost::shared_lock<boost::shared_mutex> config(configAccessMutex);
     impl->CheckIscsiServiceStatus(true);
   } catch (const OrvaCtlException& e) {

@@ -61,6 +61,15 @@ void OrvaIscsiTargetImpl::GetOrvaIscsiTargetImpl(std::shared_ptr<OrvaIscsiTarget
   impl = _singleton;
 }
 
+void OrvaIscsiTargetImpl::DropSingleton() {
+  std::shared_ptr<OrvaIscsiTargetImpl> dropped;
+  {
+    boost::unique_lock<boost::shared_mutex> guard(_singletonMutex);
+    dropped.swap(_singleton);
+  }
+  // Destroyed outside the mutex: the destructor takes the facade's locks.
+}
+
 void OrvaIscsiTargetImpl::initVolLib() {
   if (_volLibInitialized) return;
   ZEL_LOG_INFO("%s: Initializing disk lib.\n", kTag);

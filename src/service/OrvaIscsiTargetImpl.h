@@ -17,6 +17,7 @@
 #include <vector>
 
 #include <boost/thread/shared_mutex.hpp>
+#include <boost/thread/thread.hpp>
 
 #include "platform/HostServices.h"
 #include "zel/OrvaIscsiTarget.h"
@@ -37,12 +38,36 @@ class OrvaIscsiTargetImpl : public virtual Api::OrvaIscsiTarget {
   // The instance of the event handlers and the control thread, created on
   // first use.
   static void GetOrvaIscsiTargetImpl(std::shared_ptr<OrvaIscsiTargetImpl>& impl);
+  // Lets go of that instance; the next GetOrvaIscsiTargetImpl makes a new
+  // one: for a process that replaces its host, whose handles it holds.
+  static void DropSingleton();
 
   // Cluster-event handlers, registered with the platform when the library
   // is loaded. They work on the singleton and never let an exception out.
   static void ZelOnClusterLeave();
   static void ZelOnNokNicChange();
   static void ZelOnOrvaSystemRefresh();
+  static void ZelOnLocalHostEnterMaintenanceMode(unsigned nodeCount);
+
+  // The control thread, when "zelNokNicCtlEnable" is non-zero: a pass every
+  // tick (host.json "controlTickSeconds", 15 by default) that republishes a
+  // missing generation entry, backs up zel.conf and checks the
+  // configuration's consistency every 40th pass, re-checks target affinity,
+  // balances, mirrors the defaults into the store and moves targets off
+  // interfaces that are down. A pass that fails is logged and repeated.
+  static void ZelInit();
+  static void ZelDeinit();
+  static void ZelStartControlThread();
+  static void ZelStopControlThread();
+  // Moves every target this host owns to other hosts, once the host is
+  // decommissioned; nothing with fewer than 2 nodes. Never throws.
+  static void TransferAllLocalTargets(void* nodeCount, Api::OrvaIscsiTarget* target);
+  // This host's targets that listen on one of `nics`, and those that
+  // listen on none of them.
+  static std::vector<Api::TargetInfo> ZelFindLocalTargetsByNokNics(
+      const std::vector<std::string>& nics, Api::OrvaIscsiTarget* target);
+  static std::vector<Api::TargetInfo> ZelFindLocalTargetsNotBindOnNokNics(
+      const std::vector<std::string>& nics, Api::OrvaIscsiTarget* target);
 
   void SetIscsiTargetStatus(bool enable, bool failIfSame) override;
   bool GetIscsiTargetStatus(bool takeLock) override;
@@ -107,6 +132,13 @@ class OrvaIscsiTargetImpl : public virtual Api::OrvaIscsiTarget {
   static boost::shared_mutex serviceStatusMutex;
   static std::shared_ptr<OrvaIscsiTargetImpl> _singleton;
   static boost::shared_mutex _singletonMutex;
+
+  static void ZelControlThreadWorker();
+  static void ZelCheckConfigBrixEntry();
+  static boost::thread ZelControlThread;
+  static boost::shared_mutex ZelControlThreadMutex;
+  static bool IsZelControlThreadEnabled;            // guarded by ZelControlThreadMutex
+  static std::atomic<bool> ZelOrvaInfoRequireRefresh;  // set by the refresh event
 };
 
 }  // namespace IscsiTarget

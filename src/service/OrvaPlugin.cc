@@ -39,6 +39,8 @@ void ZelNokCtlInit() {
   events.SetNokNicChangeCallback(&OrvaIscsiTargetImpl::ZelOnNokNicChange);
   events.SetClusterLeaveCallback(&OrvaIscsiTargetImpl::ZelOnClusterLeave);
   events.SetOrvaSystemRefreshCallback(&OrvaIscsiTargetImpl::ZelOnOrvaSystemRefresh);
+  events.SetOrvaHostEnterMaintenanceModeCallback(
+      &OrvaIscsiTargetImpl::ZelOnLocalHostEnterMaintenanceMode);
 }
 
 // Run when the library is unloaded: nothing may call back into it after.

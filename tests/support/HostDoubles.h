@@ -157,6 +157,7 @@ ZEL_DOUBLE(DirectoryDouble, Directory, SetDirectory)
 ZEL_DOUBLE(ClusterFactsDouble, ClusterFacts, SetCluster)
   ZEL_FORWARD(std::string, LocalHostUuid, (), ())
   ZEL_FORWARD(NOK_ReturnStatus, GetClusterInfo, (platform::ClusterInfo * info), (info))
+  ZEL_FORWARD(NOK_ReturnStatus, SetMaintenance, (bool maintenance), (maintenance), maintenance)
 };
 
 ZEL_DOUBLE(ConfigStoreDouble, ConfigStore, SetStore)
@@ -354,6 +355,12 @@ struct FixedCluster final : platform::ClusterFacts {
   std::string LocalHostUuid() override { return hostUuid; }
   NOK_ReturnStatus GetClusterInfo(platform::ClusterInfo* answer) override {
     *answer = info;
+    return NOK_OK;
+  }
+  NOK_ReturnStatus SetMaintenance(bool maintenance) override {
+    for (platform::ClusterMember& member : info.members) {
+      if (member.hostUuid == hostUuid) member.maintenance = maintenance;
+    }
     return NOK_OK;
   }
 

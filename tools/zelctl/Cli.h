@@ -70,6 +70,8 @@ void AddManageCommands(CLI::App& app, const GlobalOptions& options, int& exitCod
 // REQUIRES: AddServiceCommands ran (it adds the "target" and
 // "initiator-group" families that these extend).
 void AddEditCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
+// REQUIRES: AddServiceCommands ran (it adds the "host" family).
+void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 // REQUIRES: AddServiceCommands ran (it adds the "lun" family).
 void AddLunEditCommands(CLI::App& lun, const GlobalOptions& options, int& exitCode);
 // The "placement" family: the balancing plan and the placement hash.

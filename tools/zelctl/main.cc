@@ -115,6 +115,7 @@ int main(int argc, char** argv) {
   zelctl::AddManageCommands(app, options, exitCode);
   zelctl::AddEditCommands(app, options, exitCode);
   zelctl::AddPlacementCommands(app, options, exitCode);
+  zelctl::AddClusterCommands(app, options, exitCode);
 
   try {
     app.parse(argc, argv);

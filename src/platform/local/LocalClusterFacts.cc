@@ -20,11 +20,13 @@ LocalClusterFacts::LocalClusterFacts(const HostConfig& config, Directory& direct
       clusterMember_(config.clusterMember),
       directory_(directory) {}
 
-std::string LocalClusterFacts::MemberPayload() const {
-  return json{{"hostName", hostName_},
-              {"faultDomain", faultDomain_},
-              {"diskFormatVersion", diskFormatVersion_}}
-      .dump();
+std::string LocalClusterFacts::MemberPayload(bool maintenance) const {
+  json payload = {{"hostName", hostName_},
+                  {"faultDomain", faultDomain_},
+                  {"diskFormatVersion", diskFormatVersion_}};
+  // Only while set, so that the entry of a host in service never changes.
+  if (maintenance) payload["maintenance"] = true;
+  return payload.dump();
 }
 
 NOK_ReturnStatus LocalClusterFacts::Announce() {
@@ -33,13 +35,28 @@ NOK_ReturnStatus LocalClusterFacts::Announce() {
         directory_.Delete(kClusterMemberEntryType, kClusterMembersKey, hostUuid_);
     return status == NOK_NOT_FOUND ? NOK_OK : status;
   }
+  // A process starting on a host in maintenance keeps it in maintenance.
+  ClusterInfo current;
+  bool maintenance = false;
+  if (GetClusterInfo(&current) == NOK_OK) {
+    for (const ClusterMember& member : current.members) {
+      if (member.hostUuid == hostUuid_) maintenance = member.maintenance;
+    }
+  }
+  return Publish(maintenance);
+}
 
+NOK_ReturnStatus LocalClusterFacts::SetMaintenance(bool maintenance) {
+  return Publish(maintenance);
+}
+
+NOK_ReturnStatus LocalClusterFacts::Publish(bool maintenance) {
   DirectoryEntry entry;
   entry.type = kClusterMemberEntryType;
   entry.key = kClusterMembersKey;
   entry.ownerHost = hostUuid_;
   entry.entryId = hostUuid_;
-  entry.payload = MemberPayload();
+  entry.payload = MemberPayload(maintenance);
   const std::string owner = hostUuid_;
   const std::string payload = entry.payload;
   std::promise<NOK_ReturnStatus> completed;
@@ -93,6 +110,9 @@ NOK_ReturnStatus LocalClusterFacts::GetClusterInfo(ClusterInfo* info) {
                         "ClusterFacts", entry.entryId.c_str());
       }
     }
+    const auto maintenance = payload.find("maintenance");
+    member.maintenance = maintenance != payload.end() && maintenance->is_boolean() &&
+                         maintenance->get<bool>();
     selfPresent = selfPresent || member.hostUuid == hostUuid_;
     result.members.push_back(std::move(member));
   }

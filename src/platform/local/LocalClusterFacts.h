@@ -38,9 +38,14 @@ class LocalClusterFacts final : public ClusterFacts {
   // Every member by identity; this host is a member only while its
   // configuration says so and its entry is present.
   NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) override;
+  // Kept in the member entry ("maintenance": true while set), which a later
+  // Announce keeps as it finds it.
+  NOK_ReturnStatus SetMaintenance(bool maintenance) override;
 
  private:
-  std::string MemberPayload() const;
+  std::string MemberPayload(bool maintenance) const;
+  // Writes this host's member entry unless it is exactly that already.
+  NOK_ReturnStatus Publish(bool maintenance);
 
   const std::string hostUuid_;
   const std::string hostName_;

@@ -1,0 +1,79 @@
+#!/bin/sh
+# Three hosts on one machine: three homes sharing one datastore directory and
+# one directory database, each with its own agent (orvamgmtd, which runs the
+# control thread), zeld, engine and loopback address (127.0.0.11 to .13).
+# Six targets with a LUN each are created on the first host; balancing
+# (greedy, every minute of 15-second passes, here shortened to 1-second
+# passes) spreads them over the three; then the second host enters
+# maintenance and its targets move to the others. Run as root after
+# scripts/build.sh; nothing outside the temporary homes is touched, and
+# everything started is stopped by pid at the end.
+set -eu
+cd "$(dirname "$0")/.."
+build=./build/tools
+root=$(mktemp -d)
+port=3261
+
+zelctl() { home=$1; shift; "$build/zelctl" --home "$root/$home" "$@"; }
+
+stop_all() {
+  for n in 1 2 3; do
+    pid=$(cat "$root/host$n/run/orvamgmtd.pid" 2>/dev/null || true)
+    [ -z "$pid" ] || kill -TERM "$pid" 2>/dev/null || true
+  done
+  sleep 1
+  for n in 1 2 3; do zelctl "host$n" service disable >/dev/null 2>&1 || true; done
+  rm -rf "$root"
+}
+trap stop_all EXIT
+
+for n in 1 2 3; do
+  zelctl "host$n" host info >/dev/null
+  python3 - "$root" "$n" <<'PY'
+import json, sys
+root, n = sys.argv[1], sys.argv[2]
+path = f"{root}/host{n}/host.json"
+config = json.load(open(path))
+config.update({"hostName": f"host{n}", "nics": {"zel0": {"ipv4": f"127.0.0.1{n}"}},
+               "controlTickSeconds": 1})
+if n != "1":
+    config.update({"datastorePath": f"{root}/host1/datastore",
+                   "directory": {"path": f"{root}/host1/directory.db"}})
+json.dump(config, open(path, "w"), indent=2)
+json.dump({"ORVA-iSCSI": {"zelNokNicCtlEnable": 1, "zelLoadBalanceMethod": 1,
+                          "zelLoadBalancePeriod": 1}},
+          open(f"{root}/host{n}/options.json", "w"))
+PY
+done
+
+echo "== the namespace, created on host1 on interface zel0, port $port"
+zelctl host1 namespace create --interface zel0 --port "$port"
+for n in 1 2 3; do
+  zelctl "host$n" service enable
+  "$build/orvamgmtd" --home "$root/host$n"
+done
+zelctl host1 host list
+
+echo "== six targets with a LUN each, all on host1"
+for t in 1 2 3 4 5 6; do
+  zelctl host1 target add --alias "t$t" >/dev/null
+  zelctl host1 lun add --target "t$t" --size 64MiB >/dev/null
+done
+zelctl host1 host list
+zelctl host1 placement plan
+
+echo "== waiting for balancing (a period is 4 passes of 1 s here)"
+tries=0
+until zelctl host1 --json host list | python3 -c '
+import json, sys
+sys.exit(0 if all(h["targets"] == 2 for h in json.load(sys.stdin)) else 1)'; do
+  tries=$((tries + 1))
+  [ "$tries" -lt 60 ] || { echo "not balanced after 60 s" >&2; exit 1; }
+  sleep 1
+done
+zelctl host1 host list
+
+echo "== host2 enters maintenance: its targets move to host1 and host3"
+zelctl host2 host maintenance enter
+zelctl host1 host list
+zelctl host2 host maintenance exit

@@ -1,0 +1,110 @@
+// The control thread and the cluster events on the prepared home, under the
+// test clock (a pass's pause is recorded, not slept): starting once, a
+// failing pass repeated without advancing, targets moved off a broken
+// interface and off a host entering maintenance, the stop interrupting the
+// pause.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "directory/HostLookup.h"
+#include "platform/Events.h"
+#include "service/OrvaIscsiTargetImpl.h"
+#include "support/Messages.h"
+#include "support/ServiceHome.h"
+
+namespace zel {
+namespace test {
+namespace {
+
+using NokCtl::Orva::IscsiTarget::OrvaIscsiTargetImpl;
+namespace Util = NokCtl::Orva::IscsiTarget::Util;
+
+bool Eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+class ControlThreadTest : public ::testing::Test {
+ protected:
+  ControlThreadTest() {
+    WriteFile(home_.Path() + "/options.json", R"({"ORVA-iSCSI": {"zelNokNicCtlEnable": 1}})");
+    home_.SetHostSetting("controlTickSeconds", 1);
+    services_ = home_.InstallTestHost();
+    nics_ = InstallFakeNetworkInterfaces();
+    nics_->Set("nok0", platform::NOKNIC_UP, "127.0.0.1");
+    nics_->Set("nok1", platform::NOKNIC_UP, "127.0.0.1");
+  }
+  ~ControlThreadTest() override {
+    OrvaIscsiTargetImpl::ZelDeinit();
+    // It holds library handles of this test's host.
+    OrvaIscsiTargetImpl::DropSingleton();
+  }
+
+  int Count(const std::string& text) {
+    int count = 0;
+    for (const std::string& line : services_.log->Texts()) {
+      if (line.find(text) != std::string::npos) ++count;
+    }
+    return count;
+  }
+  std::string FinanceOwner() { return Util::GetTargetOwnerHostUuid(kFinanceUuid); }
+
+  ServiceHome home_;
+  TestServices services_;
+  FakeNetworkInterfaces* nics_ = nullptr;
+};
+
+TEST_F(ControlThreadTest, OneThreadWhoseFailingPassIsRepeatedAndWhoseStopEndsThePause) {
+  // The interface list fails: every pass fails after its consistency
+  // check, which belongs to pass 0 and so runs again each time.
+  nics_->FailListing("listing refused");
+  OrvaIscsiTargetImpl::ZelInit();
+  OrvaIscsiTargetImpl::ZelStartControlThread();
+  EXPECT_EQ(Count("Already exists a ZelControlThread"), 1);
+  const std::string check = "Consistency check: target lab";
+  ASSERT_TRUE(Eventually([&] { return Count(check) >= 2; }));
+  EXPECT_GE(Count("ZelControlThreadWorker failed with OrvaCtlException listing refused"), 2);
+  // Once a pass succeeds the counter moves on: no check again for 40 passes
+  // (a pass is 10 recorded pauses of 0.1 s here).
+  nics_->FailListing("");
+  const auto pauses = [&] { return services_.clock->Sleeps().size(); };
+  const size_t healed = pauses();
+  ASSERT_TRUE(Eventually([&] { return pauses() > healed + 50; }));
+  const int checks = Count(check);
+  ASSERT_TRUE(Eventually([&] { return pauses() > healed + 250; }));
+  EXPECT_EQ(Count(check), checks) << "the counter moves on once a pass succeeds";
+  OrvaIscsiTargetImpl::ZelDeinit();
+  EXPECT_EQ(Count("ZelControlThreadWorker receive interrupt, quit"), 1);
+  EXPECT_EQ(Count("Terminate ZelControlThread successfully"), 1);
+}
+
+TEST_F(ControlThreadTest, TargetsLeaveABrokenInterfaceAndAHostEnteringMaintenance) {
+  ASSERT_EQ(FinanceOwner(), home_.HostUuid());
+  nics_->SetState("nok0", platform::NOKNIC_DOWN);
+  OrvaIscsiTargetImpl::ZelStartControlThread();
+  EXPECT_TRUE(Eventually([&] { return FinanceOwner() == kPeerHostUuid; }));
+  EXPECT_EQ(Count("nok NIC is broken, transferring targets: finance"), 1);
+  OrvaIscsiTargetImpl::ZelStopControlThread();
+
+  // Back here, then away again when this host enters maintenance; a one-node
+  // cluster has nowhere to go.
+  home_.AnnounceObject(kFinanceUuid, home_.HostUuid(), "finance-policy");
+  platform::Events().FireHostEnterMaintenanceMode(1);
+  EXPECT_EQ(Count("Skip target transfer since there is only one node."), 1);
+  ASSERT_EQ(platform::CurrentHost().Cluster().SetMaintenance(true), NOK_OK);
+  platform::Events().FireHostEnterMaintenanceMode(2);
+  EXPECT_EQ(FinanceOwner(), kPeerHostUuid);
+  EXPECT_EQ(Count("Succeed transfering all targets"), 2);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zel

@@ -1,0 +1,150 @@
+// zelctl commands about the cluster's hosts: who they are and what they own,
+// and the events an operator raises on this host (maintenance, leaving the
+// cluster, a system refresh). An event is raised in this process, where the
+// library handles it as the host agent would; a refresh goes to the host
+// agent when one runs, since what it refreshes is the agent's.
+#include <signal.h>
+
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+
+#include "Cli.h"
+#include "Output.h"
+#include "directory/HostLookup.h"
+#include "edit/ParserQueries.h"
+#include "platform/Events.h"
+#include "platform/Host.h"
+#include "platform/HostServices.h"
+#include "platform/local/AtomicFile.h"
+#include "platform/local/LocalClusterFacts.h"
+#include "zel/OrvaCtlException.h"
+
+namespace zelctl {
+namespace {
+
+using HostCtl::Lib::Orva::OrvaCtlException;
+using nlohmann::ordered_json;
+
+zel::platform::ClusterInfo Cluster() {
+  zel::platform::ClusterInfo cluster;
+  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
+  if (status != NOK_OK) {
+    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
+                           NOK_ReturnStatusToString(status));
+  }
+  return cluster;
+}
+
+// How many targets each host owns now.
+std::map<std::string, int> OwnedTargets() {
+  std::map<std::string, int> owned;
+  for (const auto& target : NokCtl::Orva::IscsiTarget::Parser::GetTargets()) {
+    try {
+      ++owned[NokCtl::Orva::IscsiTarget::Util::GetTargetOwnerHostUuid(target.ownerId)];
+    } catch (const OrvaCtlException&) {
+      // A target without a known owner belongs to no host.
+    }
+  }
+  return owned;
+}
+
+// The pid of this home's running host agent, or 0.
+pid_t AgentPid() {
+  pid_t pid = 0;
+  std::ifstream(zel::platform::CurrentHost().Config().home + "/run/orvamgmtd.pid") >> pid;
+  return pid > 0 && ::kill(pid, 0) == 0 ? pid : 0;
+}
+
+void SetMaintenance(bool on) {
+  const NOK_ReturnStatus status = zel::platform::CurrentHost().Cluster().SetMaintenance(on);
+  if (status != NOK_OK) {
+    throw OrvaCtlException(std::string("Failed to ") + (on ? "enter" : "exit") +
+                           " maintenance: " + NOK_ReturnStatusToString(status));
+  }
+}
+
+}  // namespace
+
+void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  CLI::App* host = app.get_subcommand("host");
+  AddServiceCommand(*host, "list", "Every member of the cluster and the targets it owns", options,
+                    exitCode, [&options] {
+                      const std::map<std::string, int> owned = OwnedTargets();
+                      ordered_json hosts = ordered_json::array();
+                      for (const auto& member : Cluster().members) {
+                        const auto count = owned.find(member.hostUuid);
+                        hosts.push_back({{"hostUuid", member.hostUuid},
+                                         {"hostName", member.hostName},
+                                         {"faultDomain", member.faultDomain},
+                                         // A member's entry is there while it is.
+                                         {"alive", true},
+                                         {"maintenance", member.maintenance},
+                                         {"targets", count == owned.end() ? 0 : count->second}});
+                      }
+                      Emit(options.json, hosts, [&] {
+                        PrintTable(std::cout, hosts,
+                                   {"hostUuid", "hostName", "faultDomain", "alive", "maintenance",
+                                    "targets"});
+                      });
+                    });
+
+  CLI::App* maintenance = host->add_subcommand("maintenance", "This host's maintenance");
+  maintenance->require_subcommand(1);
+  AddServiceCommand(*maintenance, "enter",
+                    "Decommission this host: every target it owns moves to other hosts", options,
+                    exitCode, [&options] {
+                      SetMaintenance(true);
+                      const unsigned members =
+                          static_cast<unsigned>(Cluster().members.size());
+                      zel::platform::Events().FireHostEnterMaintenanceMode(members);
+                      ReportDone(options.json, "This host is in maintenance", [] {
+                        return ordered_json{{"maintenance", true}};
+                      });
+                    });
+  AddServiceCommand(*maintenance, "exit", "Put this host back in service", options, exitCode,
+                    [&options] {
+                      SetMaintenance(false);
+                      ReportDone(options.json, "This host is back in service", [] {
+                        return ordered_json{{"maintenance", false}};
+                      });
+                    });
+
+  AddServiceCommand(*host, "leave", "This host leaves the cluster", options, exitCode,
+                    [&options] {
+                      const zel::platform::HostConfig& config =
+                          zel::platform::CurrentHost().Config();
+                      const std::string path = config.home + "/host.json";
+                      nlohmann::json document;
+                      zel::platform::ReadJsonFile(path, "Host configuration", &document);
+                      document["clusterMember"] = false;
+                      zel::platform::WriteJsonFileAtomically(path, document, 0600);
+                      zel::platform::Events().FireClusterLeave();
+                      // Gone from the membership last: the host agent, which
+                      // watches it, then raises the same event.
+                      zel::platform::Directory& directory =
+                          zel::platform::CurrentHost().GetDirectory();
+                      directory.Delete(zel::platform::kClusterMemberEntryType,
+                                       zel::platform::kClusterMembersKey, config.hostUuid);
+                      ReportDone(options.json, "This host left the cluster", [] {
+                        return ordered_json{{"clusterMember", false}};
+                      });
+                    });
+
+  AddServiceCommand(*host, "refresh", "Raise the cluster system refresh event", options, exitCode,
+                    [&options] {
+                      const pid_t agent = AgentPid();
+                      if (agent != 0) {
+                        ::kill(agent, SIGHUP);
+                      } else {
+                        zel::platform::Events().FireOrvaSystemRefresh();
+                      }
+                      ReportDone(options.json,
+                                 agent != 0 ? "Asked the host agent to refresh"
+                                            : "Refreshed the service in this process",
+                                 [agent] { return ordered_json{{"agent", agent != 0}}; });
+                    });
+}
+
+}  // namespace zelctl
