@@ -1,5 +1,6 @@
 // zelctl commands about the cluster's hosts: who they are and what they own,
-// and the events an operator raises on this host (maintenance, leaving the
+// handing targets to another host, and the events an operator raises on
+// this host (maintenance, leaving the
 // cluster, a system refresh). An event is raised in this process, where the
 // library handles it as the host agent would; a refresh goes to the host
 // agent when one runs, since what it refreshes is the agent's.
@@ -18,6 +19,7 @@
 #include "platform/Host.h"
 #include "platform/HostServices.h"
 #include "platform/local/AtomicFile.h"
+#include "placement/ObjectTransfer.h"
 #include "platform/local/LocalClusterFacts.h"
 #include "zel/OrvaCtlException.h"
 
@@ -65,9 +67,55 @@ void SetMaintenance(bool on) {
   }
 }
 
+// The member named `name`: its identity or its host name.
+std::string MemberNamed(const std::string& name) {
+  for (const auto& member : Cluster().members) {
+    if (member.hostUuid == name || member.hostName == name) return member.hostUuid;
+  }
+  throw OrvaCtlException("Host " + name + " is not a member of the cluster");
+}
+
+struct Transfer {
+  std::vector<std::string> aliases;
+  std::string to;
+};
+
 }  // namespace
 
 void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
+  auto transfer = std::make_shared<Transfer>();
+  CLI::App* move = AddServiceCommand(
+      *app.get_subcommand("target"), "transfer",
+      "Hand targets this host owns to other hosts (shuffled), or to the host --to names",
+      options, exitCode, [&options, transfer] {
+        const auto service = Service();
+        std::vector<HostCtl::Orva::IscsiTarget::TargetInfo> targets;
+        for (const std::string& alias : transfer->aliases) {
+          targets.push_back(service->GetTargetInfo(alias));
+        }
+        if (transfer->to.empty()) {
+          service->TransferTargetsOwner(targets, 2);
+        } else {
+          const std::string destination = MemberNamed(transfer->to);
+          for (const auto& target : targets) {
+            const NOK_ReturnStatus status =
+                NokCtl::Orva::IscsiTarget::Util::TransferObjectByUuid(target.ownerId, destination);
+            if (status != NOK_OK) {
+              throw OrvaCtlException("Failed to transfer target " + target.alias + " to " +
+                                     transfer->to + ": " + NOK_ReturnStatusToString(status));
+            }
+          }
+        }
+        ordered_json owners = ordered_json::object();
+        for (const auto& target : targets) {
+          owners[target.alias] =
+              NokCtl::Orva::IscsiTarget::Util::GetTargetOwnerHostUuid(target.ownerId);
+        }
+        Emit(options.json, owners, [&] { PrintKeyValues(std::cout, owners); });
+      });
+  move->add_option("ALIAS", transfer->aliases, "Targets to hand over")->required()->check(NonEmpty());
+  move->add_option("--to", transfer->to, "Destination host (identity or name)")->check(NonEmpty());
+
   CLI::App* host = app.get_subcommand("host");
   AddServiceCommand(*host, "list", "Every member of the cluster and the targets it owns", options,
                     exitCode, [&options] {

@@ -24,7 +24,7 @@ const std::vector<std::string> kLunColumns = {
 const std::vector<std::string> kTargetLunColumns = {"id", "alias", "size", "status", "uuid"};
 
 void AddHostCommands(CLI::App& app, const GlobalOptions& options, int& exitCode) {
-  CLI::App* host = app.add_subcommand("host", "Facts about this host");
+  CLI::App* host = app.add_subcommand("host", "This host and the cluster's hosts");
   host->require_subcommand(1);
   AddServiceCommand(*host, "info", "This host's identity and where its state lives", options,
                     exitCode, [&options] {
