@@ -22,12 +22,7 @@ std::string GetTargetOwnerHostUuid(const std::string& objectUuid) {
 }
 
 std::string GetHostNameFromUuid(const std::string& hostUuid) {
-  zel::platform::ClusterInfo info;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&info);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
+  const zel::platform::ClusterInfo info = OrvaInfoImpl::GetClusterInfo();
   for (const zel::platform::ClusterMember& member : info.members) {
     if (member.hostUuid == hostUuid) return member.hostName;
   }

@@ -101,12 +101,7 @@ std::string SelectHostInFaultDomain(const std::string& site) {
     ZEL_LOG_ERROR("%s: Skip select as empty faultDomain Name\n", "Util");
     return "";
   }
-  zel::platform::ClusterInfo cluster;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
+  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
   std::vector<std::string> hosts;
   for (const zel::platform::ClusterMember& member : cluster.members) {
     std::string faultDomain;

@@ -63,12 +63,7 @@ void ZelLoadBalance::InitLoadBalance() {
   std::string localFaultDomain;
   const std::string localSite = GetNodeSiteDomain(input.localHost, &localFaultDomain);
 
-  zel::platform::ClusterInfo cluster;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
+  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
   // A host in maintenance is being emptied: it takes no target, and its
   // own (which its maintenance moves away) count for no host.
   std::vector<zel::platform::ClusterMember> serving;

@@ -11,12 +11,7 @@ namespace Util {
 using HostCtl::Lib::Orva::OrvaCtlException;
 
 bool IsInStretchedCluster() {
-  zel::platform::ClusterInfo cluster;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
+  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
   for (const zel::platform::ClusterMember& member : cluster.members) {
     if (!member.faultDomain.empty()) return true;
   }

@@ -33,6 +33,16 @@ namespace OrvaInfoImpl {
 NOK_ReturnStatus GetClusterInfo(zel::platform::ClusterInfo* info) {
   return CurrentHost().Cluster().GetClusterInfo(info);
 }
+
+zel::platform::ClusterInfo GetClusterInfo() {
+  zel::platform::ClusterInfo info;
+  const NOK_ReturnStatus status = GetClusterInfo(&info);
+  if (status != NOK_OK) {
+    throw HostCtl::Lib::Orva::OrvaCtlException(std::string("Failed to get cluster information: ") +
+                                               NOK_ReturnStatusToString(status));
+  }
+  return info;
+}
 }  // namespace OrvaInfoImpl
 
 NOK_ReturnStatus OrvaCompliance_Init(OrvaComplianceHandle** handle) {

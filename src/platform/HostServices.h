@@ -25,6 +25,9 @@ uint8_t GetMaxDiskVersionInCluster();
 
 namespace OrvaInfoImpl {
 NOK_ReturnStatus GetClusterInfo(zel::platform::ClusterInfo* info);
+// The same, throwing OrvaCtlException "Failed to get cluster information:
+// <status>" when the membership cannot be learnt.
+zel::platform::ClusterInfo GetClusterInfo();
 }  // namespace OrvaInfoImpl
 
 // A compliance session with the storage policy service.

@@ -22,12 +22,7 @@ constexpr int kDecommissionChecks = 10;
 
 // The members that may take targets: every other host not in maintenance.
 std::vector<std::string> OtherHosts(const std::string& local) {
-  zel::platform::ClusterInfo cluster;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
+  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
   std::vector<std::string> hosts;
   for (const zel::platform::ClusterMember& member : cluster.members) {
     if (member.hostUuid != local && !member.maintenance) hosts.push_back(member.hostUuid);

@@ -31,12 +31,7 @@ OrvaIscsiTargetImpl::OrvaIscsiTargetImpl() {
                static_cast<void*>(this), _lunNaaEnabled ? "Enabled" : "Disabled");
   Parser::InitZelParserLib();
   try {
-    zel::platform::ClusterInfo info;
-    const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&info);
-    if (status != NOK_OK) {
-      throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                             NOK_ReturnStatusToString(status));
-    }
+    const zel::platform::ClusterInfo info = OrvaInfoImpl::GetClusterInfo();
     if (!info.isMember) {
       ZEL_LOG_INFO("%s: The host is not in a Orva cluster.\n", kTag);
       return;

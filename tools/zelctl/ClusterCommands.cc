@@ -29,16 +29,6 @@ namespace {
 using HostCtl::Lib::Orva::OrvaCtlException;
 using nlohmann::ordered_json;
 
-zel::platform::ClusterInfo Cluster() {
-  zel::platform::ClusterInfo cluster;
-  const NOK_ReturnStatus status = OrvaInfoImpl::GetClusterInfo(&cluster);
-  if (status != NOK_OK) {
-    throw OrvaCtlException(std::string("Failed to get cluster information: ") +
-                           NOK_ReturnStatusToString(status));
-  }
-  return cluster;
-}
-
 // How many targets each host owns now.
 std::map<std::string, int> OwnedTargets() {
   std::map<std::string, int> owned;
@@ -69,7 +59,7 @@ void SetMaintenance(bool on) {
 
 // The member named `name`: its identity or its host name.
 std::string MemberNamed(const std::string& name) {
-  for (const auto& member : Cluster().members) {
+  for (const auto& member : OrvaInfoImpl::GetClusterInfo().members) {
     if (member.hostUuid == name || member.hostName == name) return member.hostUuid;
   }
   throw OrvaCtlException("Host " + name + " is not a member of the cluster");
@@ -121,7 +111,7 @@ void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
                     exitCode, [&options] {
                       const std::map<std::string, int> owned = OwnedTargets();
                       ordered_json hosts = ordered_json::array();
-                      for (const auto& member : Cluster().members) {
+                      for (const auto& member : OrvaInfoImpl::GetClusterInfo().members) {
                         const auto count = owned.find(member.hostUuid);
                         hosts.push_back({{"hostUuid", member.hostUuid},
                                          {"hostName", member.hostName},
@@ -145,7 +135,7 @@ void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
                     exitCode, [&options] {
                       SetMaintenance(true);
                       const unsigned members =
-                          static_cast<unsigned>(Cluster().members.size());
+                          static_cast<unsigned>(OrvaInfoImpl::GetClusterInfo().members.size());
                       zel::platform::Events().FireHostEnterMaintenanceMode(members);
                       ReportDone(options.json, "This host is in maintenance", [] {
                         return ordered_json{{"maintenance", true}};
