@@ -5,12 +5,13 @@
 # Six targets with a LUN each are created on the first host; balancing
 # (greedy, every minute of 15-second passes, here shortened to 1-second
 # passes) spreads them over the three; then the second host enters
-# maintenance and its targets move to the others. Run as root after
-# scripts/build.sh; nothing outside the temporary homes is touched, and
-# everything started is stopped by pid at the end.
+# maintenance and its targets move to the others, where a real initiator
+# reads each of them. Run as root after scripts/build.sh (ZEL_BUILD names
+# another build directory); nothing outside the temporary homes is touched,
+# and everything started is stopped by pid at the end.
 set -eu
 cd "$(dirname "$0")/.."
-build=./build/tools
+build=${ZEL_BUILD:-./build}/tools
 root=$(mktemp -d)
 port=3261
 
@@ -76,4 +77,24 @@ zelctl host1 host list
 echo "== host2 enters maintenance: its targets move to host1 and host3"
 zelctl host2 host maintenance enter
 zelctl host1 host list
+echo "== every target answers a real initiator at its new owner"
+zelctl host1 --json target list | python3 -c '
+import json, sys
+for t in json.load(sys.stdin):
+    print(t["iqn"], t["ownerHostUuid"])' | while read -r iqn owner; do
+  n=$(zelctl host1 --json host list | python3 -c "
+import json, sys
+print(next(h['hostName'][-1] for h in json.load(sys.stdin) if h['hostUuid'] == '$owner'))")
+  [ "$n" != 2 ] || { echo "$iqn is still on host2" >&2; exit 1; }
+  # The new owner serves the LUN once the old one has let go of its disk.
+  tries=0
+  until size=$(iscsi-readcapacity16 -i iqn.2024-01.org.example:demo \
+      "iscsi://127.0.0.1$n:$port/$iqn/1" 2>/dev/null | grep "Total size"); do
+    tries=$((tries + 1))
+    [ "$tries" -lt 100 ] || { echo "$iqn does not answer at host$n" >&2; exit 1; }
+    sleep 0.1
+  done
+  echo "$iqn on host$n: $size"
+done
 zelctl host2 host maintenance exit
+echo "cluster demo done"

@@ -48,6 +48,12 @@ int FreePort(const std::string& address) {
   return ntohs(where.sin_port);
 }
 
+size_t Count(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
 // True once `condition` holds, trying for up to `seconds`.
 bool Eventually(const std::function<bool()>& condition, int seconds = 10) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -241,6 +247,19 @@ TEST_F(DataPathTest, ALoginAtAnotherHostIsRedirectedToTheOwner) {
   LoginResult result;
   EXPECT_TRUE(Eventually([&] { return (result = InitiatorSession().Login(request)).ok(); }));
   EXPECT_EQ(result.redirectedTo, host_->Portal(port_));
+}
+
+// Three hosts on one machine, each with its agent, zeld and engine, as the
+// README's demonstration runs them: balancing spreads six targets two per
+// host within one period, and a host entering maintenance hands its targets
+// to the others, where a real initiator reads each of them.
+TEST(ClusterDemoTest, ThreeHostsBalanceAndAHostInMaintenanceHandsItsTargetsOver) {
+  if (::geteuid() != 0 || ::access("/usr/sbin/tgtd", X_OK) != 0) GTEST_SKIP() << "needs root";
+  const ProcessResult demo = RunProgram(
+      {"/usr/bin/env", "ZEL_BUILD=" ZEL_BUILD_DIR, "sh", ZEL_SOURCE_DIR "/scripts/cluster-demo.sh"});
+  ASSERT_EQ(demo.exitCode, 0) << demo.out << demo.err;
+  EXPECT_THAT(demo.out, ::testing::HasSubstr("cluster demo done"));
+  EXPECT_EQ(Count(demo.out, "Total size:67108864"), 6u);
 }
 
 }  // namespace

@@ -53,15 +53,18 @@ void Serving::Reconcile(bool full) {
     generation_ = desired.generation;
     WatchOwners(desired);
     const ReconcileReport report = reconciler_.Apply(desired);
+    incomplete_ = !report.problems.empty();
     for (const std::string& problem : report.problems) {
       ZEL_LOG_WARNING("%s: Not applied: %s\n", kTag, problem.c_str());
     }
     WriteStatus(report.problems.empty() ? "ok" : "applied with problems", report);
   } catch (const HostCtl::Lib::HostCtlException& e) {
     ZEL_LOG_ERROR("%s: Reconcile failed: %s\n", kTag, e.GetMessage().c_str());
+    incomplete_ = true;
     WriteStatus("failed: " + e.GetMessage(), {});
   } catch (const std::exception& e) {
     ZEL_LOG_ERROR("%s: Reconcile failed: %s\n", kTag, e.what());
+    incomplete_ = true;
     WriteStatus(std::string("failed: ") + e.what(), {});
   }
 }

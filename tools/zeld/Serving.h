@@ -25,6 +25,10 @@ class Serving {
   // Failures are logged and reported in the status file; never throws.
   void Reconcile(bool full);
 
+  // Whether the last pass left something unapplied (a disk that its
+  // previous owner still holds, say): the next pass should come soon.
+  bool Incomplete() const { return incomplete_; }
+
   // Restarts engines that died; true when one was (a pass should follow).
   bool RestartDeadEngines() { return reconciler_.RestartDeadEngines(); }
 
@@ -42,6 +46,7 @@ class Serving {
   Reconciler reconciler_;
   const std::function<void()> changed_;
   uint64_t generation_ = 0;
+  bool incomplete_ = false;
   std::map<std::string, zel::platform::Directory::SubscriptionHandle> ownerWatches_;
 };
 

@@ -42,7 +42,9 @@ using zel::platform::LogLevel;
 
 const char kTag[] = "zeld";
 const int kExitUsage = 2;
-// A pass runs at least this often, whatever the directory said.
+// A pass runs at least this often, whatever the directory said; every
+// second while the last one left something unapplied (a disk its previous
+// owner has not let go yet).
 const int kPassSeconds = 5;
 
 // run/zeld.loads holds "STARTED COMPLETED": how many configuration reads
@@ -109,7 +111,8 @@ int Serve(const sigset_t& signals, LoadCounter& loads, zeltools::Serving& servin
         serving.Stop();
         return 1;
       }
-      if (serving.RestartDeadEngines() || ++quietSeconds >= kPassSeconds) {
+      const int due = serving.Incomplete() ? 1 : kPassSeconds;
+      if (serving.RestartDeadEngines() || ++quietSeconds >= due) {
         quietSeconds = 0;
         serving.Reconcile(false);
       }
