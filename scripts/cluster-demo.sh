@@ -75,6 +75,7 @@ done
 zelctl host1 host list
 
 echo "== host2 enters maintenance: its targets move to host1 and host3"
+started=$(date +%s%N)
 zelctl host2 host maintenance enter
 zelctl host1 host list
 echo "== every target answers a real initiator at its new owner"
@@ -96,5 +97,6 @@ print(next(h['hostName'][-1] for h in json.load(sys.stdin) if h['hostUuid'] == '
   done
   echo "$iqn on host$n: $size"
 done
+echo "failover: $(( ($(date +%s%N) - started) / 1000000 )) ms from maintenance enter until every target answered at its new owner"
 zelctl host2 host maintenance exit
 echo "cluster demo done"
