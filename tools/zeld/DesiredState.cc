@@ -61,7 +61,10 @@ void ReadAcl(const struct auth_group* group, DesiredTarget* desired) {
     }
   }
   desired->initiators.assign(names.begin(), names.end());
-  desired->admitAll = names.empty() && !groups;
+  // Initiator portals restrict by address, which this engine binding does
+  // not carry: a group naming only portals admits nobody rather than
+  // everybody.
+  desired->admitAll = names.empty() && !groups && TAILQ_EMPTY(&group->ag_portals);
 }
 
 void ReadChap(const struct auth_group* group, DesiredTarget* desired) {
