@@ -62,15 +62,15 @@ bool SamePath(const std::string& a, const std::string& b) {
   return fs::equivalent(a, b, error) && !error;
 }
 
-// "running" when every engine instance runs, "stopped" with none, else the
-// portals whose engine does not run.
+// "running" when every engine instance runs, "idle" when there is nothing
+// to serve (no engine is needed), else the portals whose engine does not run.
 std::string EngineState(const nlohmann::json& engines) {
   std::string down;
   for (const nlohmann::json& engine : engines) {
     if (engine.value("running", false)) continue;
     down += (down.empty() ? "" : ", ") + engine.value("portal", std::string("?"));
   }
-  if (engines.empty()) return "stopped";
+  if (engines.empty()) return "idle (nothing to serve)";
   return down.empty() ? "running" : "not running on " + down;
 }
 

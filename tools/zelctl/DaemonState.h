@@ -13,7 +13,7 @@ namespace zelctl {
 bool HomeDaemonRunning(const std::string& home);
 
 // What the running zeld of `home` last said of its work: "engine" (running,
-// stopped, or what failed), "servedTargets", "redirectedTargets",
+// idle, or which portals' engines do not run), "servedTargets", "redirectedTargets",
 // "lastReconcile" (when, and how it ended); "problems" when there are.
 // Empty when it has said nothing readable.
 nlohmann::ordered_json DaemonReport(const std::string& home);
