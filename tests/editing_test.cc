@@ -379,7 +379,6 @@ TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
             "This host is not in stretched cluster");
   home_.SetHostSetting("faultDomain", "site-a");
   Reinstall();
-  // Stretched: the peer names the other site, and this host's is preferred.
   zel::platform::HostConfig peer = zel::platform::LoadHostConfig(home_.Path());
   peer.hostUuid = zel::test::kPeerHostUuid;
   peer.faultDomain = "site-b";
