@@ -30,6 +30,7 @@
 #include "edit/Parser.h"
 #include "edit/ParserQueries.h"
 #include "platform/Host.h"
+#include "platform/local/LocalClusterFacts.h"
 #include "storage/DatastoreLayout.h"
 #include "support/FakeNetworkInterfaces.h"
 #include "support/Process.h"
@@ -378,6 +379,11 @@ TEST_F(EditingTest, UpdateMovesPortalsAndEditsTheAcl) {
             "This host is not in stretched cluster");
   home_.SetHostSetting("faultDomain", "site-a");
   Reinstall();
+  zel::platform::HostConfig peer = zel::platform::LoadHostConfig(home_.Path());
+  peer.hostUuid = zel::test::kPeerHostUuid;
+  peer.faultDomain = "site-b";
+  ASSERT_EQ(zel::platform::LocalClusterFacts(peer, *services_.directory).Announce(), NOK_OK);
+  ASSERT_EQ(zel::platform::CurrentHost().Cluster().SetPreferredFaultDomain("site-a"), NOK_OK);
   service_->UpdateTargetConfig(move);
   TargetInfo lab = Target("lab");
   EXPECT_EQ((std::vector<std::string>{lab.networkInterface, std::to_string(lab.port), lab.authType,

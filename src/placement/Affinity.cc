@@ -101,11 +101,13 @@ std::string SelectHostInFaultDomain(const std::string& site) {
     ZEL_LOG_ERROR("%s: Skip select as empty faultDomain Name\n", "Util");
     return "";
   }
-  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
+  const std::string faultDomain = GetAffinityFdUuid(site);
   std::vector<std::string> hosts;
-  for (const zel::platform::ClusterMember& member : cluster.members) {
-    std::string faultDomain;
-    if (GetNodeSiteDomain(member.hostUuid, &faultDomain) == site) hosts.push_back(member.hostUuid);
+  for (const zel::platform::ClusterMember& member : OrvaInfoImpl::GetClusterInfo().members) {
+    // A host in maintenance is being emptied: it takes no target.
+    if (!faultDomain.empty() && member.faultDomain == faultDomain && !member.maintenance) {
+      hosts.push_back(member.hostUuid);
+    }
   }
   if (hosts.empty()) {
     ZEL_LOG_ERROR("%s: Empty hostList for FD: %s\n", "Util", site.c_str());
@@ -137,13 +139,13 @@ void CheckLocalTargetAffinity() {
     const std::vector<Api::TargetInfo> targets = ConfigCache::GetTargetsInfos();
     if (targets.empty()) return;
     const std::string local = OrvaUtil::GetNodeUuid();
-    std::string localFaultDomain;
-    const std::string localSite = GetNodeSiteDomain(local, &localFaultDomain);
+    const std::string localFaultDomain = GetFaultDomainId(local);
     std::vector<Api::TargetInfo> misplaced;
     for (const Api::TargetInfo& target : targets) {
       if (target.faultDomain.empty() || GetTargetOwnerHostUuid(target.ownerId) != local) continue;
-      // Sites are compared by name: a site names exactly one fault domain.
-      if (target.faultDomain != localSite) misplaced.push_back(target);
+      // Compared by fault domain: a site the cluster cannot map to one ("")
+      // is never where this host is, and the move then finds no host.
+      if (GetAffinityFdUuid(target.faultDomain) != localFaultDomain) misplaced.push_back(target);
     }
     RefreshLocalTargetAffinity(misplaced);
   } catch (const OrvaCtlException& e) {

@@ -44,8 +44,8 @@ void VerifyUpdateTargetAffinity(OrvaComplianceHandle* handle,
                                 const HostCtl::Orva::IscsiTarget::TargetInfo& current);
 
 // Setting a location needs the stretched-cluster feature, every host on
-// the disk format that placement needs, and a stretched cluster (some
-// member names its site); throws the first that is missing.
+// the disk format that placement needs, and a stretched cluster (Sites.h);
+// throws the first that is missing.
 void ValidateSiteAffinity();
 
 // ValidateSiteAffinity when `location` names a site; clearing a location,
@@ -59,7 +59,7 @@ void VerifyLunPolicyAndAffinity(const HostCtl::Orva::IscsiTarget::LunInfo& lun);
 
 // A host of site `site` ("Preferred" or "NonPreferred") chosen at random,
 // so that several misplaced targets spread over the site; "" when the site
-// has none (logged).
+// has none (logged). Hosts in maintenance are not candidates.
 std::string SelectHostInFaultDomain(const std::string& site);
 
 // The control thread's check: targets owned here whose location names the

@@ -1,31 +1,70 @@
 #include "placement/Sites.h"
 
+#include <set>
+
 #include "platform/HostServices.h"
-#include "zel/OrvaCtlException.h"
+#include "platform/Log.h"
 
 namespace NokCtl {
 namespace Orva {
 namespace IscsiTarget {
 namespace Util {
+namespace {
 
-using HostCtl::Lib::Orva::OrvaCtlException;
+const char kPreferred[] = "Preferred";
+const char kNonPreferred[] = "NonPreferred";
 
-bool IsInStretchedCluster() {
-  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
-  for (const zel::platform::ClusterMember& member : cluster.members) {
-    if (!member.faultDomain.empty()) return true;
-  }
-  return false;
+std::string PreferredFaultDomain() {
+  std::string name;
+  std::string uuid;
+  OrvaInfoImpl::GetPreferredFaultDomainInfo(&name, &uuid);
+  return uuid;
 }
 
-std::string GetNodeSiteDomain(const std::string& /*host*/, std::string* faultDomainUuid) {
-  if (IsInStretchedCluster()) {
-    // Which of the two fault domains is the preferred site is the cluster's
-    // decision; naming one here could send targets to the wrong site.
-    throw OrvaCtlException("The preferred site of the stretched cluster is not set");
+}  // namespace
+
+bool IsInStretchedCluster() {
+  std::set<std::string> faultDomains;
+  for (const zel::platform::ClusterMember& member : OrvaInfoImpl::GetClusterInfo().members) {
+    if (!member.faultDomain.empty()) faultDomains.insert(member.faultDomain);
   }
-  faultDomainUuid->clear();
+  // A preferred site that no member names (or a third site) leaves the
+  // other site undefined: placing targets by site would then guess.
+  return faultDomains.size() == 2 && faultDomains.count(PreferredFaultDomain()) != 0;
+}
+
+std::string GetFaultDomainId(const std::string& host) {
+  for (const zel::platform::ClusterMember& member : OrvaInfoImpl::GetClusterInfo().members) {
+    if (member.hostUuid == host) return member.faultDomain;
+  }
   return "";
+}
+
+std::string GetNodeSiteDomain(const std::string& host, std::string* faultDomainUuid) {
+  faultDomainUuid->clear();
+  if (!IsInStretchedCluster()) return "";
+  *faultDomainUuid = GetFaultDomainId(host);
+  if (faultDomainUuid->empty()) return "";
+  return *faultDomainUuid == PreferredFaultDomain() ? kPreferred : kNonPreferred;
+}
+
+std::string GetNonPreferredFaultDomainId(const std::string& preferred) {
+  for (const zel::platform::ClusterMember& member : OrvaInfoImpl::GetClusterInfo().members) {
+    if (!member.faultDomain.empty() && member.faultDomain != preferred) return member.faultDomain;
+  }
+  return "";
+}
+
+std::string GetAffinityFdUuid(const std::string& name) {
+  if (name.empty()) {
+    ZEL_LOG_WARNING("%s: Get affinityFdUuid with empty Name\n", "Util");
+    return "";
+  }
+  if (name != kPreferred && name != kNonPreferred) return "";
+  const std::string preferred = PreferredFaultDomain();
+  // With no preferred site, neither site denotes a fault domain.
+  if (name == kPreferred || preferred.empty()) return preferred;
+  return GetNonPreferredFaultDomainId(preferred);
 }
 
 }  // namespace Util

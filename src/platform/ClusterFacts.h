@@ -39,6 +39,14 @@ class ClusterFacts {
   // Marks this host as decommissioned for maintenance, or back in service,
   // for every host to see. NOK_OK or the status of the failure.
   virtual NOK_ReturnStatus SetMaintenance(bool maintenance) = 0;
+
+  // The preferred site of a stretched cluster, named by its fault domain
+  // as the members name theirs. A fault domain has no identity besides its
+  // name: where placement asks for a fault-domain UUID, the name is it.
+  // NOK_OK with "" when none is set, or the status of the failure.
+  virtual NOK_ReturnStatus GetPreferredFaultDomain(std::string* name) = 0;
+  // Sets it for every host to see. NOK_OK or the status of the failure.
+  virtual NOK_ReturnStatus SetPreferredFaultDomain(const std::string& name) = 0;
 };
 
 }  // namespace platform

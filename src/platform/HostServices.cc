@@ -43,6 +43,16 @@ zel::platform::ClusterInfo GetClusterInfo() {
   }
   return info;
 }
+
+void GetPreferredFaultDomainInfo(std::string* name, std::string* uuid) {
+  const NOK_ReturnStatus status = CurrentHost().Cluster().GetPreferredFaultDomain(name);
+  if (status != NOK_OK) {
+    throw HostCtl::Lib::Orva::OrvaCtlException(
+        std::string("Failed to get the preferred fault domain: ") +
+        NOK_ReturnStatusToString(status));
+  }
+  *uuid = *name;
+}
 }  // namespace OrvaInfoImpl
 
 NOK_ReturnStatus OrvaCompliance_Init(OrvaComplianceHandle** handle) {

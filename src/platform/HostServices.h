@@ -28,6 +28,11 @@ NOK_ReturnStatus GetClusterInfo(zel::platform::ClusterInfo* info);
 // The same, throwing OrvaCtlException "Failed to get cluster information:
 // <status>" when the membership cannot be learnt.
 zel::platform::ClusterInfo GetClusterInfo();
+// The preferred site's fault domain: its name, and its UUID, which is the
+// name (a fault domain has no other identity); both "" while none is set.
+// Throws OrvaCtlException "Failed to get the preferred fault domain:
+// <status>" when it cannot be read.
+void GetPreferredFaultDomainInfo(std::string* name, std::string* uuid);
 }  // namespace OrvaInfoImpl
 
 // A compliance session with the storage policy service.

@@ -158,6 +158,8 @@ ZEL_DOUBLE(ClusterFactsDouble, ClusterFacts, SetCluster)
   ZEL_FORWARD(std::string, LocalHostUuid, (), ())
   ZEL_FORWARD(NOK_ReturnStatus, GetClusterInfo, (platform::ClusterInfo * info), (info))
   ZEL_FORWARD(NOK_ReturnStatus, SetMaintenance, (bool maintenance), (maintenance), maintenance)
+  ZEL_FORWARD(NOK_ReturnStatus, GetPreferredFaultDomain, (std::string * name), (name))
+  ZEL_FORWARD(NOK_ReturnStatus, SetPreferredFaultDomain, (Str name), (name), name)
 };
 
 ZEL_DOUBLE(ConfigStoreDouble, ConfigStore, SetStore)
@@ -363,9 +365,18 @@ struct FixedCluster final : platform::ClusterFacts {
     }
     return NOK_OK;
   }
+  NOK_ReturnStatus GetPreferredFaultDomain(std::string* name) override {
+    *name = preferredFaultDomain;
+    return NOK_OK;
+  }
+  NOK_ReturnStatus SetPreferredFaultDomain(const std::string& name) override {
+    preferredFaultDomain = name;
+    return NOK_OK;
+  }
 
   std::string hostUuid;
   platform::ClusterInfo info;
+  std::string preferredFaultDomain;
 };
 
 // Compliant objects with the policies by object UUID; an unknown object throws.

@@ -76,5 +76,7 @@ void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
 void AddLunEditCommands(CLI::App& lun, const GlobalOptions& options, int& exitCode);
 // The "placement" family: the balancing plan and the placement hash.
 void AddPlacementCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
+// The "cluster" family: the preferred site of a stretched cluster.
+void AddSiteCommands(CLI::App& app, const GlobalOptions& options, int& exitCode);
 
 }  // namespace zelctl

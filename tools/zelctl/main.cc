@@ -116,6 +116,7 @@ int main(int argc, char** argv) {
   zelctl::AddEditCommands(app, options, exitCode);
   zelctl::AddPlacementCommands(app, options, exitCode);
   zelctl::AddClusterCommands(app, options, exitCode);
+  zelctl::AddSiteCommands(app, options, exitCode);
 
   try {
     app.parse(argc, argv);

@@ -57,7 +57,11 @@ NOK_ReturnStatus LocalClusterFacts::Publish(bool maintenance) {
   entry.ownerHost = hostUuid_;
   entry.entryId = hostUuid_;
   entry.payload = MemberPayload(maintenance);
-  const std::string owner = hostUuid_;
+  return Write(entry);
+}
+
+NOK_ReturnStatus LocalClusterFacts::Write(const DirectoryEntry& entry) {
+  const std::string owner = entry.ownerHost;
   const std::string payload = entry.payload;
   std::promise<NOK_ReturnStatus> completed;
   std::future<NOK_ReturnStatus> result = completed.get_future();
@@ -72,6 +76,35 @@ NOK_ReturnStatus LocalClusterFacts::Publish(bool maintenance) {
   const NOK_ReturnStatus status = result.get();
   // NOK_EXISTS: the entry is already exactly this one.
   return status == NOK_EXISTS ? NOK_OK : status;
+}
+
+NOK_ReturnStatus LocalClusterFacts::GetPreferredFaultDomain(std::string* name) {
+  std::vector<DirectoryEntry> entries;
+  const NOK_ReturnStatus status =
+      directory_.Query(kPreferredSiteEntryType, kPreferredSiteKey, &entries);
+  if (status != NOK_OK && status != NOK_NOT_FOUND) return status;
+  name->clear();
+  for (const DirectoryEntry& entry : entries) {
+    if (entry.entryId != kPreferredSiteKey) continue;
+    const json payload = json::parse(entry.payload, nullptr, /*allow_exceptions=*/false);
+    const auto site = payload.find("faultDomain");  // end() unless an object holds it
+    if (site != payload.end() && site->is_string()) {
+      *name = site->get<std::string>();
+    } else {
+      ZEL_LOG_WARNING("%s: The preferred site entry has a malformed payload", "ClusterFacts");
+    }
+  }
+  return NOK_OK;
+}
+
+NOK_ReturnStatus LocalClusterFacts::SetPreferredFaultDomain(const std::string& name) {
+  DirectoryEntry entry;
+  entry.type = kPreferredSiteEntryType;
+  entry.key = kPreferredSiteKey;
+  entry.ownerHost = hostUuid_;
+  entry.entryId = kPreferredSiteKey;
+  entry.payload = json{{"faultDomain", name}}.dump();
+  return Write(entry);
 }
 
 std::string LocalClusterFacts::LocalHostUuid() { return hostUuid_; }

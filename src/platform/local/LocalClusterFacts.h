@@ -6,6 +6,10 @@
 // sharing the directory sees the same members. A payload without
 // "diskFormatVersion" (published before hosts declared one) reads as
 // kCurrentDiskFormatVersion.
+//
+// The preferred site is one entry of the cluster, (kPreferredSiteEntryType,
+// kPreferredSiteKey) with that key as its entryId, whose payload is
+// {"faultDomain": NAME}; the last host to set it owns it.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +24,8 @@ namespace platform {
 
 constexpr uint32_t kClusterMemberEntryType = 40;
 constexpr const char* kClusterMembersKey = "cluster-members";
+constexpr uint32_t kPreferredSiteEntryType = 41;
+constexpr const char* kPreferredSiteKey = "cluster-preferred-site";
 
 class LocalClusterFacts final : public ClusterFacts {
  public:
@@ -41,11 +47,17 @@ class LocalClusterFacts final : public ClusterFacts {
   // Kept in the member entry ("maintenance": true while set), which a later
   // Announce keeps as it finds it.
   NOK_ReturnStatus SetMaintenance(bool maintenance) override;
+  // An entry whose payload does not name a fault domain reads as "" (none
+  // set, logged), so that a damaged entry stretches no cluster.
+  NOK_ReturnStatus GetPreferredFaultDomain(std::string* name) override;
+  NOK_ReturnStatus SetPreferredFaultDomain(const std::string& name) override;
 
  private:
   std::string MemberPayload(bool maintenance) const;
   // Writes this host's member entry unless it is exactly that already.
   NOK_ReturnStatus Publish(bool maintenance);
+  // Writes `entry` unless the directory holds exactly it; waits for it.
+  NOK_ReturnStatus Write(const DirectoryEntry& entry);
 
   const std::string hostUuid_;
   const std::string hostName_;
