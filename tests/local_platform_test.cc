@@ -170,6 +170,12 @@ TEST(HostConfigErrors, EachUnusableFileIsNamedWithItsProblemAndLeftAlone) {
       {identity + R"("commands": {"zeld": ["/bin/zeld"]}})", ": 'commands.zeld' must be a string"},
       {identity + R"("datastorePath": ""})", ": 'datastorePath' must not be empty"},
       {identity + R"("datastorPath": "/mnt"})", ": unknown key 'datastorPath'"},
+      {identity + R"("nics": {"zel0": {"ipv4": "127.0.0.300"}}})",
+       ": 'nics.zel0.ipv4' must be an address of its family ('ipv4' or 'ipv6') or a state: "
+       "'127.0.0.300'"},
+      {identity + R"("nics": {"zel0": {"state": "sideways"}}})",
+       ": 'nics.zel0.state' must be \"up\", \"down\" or \"no-uplinks\": 'sideways'"},
+      {identity + R"("nics": {"zel0": {"state": "down"}}})", ": 'nics.zel0' has no address"},
       {identity + R"("iqnDomain": "pool_1.example.net"})", iqnRule + "'pool_1.example.net'"},
       {identity + R"("iqnDomain": "example..net"})", iqnRule + "'example..net'"},
       {identity + R"("iqnDomain": ")" + longDomain + "\"}", iqnRule + "'" + longDomain + "'"},

@@ -162,13 +162,19 @@ void ApplyNics(const Reader& reader, const json& nics, HostConfig* config) {
       const std::string key = where + "." + field.key();
       const std::string address = reader.Text(field.value(), key);
       unsigned char binary[sizeof(struct in6_addr)];
-      if (field.key() == "ipv4" && ::inet_pton(AF_INET, address.c_str(), binary) == 1) {
+      if (field.key() == "state") {
+        if (address != "up" && address != "down" && address != "no-uplinks") {
+          reader.Fail("'" + key + "' must be \"up\", \"down\" or \"no-uplinks\": '" + address +
+                      "'");
+        }
+        nic.state = address;
+      } else if (field.key() == "ipv4" && ::inet_pton(AF_INET, address.c_str(), binary) == 1) {
         nic.ipv4 = address;
       } else if (field.key() == "ipv6" && ::inet_pton(AF_INET6, address.c_str(), binary) == 1) {
         nic.ipv6 = address;
       } else {
-        reader.Fail("'" + key + "' must be an address of its family ('ipv4' or 'ipv6'): '" +
-                    address + "'");
+        reader.Fail("'" + key + "' must be an address of its family ('ipv4' or 'ipv6') or a "
+                    "state: '" + address + "'");
       }
     }
     if (nic.ipv4.empty() && nic.ipv6.empty()) reader.Fail("'" + where + "' has no address");

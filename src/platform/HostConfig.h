@@ -27,6 +27,7 @@ enum class Profile { Embedded, RealHost };
 struct DeclaredNic {
   std::string ipv4;  // empty when the interface has none
   std::string ipv6;
+  std::string state = "up";  // "up", "down" or "no-uplinks", as the host declares it
 };
 
 struct HostConfig {

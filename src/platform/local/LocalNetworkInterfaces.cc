@@ -78,8 +78,9 @@ bool NamedAs(const struct ifaddrs* entry, const std::string& name) {
 }
 
 
-// Interfaces a host declares: up while declared, with their declared
-// addresses; the machine's own are not offered.
+// Interfaces a host declares, in the state and with the addresses it
+// declares (a demonstration takes one down by editing host.json); the
+// machine's own are not offered.
 class DeclaredNetworkInterfaces final : public NetworkInterfaces {
  public:
   explicit DeclaredNetworkInterfaces(std::map<std::string, DeclaredNic> nics)
@@ -91,7 +92,10 @@ class DeclaredNetworkInterfaces final : public NetworkInterfaces {
     return names;
   }
   NokNicState GetNokKernelNicState(const std::string& name) override {
-    return nics_.count(name) != 0 ? NOKNIC_UP : NOKNIC_NONE;
+    const auto nic = nics_.find(name);
+    if (nic == nics_.end()) return NOKNIC_NONE;
+    if (nic->second.state == "down") return NOKNIC_DOWN;
+    return nic->second.state == "no-uplinks" ? NOKNIC_NO_UPLINKS : NOKNIC_UP;
   }
   void GetPreferredZelNetworkAddressForNokNic(const std::string& name, std::string* ipv4,
                                               std::string* ipv6) override {

@@ -52,8 +52,8 @@ class LocalNetworkInterfaces final : public NetworkInterfaces {
   const bool offerLoopback_;
 };
 
-// The interfaces `config` gives the host: those it declares ("nics"), always
-// up, with their declared addresses; else the machine's, loopback first in
+// The interfaces `config` gives the host: those it declares ("nics"), in
+// their declared states and with their declared addresses; else the machine's, loopback first in
 // the embedded profile.
 std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces(const HostConfig& config);
 
