@@ -15,3 +15,9 @@ apt-get install -y -qq --no-install-recommends \
   clang libclang-rt-14-dev \
   tgt libiscsi-bin libiscsi-dev \
   python3 >/dev/null
+# The package's own tgtd service, where systemd started it, listens on every
+# address at port 3260; each zel host runs the engines it needs itself (one
+# per portal), so the distribution's service is stopped and left disabled.
+if command -v systemctl >/dev/null 2>&1 && systemctl list-unit-files tgt.service >/dev/null 2>&1; then
+  systemctl disable --now tgt.service >/dev/null 2>&1 || true
+fi
