@@ -9,4 +9,4 @@ cd "$(dirname "$0")/.."
 cmake -S . -B build-tsan -DZEL_TSAN=ON -DZEL_BENCH=OFF >/dev/null
 cmake --build build-tsan -j"$(nproc)"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ./build-tsan/tests/zel_tests \
-  --gtest_filter='Directory*:ConfigCache*:EditConcurrency*:ConfLockHandover*:ConfFileTest*:LocalNamespaceRace*:LocalConfigStore*:LocalClusterMembership*:NicPublication*'
+  --gtest_filter='Directory*:ConfigCache*:EditConcurrency*:ConfLockHandover*:ConfFileTest*:LocalNamespaceRace*:LocalConfigStore*:LocalClusterMembership*:NicPublication*:ControlThread*'
