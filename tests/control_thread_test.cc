@@ -99,6 +99,16 @@ TEST_F(ControlThreadTest, TargetsLeaveABrokenInterfaceAndAHostEnteringMaintenanc
   EXPECT_EQ(Count("Succeed transfering all targets"), 2);
 }
 
+TEST_F(ControlThreadTest, ARefreshReachesTheNextPassAndANicChangeWhileDisabledDoesNothing) {
+  home_.SetServiceEnabled(false);
+  platform::Events().FireNokNicChange();
+  EXPECT_EQ(Count("Handling nok nic change event"), 0);
+  platform::Events().FireOrvaSystemRefresh();
+  EXPECT_EQ(Count("Calling ZelOnOrvaSystemRefresh()"), 1);
+  OrvaIscsiTargetImpl::ZelStartControlThread();
+  EXPECT_TRUE(Eventually([&] { return Count("reload orva configs") == 1; }));
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace zel
