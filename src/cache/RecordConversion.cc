@@ -65,12 +65,11 @@ LunInfo ToLunInfo(const struct lun* lun, const TargetInfo& target, uint64_t mibB
   info.sizeMiB = SizeInUnits(lun->l_size, mibBytes);
   // Only ramdisk-backed LUNs, which the service never creates, lack a path.
   if (lun->l_path != nullptr) {
-    char path[256];
-    if (GetLunAbsPath(lun->l_path, path, sizeof path) != 0) {
+    info.path = GetLunAbsPath(lun);
+    if (info.path.empty()) {
       throw OrvaCtlException("Failed to get absolute path for LUN " + std::string(lun->l_path) +
                              " of target " + target.alias);
     }
-    info.path = path;
     info.uuid = Util::GetLunUuid(info.path);
   }
   info.alias = LunOption(lun, "lun-alias");

@@ -69,10 +69,8 @@ std::string RelativeDiskPath(const std::string& absolute) {
 }
 
 std::string AbsoluteDiskPath(const struct lun* lun) {
-  char path[256];
-  if (lun->l_path == nullptr || GetLunAbsPath(lun->l_path, path, sizeof path) != 0) {
-    throw OrvaCtlException("LUN " + Text(lun->l_name) + " names no usable disk path");
-  }
+  std::string path = GetLunAbsPath(lun);
+  if (path.empty()) throw OrvaCtlException("LUN " + Text(lun->l_name) + " names no usable disk path");
   return path;
 }
 

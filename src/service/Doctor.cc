@@ -67,12 +67,10 @@ void CollectNamed(const ConfHandle& handle, Named* named, std::vector<Problem>* 
     const struct target_option* uuid = target_option_find(target, "uuid");
     if (uuid != nullptr) named->targets[uuid->to_value] = alias;
     for (const struct lun* lun : target->t_luns) {
-      char path[256];
-      if (lun == nullptr || lun->l_path == nullptr ||
-          GetLunAbsPath(lun->l_path, path, sizeof path) != 0) {
-        continue;
+      const std::string path = lun == nullptr ? "" : GetLunAbsPath(lun);
+      if (!path.empty()) {
+        named->disks[path] = "LUN " + std::to_string(lun->l_zeld_lun) + " of target " + alias;
       }
-      named->disks[path] = "LUN " + std::to_string(lun->l_zeld_lun) + " of target " + alias;
     }
   }
   uint64_t published = 0;

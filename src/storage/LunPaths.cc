@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "conf/conf.h"
 #include "storage/DatastoreLayout.h"
 
 int GetLunAbsPath(const char* relPath, char* buf, size_t size) {
@@ -13,6 +14,12 @@ int GetLunAbsPath(const char* relPath, char* buf, size_t size) {
     return -1;
   }
   return 0;
+}
+
+std::string GetLunAbsPath(const struct lun* lun) {
+  char path[256];
+  if (lun->l_path == nullptr || GetLunAbsPath(lun->l_path, path, sizeof path) != 0) return "";
+  return path;
 }
 
 namespace NokCtl {

@@ -13,6 +13,11 @@
 // `size` bytes; `buf` then holds the empty string, never a cut path.
 int GetLunAbsPath(const char* relPath, char* buf, size_t size);
 
+struct lun;
+// The absolute path of `lun`'s disk; "" when it names none or the path is
+// too long for the service.
+std::string GetLunAbsPath(const struct lun* lun);
+
 namespace NokCtl {
 namespace Orva {
 namespace IscsiTarget {

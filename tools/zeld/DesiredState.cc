@@ -80,10 +80,8 @@ void ReadChap(const struct auth_group* group, DesiredTarget* desired) {
 }
 
 ServedLun ReadLun(const struct lun* lun) {
-  char path[256];
-  if (lun->l_path == nullptr || GetLunAbsPath(lun->l_path, path, sizeof path) != 0) {
-    throw Skip("LUN " + std::to_string(lun->l_zeld_lun) + " names no usable disk");
-  }
+  const std::string path = GetLunAbsPath(lun);
+  if (path.empty()) throw Skip("LUN " + std::to_string(lun->l_zeld_lun) + " names no usable disk");
   VolLibHandle* handle = nullptr;
   VolLibInfo* info = nullptr;
   const VolLibError opened =
