@@ -168,6 +168,67 @@ struct Reconciler::Instance {
     }
     targets.erase(target);  // its disks are released after the engine let go
   }
+
+  // Creates the accounts `wanted` (user -> secret) that are new or whose
+  // secret changed. A changed one is replaced while the targets bound to it
+  // take no logins (deleting an account unbinds it): their tids go into
+  // `paused`, for the caller to make ready once everything else is applied.
+  void SetAccounts(const std::map<std::string, std::string>& wanted, std::set<int>* paused) {
+    for (const auto& [user, secret] : wanted) {
+      const auto have = accounts.find(user);
+      if (have != accounts.end() && have->second == secret) continue;
+      std::vector<std::pair<AppliedTarget*, bool>> bound;  // (target, outgoing)
+      if (have != accounts.end()) {
+        for (auto& [iqn, applied] : targets) {
+          if (applied.chap && applied.chap->user == user) bound.push_back({&applied, false});
+          if (applied.mutualChap && applied.mutualChap->user == user) {
+            bound.push_back({&applied, true});
+          }
+        }
+        for (const auto& binding : bound) {
+          if (paused->insert(binding.first->tid).second) {
+            engine->SetTargetReady(binding.first->tid, false);
+          }
+        }
+        engine->DeleteAccount(user);
+        accounts.erase(user);
+      }
+      engine->NewAccount(user, secret);
+      accounts[user] = secret;
+      for (const auto& [applied, outgoing] : bound) {
+        engine->BindAccount(applied->tid, user, outgoing);
+        (outgoing ? applied->mutualChap : applied->chap)->secret = secret;
+      }
+    }
+  }
+
+  // Creates or updates one target; a refusal is reported and the target
+  // forgotten, to be applied afresh by the next pass.
+  void ApplyTarget(const std::string& iqn, const DesiredTarget& target, ReconcileReport* report) {
+    auto found = targets.find(iqn);
+    try {
+      if (found == targets.end()) {
+        AppliedTarget applied;
+        applied.tid = nextTid++;
+        applied.redirect = target.redirect;
+        engine->NewTarget(applied.tid, iqn);
+        found = targets.emplace(iqn, std::move(applied)).first;
+        if (!target.redirect.empty()) {
+          const auto [address, port] = SplitPortal(target.redirect);
+          engine->SetRedirect(found->second.tid, address, port);
+        }
+      }
+      AppliedTarget& applied = found->second;
+      ApplyAccount(*engine, applied.tid, target.chap, &applied.chap, false);
+      ApplyAccount(*engine, applied.tid, target.mutualChap, &applied.mutualChap, true);
+      ApplyLuns(*engine, applied, target, &report->problems);
+      ApplyAcl(*engine, applied, target);
+      (target.Served() ? report->served : report->redirected).push_back(target.alias);
+    } catch (const EngineError& e) {
+      report->problems.push_back("target " + target.alias + ": " + e.what());
+      if (found != targets.end()) Forget(found);
+    }
+  }
 };
 
 Reconciler::Reconciler(EngineFactory factory) : factory_(std::move(factory)) {}
@@ -246,56 +307,8 @@ void Reconciler::ApplyInstance(Instance& instance, const std::vector<const Desir
 
   std::set<int> paused;
   try {
-    for (const auto& [user, secret] : accounts) {
-      const auto have = instance.accounts.find(user);
-      if (have != instance.accounts.end() && have->second == secret) continue;
-      std::vector<std::pair<AppliedTarget*, bool>> bound;  // (target, outgoing)
-      if (have != instance.accounts.end()) {
-        for (auto& [iqn, applied] : instance.targets) {
-          if (applied.chap && applied.chap->user == user) bound.push_back({&applied, false});
-          if (applied.mutualChap && applied.mutualChap->user == user) bound.push_back({&applied, true});
-        }
-        // No logins while the account is replaced: deleting it unbinds it.
-        for (const auto& binding : bound) {
-          if (paused.insert(binding.first->tid).second) engine.SetTargetReady(binding.first->tid, false);
-        }
-        engine.DeleteAccount(user);
-        instance.accounts.erase(user);
-      }
-      engine.NewAccount(user, secret);
-      instance.accounts[user] = secret;
-      for (const auto& [applied, outgoing] : bound) {
-        engine.BindAccount(applied->tid, user, outgoing);
-        (outgoing ? applied->mutualChap : applied->chap)->secret = secret;
-      }
-    }
-
-    for (const auto& [iqn, target] : wanted) {
-      auto found = instance.targets.find(iqn);
-      try {
-        if (found == instance.targets.end()) {
-          AppliedTarget applied;
-          applied.tid = instance.nextTid++;
-          applied.redirect = target->redirect;
-          engine.NewTarget(applied.tid, iqn);
-          found = instance.targets.emplace(iqn, std::move(applied)).first;
-          if (!target->redirect.empty()) {
-            const auto [address, port] = SplitPortal(target->redirect);
-            engine.SetRedirect(found->second.tid, address, port);
-          }
-        }
-        AppliedTarget& applied = found->second;
-        ApplyAccount(engine, applied.tid, target->chap, &applied.chap, false);
-        ApplyAccount(engine, applied.tid, target->mutualChap, &applied.mutualChap, true);
-        ApplyLuns(engine, applied, *target, &report->problems);
-        ApplyAcl(engine, applied, *target);
-        (target->Served() ? report->served : report->redirected).push_back(target->alias);
-      } catch (const EngineError& e) {
-        report->problems.push_back("target " + target->alias + ": " + e.what());
-        // Applied afresh by the next pass.
-        if (found != instance.targets.end()) instance.Forget(found);
-      }
-    }
+    instance.SetAccounts(accounts, &paused);
+    for (const auto& [iqn, target] : wanted) instance.ApplyTarget(iqn, *target, report);
 
     for (const int tid : paused) {
       for (const auto& [iqn, applied] : instance.targets) {
