@@ -370,6 +370,43 @@ TEST_P(DirectoryContract, UnsubscribeWaitsForTheRunningCallback) {
   EXPECT_TRUE(finishedWhenUnsubscribed.load());
 }
 
+// A lease holds its entries while renewed: a writer without it keeps the entry bound, a revoked
+// lease takes its entries at once and one left to expire takes them within its time to live,
+// each deletion seen by subscribers; a lease that is gone binds nothing new.
+TEST_P(DirectoryContract, LeasedEntriesGoWithTheirLeaseAndOtherWritersKeepThemBound) {
+  std::unique_ptr<Directory> other = OpenAnother();
+  Directory::LeaseId revoked = 0, expiring = 0;
+  ASSERT_EQ(directory_->GrantLease(60, &revoked), NOK_OK);
+  ASSERT_EQ(directory_->GrantLease(1, &expiring), NOK_OK);
+  ASSERT_NE(revoked, expiring);
+  Notifications notes;
+  other->Subscribe(kInterfaceType, kHostA, notes.Sink());
+  DirectoryEntry bound = Entry(kInterfaceType, kHostA, kHostA, "vmk1", "10.0.0.1");
+  bound.lease = revoked;
+  Outcome written = UpdateAndWait(*directory_, bound);
+  ASSERT_EQ(written.status, NOK_OK);
+  EXPECT_EQ(written.entry->lease, revoked);
+  ASSERT_EQ(Put(*other, Entry(kInterfaceType, kHostA, kHostB, "vmk1", "10.0.0.7")), NOK_OK);
+  DirectoryEntry expires = Entry(kInterfaceType, kHostA, kHostA, "vmk2", "10.0.0.2");
+  expires.lease = expiring;
+  ASSERT_EQ(Put(*directory_, expires), NOK_OK);
+  std::vector<DirectoryEntry> found;
+  ASSERT_EQ(other->Query(kInterfaceType, kHostA, &found), NOK_OK);
+  ASSERT_EQ(found.size(), 2u);
+  EXPECT_EQ(found[0].lease, revoked);
+  EXPECT_EQ(found[0].payload, "10.0.0.7");
+
+  ASSERT_EQ(other->RevokeLease(revoked), NOK_OK);
+  ASSERT_TRUE(notes.WaitFor([](const Note& n) { return n.status == NOK_NOT_FOUND && n.entry.entryId == "vmk1"; }));
+  EXPECT_EQ(directory_->RenewLease(revoked), NOK_NOT_FOUND);
+  EXPECT_EQ(directory_->RevokeLease(revoked), NOK_NOT_FOUND);
+  bound.entryId = "vmk3";
+  EXPECT_EQ(Put(*directory_, bound), NOK_NOT_FOUND);
+  ASSERT_TRUE(notes.WaitFor([](const Note& n) { return n.status == NOK_NOT_FOUND && n.entry.entryId == "vmk2"; }));
+  EXPECT_EQ(directory_->RenewLease(expiring), NOK_NOT_FOUND);
+  EXPECT_EQ(other->Query(kInterfaceType, kHostA, &found), NOK_NOT_FOUND);
+}
+
 INSTANTIATE_TEST_SUITE_P(, DirectoryContract,
                          ::testing::Values(Backend{"Sqlite", [] { return std::make_unique<SqliteStore>(); }}),
                          [](const ::testing::TestParamInfo<Backend>& info) { return info.param.name; });

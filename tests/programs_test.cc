@@ -7,14 +7,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -394,6 +397,33 @@ TEST_F(OrvamgmtdTest, AgentRestoresServesItsSignalsMembershipAndLinksAndStopsCle
   const auto stopping = log.find("orvamgmtd: SIGTERM received: stopping");
   EXPECT_NE(log.find("orvamgmtd: Stopped", stopping), std::string::npos);
   EXPECT_NE(log.find("OrvaIscsiTargetImpl: Calling ZelNokCtlFini()", stopping), std::string::npos);
+}
+
+// A host whose agent dies leaves the membership within its lease: the agent binds the member
+// entry to a lease it renews, and nothing renews it after a kill -9.
+TEST_F(OrvamgmtdTest, KilledAgentsHostLeavesTheMembershipWhenItsLeaseRunsOut) {
+  home_.SetHostSetting("directory", {{"leaseSeconds", 2}});
+  const platform::HostConfig config = platform::LoadHostConfig(home_.Path());
+  std::unique_ptr<platform::Directory> directory = platform::NewSqliteDirectory(config.directoryPath);
+  platform::LocalClusterFacts facts(config, *directory);
+  const auto member = [&]() -> std::optional<platform::ClusterMember> {
+    platform::ClusterInfo info;
+    EXPECT_EQ(facts.GetClusterInfo(&info), NOK_OK);
+    for (const platform::ClusterMember& m : info.members) {
+      if (m.hostUuid == config.hostUuid) return m;
+    }
+    return std::nullopt;
+  };
+  AgentProcess agent(Foreground());
+  agent.AwaitLine("MembershipLease: This host's membership is held under a lease of 2 s");
+  ASSERT_TRUE(member() && member()->alive);
+  agent.Signal(SIGKILL);
+  agent.Wait();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (member() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_FALSE(member());
 }
 
 }  // namespace

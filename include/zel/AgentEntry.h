@@ -44,6 +44,19 @@ uint64_t ZelWatchLocalMembership(ZelMembershipLeftCallback onLeft, void* context
 // watches are ignored.
 void ZelUnwatchLocalMembership(uint64_t watch);
 
+// Holds this host's membership under a lease of host.json's
+// "directory.leaseSeconds", renewed on a thread of the library, and calls
+// `onLost` (on that thread; quick, no calls back into the library) each time
+// the lease ran out before this host could renew it. Returns 0 after logging
+// a failure to start, or when this host is not a cluster member (nothing to
+// hold), else a non-zero hold. One hold at a time.
+// REQUIRES: the selected host stays selected while the hold lives.
+uint64_t ZelHoldLocalMembership(ZelMembershipLeftCallback onLost, void* context);
+// Stops renewing (the lease then runs out by itself, unless an agent
+// started again takes the membership over first); `onLost` will not run
+// again. Unknown holds are ignored.
+void ZelReleaseLocalMembership(uint64_t hold);
+
 // Start and stop the background control thread when the kernel option
 // "zelNokNicCtlEnable" of group "ORVA-iSCSI" is non-zero; nothing otherwise.
 void ZelInit(void);

@@ -18,6 +18,10 @@ struct ClusterMember {
   std::string faultDomain;  // the host's site; empty when the cluster is not stretched
   int diskFormatVersion = kCurrentDiskFormatVersion;  // the disk format the host has reached
   bool maintenance = false;  // decommissioned for maintenance: it serves no target
+  // Its agent holds its membership under a lease (RenewMembership): the
+  // member disappears when the agent stops renewing it. A member entered by
+  // a host that runs no agent is a member, but not known to be alive.
+  bool alive = false;
 };
 
 struct ClusterInfo {
@@ -35,6 +39,15 @@ class ClusterFacts {
   // NOK_OK with the current membership, or the status of the failure to
   // learn it. Thread-safe.
   virtual NOK_ReturnStatus GetClusterInfo(ClusterInfo* info) = 0;
+
+  // Holds this host's membership under a lease that the directory ends
+  // when it goes `ttlSeconds` without renewal, taking the member entry with
+  // it: the first call, and the first after the lease was lost, grants one
+  // and binds this host's member entry to it; later calls renew it. NOK_OK
+  // while held; NOK_NOT_FOUND when the lease had run out (this host had
+  // dropped out of the membership; the next call joins again); another
+  // status when the directory could not be reached. Thread-safe.
+  virtual NOK_ReturnStatus RenewMembership(int ttlSeconds) = 0;
 
   // Marks this host as decommissioned for maintenance, or back in service,
   // for every host to see. NOK_OK or the status of the failure.

@@ -31,6 +31,11 @@ struct DirectoryEntry {
   // directory: a later write of any entry carries a larger version. Ignored
   // when the entry is handed to AsyncUpdate.
   uint64_t version = 0;
+  // The lease that holds the entry (GrantLease), 0 for none. Handed to
+  // AsyncUpdate, a non-zero lease binds the entry to it and 0 keeps the
+  // stored entry's lease (none for a new entry), so that a writer who does
+  // not hold the lease never frees the entry from it.
+  int64_t lease = 0;
 };
 
 class Directory {
@@ -47,6 +52,8 @@ class Directory {
 
   // Never 0.
   using SubscriptionHandle = uint64_t;
+  // Never 0.
+  using LeaseId = int64_t;
 
   virtual ~Directory() = default;
 
@@ -70,7 +77,9 @@ class Directory {
   //   - An empty entryId creates a new entry with a fresh identity (a random
   //     UUID); `accept` then sees null.
   // `done`, when given, runs exactly once, with
-  //   NOK_OK and the entry as now stored (its identity and version);
+  //   NOK_OK and the entry as now stored (its identity, version and lease);
+  //   NOK_NOT_FOUND when entry.lease names a lease that is gone, with null,
+  //     and nothing was written;
   //   NOK_EXISTS when `accept` refused, with the stored entry (or null), and
   //     nothing was written;
   //   another status when the directory failed, with null.
@@ -105,6 +114,19 @@ class Directory {
   // others, so a callback should hand long work elsewhere.
   virtual SubscriptionHandle Subscribe(uint32_t type, const std::string& key,
                                        Callback callback) = 0;
+
+  // Liveness: entries bound to a lease last only while its holder renews it.
+  // Grants a lease that lives `ttlSeconds` (>= 1) from now unless renewed.
+  // When it expires or is revoked, every entry bound to it is deleted and
+  // subscribers see the deletions. NOK_OK with `*lease` set, or the
+  // directory's status.
+  virtual NOK_ReturnStatus GrantLease(int ttlSeconds, LeaseId* lease) = 0;
+  // Gives the lease its whole time to live again. NOK_NOT_FOUND when it has
+  // expired or was revoked (its entries are gone or going); another status
+  // when the directory could not be asked, the lease still running down.
+  virtual NOK_ReturnStatus RenewLease(LeaseId lease) = 0;
+  // Ends the lease now, deleting its entries. NOK_NOT_FOUND when it is gone.
+  virtual NOK_ReturnStatus RevokeLease(LeaseId lease) = 0;
 
   // Ends a subscription; unknown handles are ignored. Once it returns, the
   // callback will not run again and is not running, unless Unsubscribe was

@@ -122,16 +122,59 @@ class Reader {
   const std::string& home_;
 };
 
+// An etcd endpoint: a plain-HTTP base URL "http://HOST:PORT" without a path,
+// the form the directory's client appends its calls to.
+bool IsEndpointUrl(const std::string& url) {
+  static const std::string kScheme = "http://";
+  if (url.compare(0, kScheme.size(), kScheme) != 0) return false;
+  const std::string authority = url.substr(kScheme.size());
+  const size_t colon = authority.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == authority.size()) return false;
+  return authority.find('/') == std::string::npos &&
+         authority.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+}
+
 void ApplyDirectory(const Reader& reader, const json& directory, HostConfig* config) {
   for (const auto& item : reader.Object(directory, "directory").items()) {
     const std::string key = "directory." + item.key();
+    const json& value = item.value();
     if (item.key() == "backend") {
-      config->directoryBackend = reader.Text(item.value(), key);
+      config->directoryBackend = reader.Text(value, key);
+      if (config->directoryBackend != "sqlite" && config->directoryBackend != "etcd") {
+        reader.Fail("'" + key + "' must be \"sqlite\" or \"etcd\", not '" +
+                    config->directoryBackend + "'");
+      }
     } else if (item.key() == "path") {
-      config->directoryPath = reader.Path(item.value(), key);
+      config->directoryPath = reader.Path(value, key);
+    } else if (item.key() == "endpoints") {
+      if (!value.is_array() || value.empty()) reader.Fail("'" + key + "' must be a list of URLs");
+      config->directoryEndpoints.clear();
+      for (const json& endpoint : value) {
+        const std::string url = reader.Text(endpoint, key);
+        if (!IsEndpointUrl(url)) {
+          reader.Fail("'" + key + "' must hold URLs of the form http://HOST:PORT, not '" + url + "'");
+        }
+        config->directoryEndpoints.push_back(url);
+      }
+    } else if (item.key() == "prefix") {
+      config->directoryPrefix = reader.Text(value, key);
+      if (config->directoryPrefix.size() < 2 || config->directoryPrefix.front() != '/' ||
+          config->directoryPrefix.back() == '/') {
+        reader.Fail("'" + key + "' must start with '/' and name something after it, not '" +
+                    config->directoryPrefix + "'");
+      }
+    } else if (item.key() == "leaseSeconds") {
+      config->memberLeaseSeconds = reader.Integer(value, key);
+      if (config->memberLeaseSeconds < 2 || config->memberLeaseSeconds > 3600) {
+        reader.Fail("'" + key + "' must be from 2 to 3600, not " +
+                    std::to_string(config->memberLeaseSeconds));
+      }
     } else {
       reader.Fail("unknown key '" + key + "'");
     }
+  }
+  if (config->directoryBackend == "etcd" && config->directoryEndpoints.empty()) {
+    reader.Fail("'directory.endpoints' must name the etcd cluster when the backend is \"etcd\"");
   }
 }
 

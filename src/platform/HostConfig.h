@@ -6,6 +6,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace zel {
 namespace platform {
@@ -39,8 +40,16 @@ struct HostConfig {
   bool clusterMember = true;    // a one-host cluster by default
   std::string datastoreRoot;    // the shared datastore as mounted on this host
   std::string backupConfPath;   // the local backup copy of zel.conf
-  std::string directoryBackend; // "sqlite"
+  // "directory": where the hosts of the cluster meet. "sqlite" (the
+  // default): one database file that every process of one machine opens;
+  // "etcd": an etcd cluster shared by hosts on several machines.
+  std::string directoryBackend;
   std::string directoryPath;    // the embedded directory database
+  std::vector<std::string> directoryEndpoints;  // etcd: "http://HOST:PORT" of its members
+  std::string directoryPrefix = "/zel/cluster";  // etcd: the cluster's keys live under it
+  // A host's agent holds its membership under a lease of this many seconds:
+  // a host whose agent dies leaves the member list within it.
+  int memberLeaseSeconds = 10;
   std::string configStorePath;  // the host configuration store (JSON)
   std::string defaultPolicy;    // the datastore's default storage policy
   // Naming authority of the target IQNs this host generates, in forward

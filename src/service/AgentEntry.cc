@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "platform/Host.h"
 #include "platform/Log.h"
 #include "platform/local/LocalClusterFacts.h"
+#include "service/MembershipLease.h"
 #include "service/OrvaIscsiTargetImpl.h"
 #include "service/ServiceConfig.h"
 #include "zel/OrvaCtlException.h"
@@ -96,6 +98,10 @@ std::mutex watchesMutex;
 std::map<uint64_t, std::unique_ptr<MembershipWatch>> watches;
 uint64_t lastWatch = 0;
 
+std::mutex holdMutex;
+std::unique_ptr<NokCtl::Orva::IscsiTarget::MembershipLease> hold;
+uint64_t lastHold = 0;
+
 }  // namespace
 
 namespace NokCtl {
@@ -157,6 +163,32 @@ void ZelUnwatchLocalMembership(uint64_t watch) {
   }
   // Outside the registry's lock: Stop waits for a running notice to end.
   stopping->Stop();
+}
+
+uint64_t ZelHoldLocalMembership(ZelMembershipLeftCallback onLost, void* context) {
+  uint64_t id = 0;
+  Guarded(__func__, [&] {
+    zel::platform::Host& host = zel::platform::CurrentHost();
+    if (!host.Config().clusterMember) return;
+    std::lock_guard<std::mutex> guard(holdMutex);
+    if (hold) throw std::logic_error("the membership is held already");
+    hold = std::make_unique<NokCtl::Orva::IscsiTarget::MembershipLease>(
+        host.Cluster(), host.GetClock(), host.Config().memberLeaseSeconds,
+        [onLost, context] { onLost(context); });
+    hold->Start();
+    id = ++lastHold;
+  });
+  return id;
+}
+
+void ZelReleaseLocalMembership(uint64_t id) {
+  std::unique_ptr<NokCtl::Orva::IscsiTarget::MembershipLease> stopping;
+  {
+    std::lock_guard<std::mutex> guard(holdMutex);
+    if (id == 0 || id != lastHold) return;
+    stopping = std::move(hold);
+  }
+  if (stopping) stopping->Stop();
 }
 
 void ZelInit(void) {

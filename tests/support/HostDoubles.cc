@@ -90,7 +90,8 @@ void DirectoryDouble::AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate a
 
 UnreachableDirectory::UnreachableDirectory(NOK_ReturnStatus status) : DirectoryDouble(nullptr) {
   for (const char* call :
-       {"Query", "QueryByHost", "AsyncUpdate", "Delete", "Subscribe", "Unsubscribe"}) {
+       {"Query", "QueryByHost", "AsyncUpdate", "Delete", "Subscribe", "Unsubscribe",
+        "GrantLease", "RenewLease", "RevokeLease"}) {
     FailNext(call, static_cast<int>(status), kAlways);
   }
 }

@@ -150,6 +150,9 @@ ZEL_DOUBLE(DirectoryDouble, Directory, SetDirectory)
   ZEL_FORWARD(SubscriptionHandle, Subscribe, (uint32_t type, Str key, Callback callback),
               (type, key, std::move(callback)), type, key)
   ZEL_FORWARD(void, Unsubscribe, (SubscriptionHandle handle), (handle), handle)
+  ZEL_FORWARD(NOK_ReturnStatus, GrantLease, (int ttl, LeaseId* lease), (ttl, lease), ttl)
+  ZEL_FORWARD(NOK_ReturnStatus, RenewLease, (LeaseId lease), (lease), lease)
+  ZEL_FORWARD(NOK_ReturnStatus, RevokeLease, (LeaseId lease), (lease), lease)
   void AsyncUpdate(const platform::DirectoryEntry& entry, UpdatePredicate accept,
                    Completion done) override;
 };
@@ -158,6 +161,7 @@ ZEL_DOUBLE(ClusterFactsDouble, ClusterFacts, SetCluster)
   ZEL_FORWARD(std::string, LocalHostUuid, (), ())
   ZEL_FORWARD(NOK_ReturnStatus, GetClusterInfo, (platform::ClusterInfo * info), (info))
   ZEL_FORWARD(NOK_ReturnStatus, SetMaintenance, (bool maintenance), (maintenance), maintenance)
+  ZEL_FORWARD(NOK_ReturnStatus, RenewMembership, (int ttl), (ttl), ttl)
   ZEL_FORWARD(NOK_ReturnStatus, GetPreferredFaultDomain, (std::string * name), (name))
   ZEL_FORWARD(NOK_ReturnStatus, SetPreferredFaultDomain, (Str name), (name), name)
 };
@@ -362,6 +366,12 @@ struct FixedCluster final : platform::ClusterFacts {
   NOK_ReturnStatus SetMaintenance(bool maintenance) override {
     for (platform::ClusterMember& member : info.members) {
       if (member.hostUuid == hostUuid) member.maintenance = maintenance;
+    }
+    return NOK_OK;
+  }
+  NOK_ReturnStatus RenewMembership(int) override {
+    for (platform::ClusterMember& member : info.members) {
+      if (member.hostUuid == hostUuid) member.alive = true;
     }
     return NOK_OK;
   }

@@ -73,6 +73,9 @@ void Agent::Start() {
 
   membershipWatch_ = library_.watchLocalMembership(&Agent::OnMemberLeft, this);
   if (membershipWatch_ == 0) Log("Not watching the cluster membership: cluster leave is not seen");
+  // A lease that runs out takes this host out of the membership as if it had
+  // left, so both wake the main thread alike.
+  membershipHold_ = library_.holdLocalMembership(&Agent::OnMemberLeft, this);
 
   netlinkFd_ = OpenRouteNotifications();
   if (netlinkFd_ < 0) {
@@ -81,6 +84,7 @@ void Agent::Start() {
 }
 
 void Agent::Stop() {
+  if (membershipHold_ != 0) library_.releaseLocalMembership(membershipHold_);
   if (membershipWatch_ != 0) library_.unwatchLocalMembership(membershipWatch_);
   library_.zelDeinit();
   service_.reset();

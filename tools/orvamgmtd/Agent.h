@@ -8,6 +8,7 @@
 //                                     notifications of 500 ms after the
 //                                     first are one change
 //   this host's member entry gone  -> cluster leave
+//   or its membership lease lost
 //   SIGTERM, SIGINT                -> stop
 #pragma once
 
@@ -48,6 +49,7 @@ class Agent {
   std::unique_ptr<HostCtl::Orva::OrvaAsyncPlugin> plugin_;
   std::unique_ptr<HostCtl::Orva::IscsiTarget::OrvaIscsiTarget> service_;
   uint64_t membershipWatch_ = 0;
+  uint64_t membershipHold_ = 0;
   int signalFd_ = -1;
   int netlinkFd_ = -1;
   // The membership watch runs on the directory's thread; it only wakes the

@@ -31,6 +31,9 @@ ZelLibrary::ZelLibrary(const std::string& path)
     watchLocalMembership = As<decltype(watchLocalMembership)>(Resolve("ZelWatchLocalMembership"));
     unwatchLocalMembership =
         As<decltype(unwatchLocalMembership)>(Resolve("ZelUnwatchLocalMembership"));
+    holdLocalMembership = As<decltype(holdLocalMembership)>(Resolve("ZelHoldLocalMembership"));
+    releaseLocalMembership =
+        As<decltype(releaseLocalMembership)>(Resolve("ZelReleaseLocalMembership"));
     zelInit = As<decltype(zelInit)>(Resolve("ZelInit"));
     zelDeinit = As<decltype(zelDeinit)>(Resolve("ZelDeinit"));
   } catch (...) {

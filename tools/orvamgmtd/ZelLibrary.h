@@ -28,6 +28,8 @@ class ZelLibrary {
   decltype(&ZelFireOrvaSystemRefresh) fireOrvaSystemRefresh;
   decltype(&ZelWatchLocalMembership) watchLocalMembership;
   decltype(&ZelUnwatchLocalMembership) unwatchLocalMembership;
+  decltype(&ZelHoldLocalMembership) holdLocalMembership;
+  decltype(&ZelReleaseLocalMembership) releaseLocalMembership;
   decltype(&ZelInit) zelInit;
   decltype(&ZelDeinit) zelDeinit;
 

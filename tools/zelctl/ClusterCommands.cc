@@ -116,8 +116,7 @@ void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
                         hosts.push_back({{"hostUuid", member.hostUuid},
                                          {"hostName", member.hostName},
                                          {"faultDomain", member.faultDomain},
-                                         // A member's entry is there while it is.
-                                         {"alive", true},
+                                         {"alive", member.alive},
                                          {"maintenance", member.maintenance},
                                          {"targets", count == owned.end() ? 0 : count->second}});
                       }

@@ -36,39 +36,65 @@ NOK_ReturnStatus LocalClusterFacts::Announce() {
     return status == NOK_NOT_FOUND ? NOK_OK : status;
   }
   // A process starting on a host in maintenance keeps it in maintenance.
+  return Publish(InMaintenance());
+}
+
+bool LocalClusterFacts::InMaintenance() {
   ClusterInfo current;
-  bool maintenance = false;
-  if (GetClusterInfo(&current) == NOK_OK) {
-    for (const ClusterMember& member : current.members) {
-      if (member.hostUuid == hostUuid_) maintenance = member.maintenance;
-    }
+  if (GetClusterInfo(&current) != NOK_OK) return false;
+  for (const ClusterMember& member : current.members) {
+    if (member.hostUuid == hostUuid_) return member.maintenance;
   }
-  return Publish(maintenance);
+  return false;
 }
 
 NOK_ReturnStatus LocalClusterFacts::SetMaintenance(bool maintenance) {
   return Publish(maintenance);
 }
 
-NOK_ReturnStatus LocalClusterFacts::Publish(bool maintenance) {
+NOK_ReturnStatus LocalClusterFacts::RenewMembership(int ttlSeconds) {
+  if (!clusterMember_) return NOK_OK;
+  std::lock_guard<std::mutex> guard(leaseMutex_);
+  if (lease_ != 0) {
+    const NOK_ReturnStatus renewed = directory_.RenewLease(lease_);
+    if (renewed == NOK_NOT_FOUND) lease_ = 0;
+    return renewed;
+  }
+  Directory::LeaseId lease = 0;
+  NOK_ReturnStatus status = directory_.GrantLease(ttlSeconds, &lease);
+  if (status != NOK_OK) return status;
+  status = Publish(InMaintenance(), lease);
+  if (status != NOK_OK) {
+    // The entry stays as it was; the unused lease must not linger.
+    directory_.RevokeLease(lease);
+    return status;
+  }
+  lease_ = lease;
+  return NOK_OK;
+}
+
+NOK_ReturnStatus LocalClusterFacts::Publish(bool maintenance, Directory::LeaseId lease) {
   DirectoryEntry entry;
   entry.type = kClusterMemberEntryType;
   entry.key = kClusterMembersKey;
   entry.ownerHost = hostUuid_;
   entry.entryId = hostUuid_;
   entry.payload = MemberPayload(maintenance);
+  entry.lease = lease;
   return Write(entry);
 }
 
 NOK_ReturnStatus LocalClusterFacts::Write(const DirectoryEntry& entry) {
   const std::string owner = entry.ownerHost;
   const std::string payload = entry.payload;
+  const Directory::LeaseId lease = entry.lease;
   std::promise<NOK_ReturnStatus> completed;
   std::future<NOK_ReturnStatus> result = completed.get_future();
   directory_.AsyncUpdate(
       entry,
-      [owner, payload](const DirectoryEntry* stored) {
-        return stored == nullptr || stored->ownerHost != owner || stored->payload != payload;
+      [owner, payload, lease](const DirectoryEntry* stored) {
+        return stored == nullptr || stored->ownerHost != owner || stored->payload != payload ||
+               (lease != 0 && stored->lease != lease);
       },
       [&completed](NOK_ReturnStatus status, const DirectoryEntry*) {
         completed.set_value(status);
@@ -146,6 +172,7 @@ NOK_ReturnStatus LocalClusterFacts::GetClusterInfo(ClusterInfo* info) {
     const auto maintenance = payload.find("maintenance");
     member.maintenance = maintenance != payload.end() && maintenance->is_boolean() &&
                          maintenance->get<bool>();
+    member.alive = entry.lease != 0;
     selfPresent = selfPresent || member.hostUuid == hostUuid_;
     result.members.push_back(std::move(member));
   }

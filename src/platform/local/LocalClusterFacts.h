@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "platform/ClusterFacts.h"
@@ -47,6 +48,8 @@ class LocalClusterFacts final : public ClusterFacts {
   // Kept in the member entry ("maintenance": true while set), which a later
   // Announce keeps as it finds it.
   NOK_ReturnStatus SetMaintenance(bool maintenance) override;
+  // A host that is not a cluster member holds nothing: NOK_OK.
+  NOK_ReturnStatus RenewMembership(int ttlSeconds) override;
   // An entry whose payload does not name a fault domain reads as "" (none
   // set, logged), so that a damaged entry stretches no cluster.
   NOK_ReturnStatus GetPreferredFaultDomain(std::string* name) override;
@@ -54,8 +57,12 @@ class LocalClusterFacts final : public ClusterFacts {
 
  private:
   std::string MemberPayload(bool maintenance) const;
-  // Writes this host's member entry unless it is exactly that already.
-  NOK_ReturnStatus Publish(bool maintenance);
+  // Whether this host's member entry says it is in maintenance; false when
+  // it cannot be read.
+  bool InMaintenance();
+  // Writes this host's member entry unless it is exactly that already,
+  // under `lease` (0: whatever lease holds it now).
+  NOK_ReturnStatus Publish(bool maintenance, Directory::LeaseId lease = 0);
   // Writes `entry` unless the directory holds exactly it; waits for it.
   NOK_ReturnStatus Write(const DirectoryEntry& entry);
 
@@ -65,6 +72,8 @@ class LocalClusterFacts final : public ClusterFacts {
   const int diskFormatVersion_;
   const bool clusterMember_;
   Directory& directory_;
+  std::mutex leaseMutex_;
+  Directory::LeaseId lease_ = 0;  // the lease holding the member entry; 0 while none
 };
 
 }  // namespace platform

@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <boost/uuid/random_generator.hpp>
@@ -48,17 +49,34 @@ constexpr int kSettleGrowth = 2;
 // write, numbered by a sequence that never goes back (AUTOINCREMENT), pruned
 // to the last kSqliteDirectoryChangeHistory rows. An entry's version is the
 // sequence number of its last write.
+//
+// `leases` holds each lease's time to live and the moment it runs out, in
+// milliseconds of the machine's boot clock, which every process of the
+// machine reads alike. An entry's `lease` is 0 when no lease holds it.
 const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS entries("
     "  type INTEGER NOT NULL, key TEXT NOT NULL, entry_id TEXT NOT NULL,"
     "  owner_host TEXT NOT NULL, payload BLOB NOT NULL, version INTEGER NOT NULL,"
+    "  lease INTEGER NOT NULL DEFAULT 0,"
     "  PRIMARY KEY(type, key, entry_id));"
     "CREATE INDEX IF NOT EXISTS entries_by_host ON entries(type, owner_host);"
     "CREATE TABLE IF NOT EXISTS changes("
     "  seq INTEGER PRIMARY KEY AUTOINCREMENT,"
-    "  type INTEGER NOT NULL, key TEXT NOT NULL, entry_id TEXT NOT NULL);";
+    "  type INTEGER NOT NULL, key TEXT NOT NULL, entry_id TEXT NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS leases("
+    "  id INTEGER PRIMARY KEY AUTOINCREMENT, ttl_ms INTEGER NOT NULL, expires_ms INTEGER NOT NULL);";
+// A database written before leases existed gains the column (the statement
+// fails harmlessly when it is there), then the index that needs it.
+const char kLeaseColumn[] = "ALTER TABLE entries ADD COLUMN lease INTEGER NOT NULL DEFAULT 0";
+const char kLeaseIndex[] = "CREATE INDEX IF NOT EXISTS entries_by_lease ON entries(lease)";
 
-const char kEntryColumns[] = "type, key, entry_id, owner_host, payload, version";
+const char kEntryColumns[] = "type, key, entry_id, owner_host, payload, version, lease";
+
+int64_t BootClockMillis() {
+  timespec now;
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 NOK_ReturnStatus StatusOf(int rc) {
   switch (rc & 0xff) {
@@ -119,6 +137,7 @@ class Statement {
     entry.ownerHost = Bytes(first + 3);
     entry.payload = Bytes(first + 4);
     entry.version = uint64_t(Int(first + 5));
+    entry.lease = Int(first + 6);
     return entry;
   }
 
@@ -296,6 +315,10 @@ class SqliteDirectory final : public Directory {
     if (rc == SQLITE_OK) rc = updates_.Open(path_);
     if (rc == SQLITE_OK) rc = watch_.Open(path_);
     if (rc == SQLITE_OK) rc = sqlite3_exec(ops_.db(), kSchema, nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK) {
+      sqlite3_exec(ops_.db(), kLeaseColumn, nullptr, nullptr, nullptr);
+      rc = sqlite3_exec(ops_.db(), kLeaseIndex, nullptr, nullptr, nullptr);
+    }
     // The watcher's starting point is taken here, before any Subscribe can
     // return: the data version first, so that a commit between the two reads
     // is seen again at the first poll instead of being skipped.
@@ -368,6 +391,34 @@ class SqliteDirectory final : public Directory {
     return NOK_OK;
   }
 
+  NOK_ReturnStatus GrantLease(int ttlSeconds, LeaseId* lease) override {
+    if (ttlSeconds < 1) return NOK_BAD_PARAM;
+    std::lock_guard<std::mutex> lock(opsMu_);
+    sqlite3* db = ops_.db();
+    const int64_t ttl = int64_t(ttlSeconds) * 1000;
+    Statement grant(db, "INSERT INTO leases(ttl_ms, expires_ms) VALUES(?, ?)");
+    const int rc = grant.Bind(ttl).Bind(BootClockMillis() + ttl).Step();
+    if (rc != SQLITE_DONE) return Failed("grant a lease", db, rc);
+    *lease = sqlite3_last_insert_rowid(db);
+    return NOK_OK;
+  }
+
+  NOK_ReturnStatus RenewLease(LeaseId lease) override {
+    std::lock_guard<std::mutex> lock(opsMu_);
+    sqlite3* db = ops_.db();
+    const int64_t now = BootClockMillis();
+    Statement renew(db, "UPDATE leases SET expires_ms = ? + ttl_ms WHERE id = ? AND expires_ms > ?");
+    const int rc = renew.Bind(now).Bind(lease).Bind(now).Step();
+    if (rc != SQLITE_DONE) return Failed("renew a lease", db, rc);
+    return sqlite3_changes(db) == 0 ? NOK_NOT_FOUND : NOK_OK;
+  }
+
+  NOK_ReturnStatus RevokeLease(LeaseId lease) override {
+    std::lock_guard<std::mutex> lock(opsMu_);
+    return EndLeases("WHERE id = " + std::to_string(lease) + " AND expires_ms > " +
+                     std::to_string(BootClockMillis()));
+  }
+
   SubscriptionHandle Subscribe(uint32_t type, const std::string& key,
                                Callback callback) override {
     std::lock_guard<std::mutex> lock(subsMu_);
@@ -393,6 +444,44 @@ class SqliteDirectory final : public Directory {
     UpdatePredicate accept;
     Completion done;
   };
+
+  // Deletes the leases that `where` selects with every entry they hold, the
+  // deletions logged for watchers, in one transaction. NOK_NOT_FOUND when
+  // it selects none. REQUIRES: opsMu_ held.
+  NOK_ReturnStatus EndLeases(const std::string& where) {
+    sqlite3* db = ops_.db();
+    Transaction txn(db, "BEGIN IMMEDIATE");
+    if (txn.BeginResult() != SQLITE_OK) return Failed("begin ending leases", db, txn.BeginResult());
+    const std::string ended = "SELECT id FROM leases " + where;
+    Statement held(db, "SELECT type, key, entry_id FROM entries WHERE lease IN (" + ended + ")");
+    int rc;
+    int64_t seq = 0;
+    while ((rc = held.Step()) == SQLITE_ROW) {
+      rc = RecordChange(db, uint32_t(held.Int(0)), held.Bytes(1), held.Bytes(2), &seq);
+      if (rc != SQLITE_OK) return Failed("log the entries of ended leases", db, rc);
+    }
+    if (rc != SQLITE_DONE) return Failed("read the entries of ended leases", db, rc);
+    Statement dropEntries(db, "DELETE FROM entries WHERE lease IN (" + ended + ")");
+    if ((rc = dropEntries.Step()) != SQLITE_DONE) return Failed("delete leased entries", db, rc);
+    Statement dropLeases(db, "DELETE FROM leases " + where);
+    if ((rc = dropLeases.Step()) != SQLITE_DONE) return Failed("delete leases", db, rc);
+    if (sqlite3_changes(db) == 0) return NOK_NOT_FOUND;
+    if ((rc = txn.Commit()) != SQLITE_OK) return Failed("end leases", db, rc);
+    NudgeWatcher();
+    return NOK_OK;
+  }
+
+  // Any process of the machine may be the one that notices a lease ran out
+  // (its holder may be dead): each watcher ends the expired ones it sees,
+  // through the shared connection, so that its own poll then sees the
+  // deletions as another connection's commit.
+  void EndExpiredLeases() {
+    std::lock_guard<std::mutex> lock(opsMu_);
+    const int64_t now = BootClockMillis();
+    Statement due(ops_.db(), "SELECT 1 FROM leases WHERE expires_ms <= ? LIMIT 1");
+    if (due.Bind(now).Step() != SQLITE_ROW) return;
+    EndLeases("WHERE expires_ms <= " + std::to_string(now));
+  }
 
   NOK_ReturnStatus Failed(const char* what, sqlite3* db, int rc) {
     ZEL_LOG_WARNING("%s: Failed to %s in %s: %s", kTag, what, path_.c_str(), sqlite3_errmsg(db));
@@ -474,16 +563,25 @@ class SqliteDirectory final : public Directory {
       }
     }
     if (accept && !accept(*stored ? &**stored : nullptr)) return NOK_EXISTS;
+    if (entry->lease != 0) {
+      Statement live(db, "SELECT 1 FROM leases WHERE id = ? AND expires_ms > ?");
+      int rc = live.Bind(entry->lease).Bind(BootClockMillis()).Step();
+      if (rc == SQLITE_DONE) return NOK_NOT_FOUND;
+      if (rc != SQLITE_ROW) return Failed("read a lease", db, rc);
+    } else if (*stored) {
+      entry->lease = (*stored)->lease;
+    }
     int64_t seq = 0;
     int rc = RecordChange(db, entry->type, entry->key, entry->entryId, &seq);
     if (rc == SQLITE_OK) {
       Statement upsert(db,
-                       "INSERT INTO entries(type, key, entry_id, owner_host, payload, version)"
-                       " VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(type, key, entry_id) DO UPDATE SET"
+                       "INSERT INTO entries(type, key, entry_id, owner_host, payload, version, lease)"
+                       " VALUES(?, ?, ?, ?, ?, ?, ?) ON CONFLICT(type, key, entry_id) DO UPDATE SET"
                        " owner_host = excluded.owner_host, payload = excluded.payload,"
-                       " version = excluded.version");
+                       " version = excluded.version, lease = excluded.lease");
       rc = upsert.Bind(entry->type).Bind(entry->key).Bind(entry->entryId)
-               .Bind(entry->ownerHost).BindBlob(entry->payload).Bind(seq).Step();
+               .Bind(entry->ownerHost).BindBlob(entry->payload).Bind(seq).Bind(entry->lease)
+               .Step();
       if (rc == SQLITE_DONE) rc = txn.Commit();
     }
     if (rc != SQLITE_OK) return Failed("write an entry", db, rc);
@@ -522,6 +620,7 @@ class SqliteDirectory final : public Directory {
   // committed; between such commits a poll costs one pragma. True when it
   // delivered the changes of a new commit.
   bool Poll() {
+    EndExpiredLeases();
     int64_t version = 0;
     std::vector<Notice> notices;
     int rc = ReadDataVersion(&version);
@@ -563,7 +662,7 @@ class SqliteDirectory final : public Directory {
     // are null when that change deleted it.
     Statement changed(db,
                       "SELECT c.type, c.key, c.entry_id, e.owner_host, e.payload, e.version,"
-                      " MAX(c.seq) AS last FROM changes c LEFT JOIN entries e"
+                      " e.lease, MAX(c.seq) AS last FROM changes c LEFT JOIN entries e"
                       " ON e.type = c.type AND e.key = c.key AND e.entry_id = c.entry_id"
                       " WHERE c.seq > ? GROUP BY c.type, c.key, c.entry_id ORDER BY last");
     changed.Bind(lastSeq_);
@@ -572,7 +671,7 @@ class SqliteDirectory final : public Directory {
       Notice notice{NOK_OK, changed.Entry(0)};
       if (changed.IsNull(5)) {
         notice.status = NOK_NOT_FOUND;
-        notice.entry.version = uint64_t(changed.Int(6));
+        notice.entry.version = uint64_t(changed.Int(7));
       }
       notices->push_back(std::move(notice));
     }
