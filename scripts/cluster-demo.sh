@@ -9,11 +9,17 @@
 # reads each of them. Run as root after scripts/build.sh (ZEL_BUILD names
 # another build directory); nothing outside the temporary homes is touched,
 # and everything started is stopped by pid at the end.
+#
+# ZEL_DIRECTORY=etcd runs the same on an etcd directory instead of the shared
+# database file: an etcd member on a free loopback port, with compaction on,
+# that the three hosts name in host.json as hosts on several machines would.
 set -eu
 cd "$(dirname "$0")/.."
 build=${ZEL_BUILD:-./build}/tools
+directory=${ZEL_DIRECTORY:-sqlite}
 root=$(mktemp -d)
 port=3261
+etcd_pid=
 
 zelctl() { home=$1; shift; "$build/zelctl" --home "$root/$home" "$@"; }
 
@@ -24,22 +30,50 @@ stop_all() {
   done
   sleep 1
   for n in 1 2 3; do zelctl "host$n" service disable >/dev/null 2>&1 || true; done
+  [ -z "$etcd_pid" ] || { kill -TERM "$etcd_pid" 2>/dev/null || true; wait "$etcd_pid" 2>/dev/null || true; }
   rm -rf "$root"
 }
 trap stop_all EXIT
 
+free_port() {
+  python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+if [ "$directory" = etcd ]; then
+  client=$(free_port)
+  peer=$(free_port)
+  echo "== an etcd member on 127.0.0.1:$client"
+  etcd --name demo --data-dir "$root/etcd" \
+    --listen-client-urls "http://127.0.0.1:$client" --advertise-client-urls "http://127.0.0.1:$client" \
+    --listen-peer-urls "http://127.0.0.1:$peer" --initial-advertise-peer-urls "http://127.0.0.1:$peer" \
+    --initial-cluster "demo=http://127.0.0.1:$peer" \
+    --auto-compaction-mode periodic --auto-compaction-retention 1h \
+    >"$root/etcd.log" 2>&1 &
+  etcd_pid=$!
+  tries=0
+  until etcdctl --endpoints "http://127.0.0.1:$client" endpoint health >/dev/null 2>&1; do
+    tries=$((tries + 1))
+    [ "$tries" -lt 100 ] || { echo "etcd did not start: see $root/etcd.log" >&2; exit 1; }
+    sleep 0.1
+  done
+fi
+
 for n in 1 2 3; do
   zelctl "host$n" host info >/dev/null
-  python3 - "$root" "$n" <<'PY'
+  python3 - "$root" "$n" "$directory" "${client:-}" <<'PY'
 import json, sys
-root, n = sys.argv[1], sys.argv[2]
+root, n, directory, client = sys.argv[1:5]
 path = f"{root}/host{n}/host.json"
 config = json.load(open(path))
 config.update({"hostName": f"host{n}", "nics": {"zel0": {"ipv4": f"127.0.0.1{n}"}},
                "controlTickSeconds": 1})
 if n != "1":
-    config.update({"datastorePath": f"{root}/host1/datastore",
-                   "directory": {"path": f"{root}/host1/directory.db"}})
+    config["datastorePath"] = f"{root}/host1/datastore"
+if directory == "etcd":
+    config["directory"] = {"backend": "etcd", "endpoints": [f"http://127.0.0.1:{client}"],
+                           "prefix": "/zel/demo"}
+elif n != "1":
+    config["directory"] = {"path": f"{root}/host1/directory.db"}
 json.dump(config, open(path, "w"), indent=2)
 json.dump({"ORVA-iSCSI": {"zelNokNicCtlEnable": 1, "zelLoadBalanceMethod": 1,
                           "zelLoadBalancePeriod": 1}},
