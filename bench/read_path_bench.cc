@@ -9,14 +9,18 @@
 //     reported as the median of its rounds next to the median time the
 //     publication itself took in the other process.
 #include <benchmark/benchmark.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -117,6 +121,107 @@ class Publisher {
 
 Publisher* gPublisher = nullptr;
 
+int64_t MonotonicNanos() {
+  timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// Three processes publishing generations at once, as three hosts that save
+// zel.conf in quick succession: each takes the next generation from a shared
+// counter (the save's increment) and publishes it, recording when the
+// publication started and ended on the machine's clock and how it ended.
+class PublisherTeam {
+ public:
+  static constexpr int kMembers = 3;
+  static constexpr int kEach = 40;  // publications of each member per round
+
+  struct Record {
+    uint64_t generation;
+    uint32_t status;
+    int64_t startNs, endNs;
+  };
+
+  explicit PublisherTeam(zel::test::ServiceHome& home) {
+    void* shared = ::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                          -1, 0);
+    if (shared == MAP_FAILED) throw std::runtime_error("mmap failed");
+    board_ = new (shared) Board();
+    for (Member& member : members_) {
+      int go[2], done[2];
+      if (::pipe(go) != 0 || ::pipe(done) != 0) throw std::runtime_error("pipe failed");
+      member.pid = ::fork();
+      if (member.pid < 0) throw std::runtime_error("fork failed");
+      if (member.pid == 0) ::_exit(Serve(home, *board_, go[0], done[1]));
+      ::close(go[0]);
+      ::close(done[1]);
+      member.go = go[1];
+      member.done = done[0];
+    }
+  }
+  ~PublisherTeam() {
+    for (Member& member : members_) {
+      ::close(member.go);  // the member's read ends: it exits
+      ::close(member.done);
+      ::waitpid(member.pid, nullptr, 0);
+    }
+    ::munmap(board_, sizeof(Board));
+  }
+
+  // One round: every member publishes kEach generations at once with the
+  // others; every publication of the round, in no particular order.
+  std::vector<Record> Round() {
+    board_->count = 0;
+    const char go = 'g';
+    for (Member& member : members_) {
+      if (::write(member.go, &go, 1) != 1) throw std::runtime_error("publisher is gone");
+    }
+    for (Member& member : members_) {
+      char done;
+      if (::read(member.done, &done, 1) != 1) throw std::runtime_error("publisher is gone");
+    }
+    return std::vector<Record>(board_->records, board_->records + board_->count.load());
+  }
+
+ private:
+  struct Board {
+    // Above every generation the other benchmarks publish.
+    std::atomic<uint64_t> next{1000000000};
+    std::atomic<int> count{0};
+    Record records[kMembers * kEach];
+  };
+  struct Member {
+    pid_t pid = -1;
+    int go = -1, done = -1;
+  };
+
+  static int Serve(zel::test::ServiceHome& home, Board& board, int go, int done) {
+    bool installed = false;
+    char signal;
+    while (::read(go, &signal, 1) == 1) {
+      if (!installed) {
+        home.InstallLocalServiceHost(zel::platform::LogLevel::Error);
+        installed = true;
+      }
+      for (int i = 0; i < kEach; ++i) {
+        Record record;
+        record.generation = board.next.fetch_add(1);
+        record.startNs = MonotonicNanos();
+        record.status = ZeldUpdateBrixEntryForConfig(record.generation);
+        record.endNs = MonotonicNanos();
+        board.records[board.count.fetch_add(1)] = record;
+      }
+      if (::write(done, &signal, 1) != 1) return 1;
+    }
+    return 0;
+  }
+
+  Board* board_ = nullptr;
+  Member members_[kMembers];
+};
+
+PublisherTeam* gTeam = nullptr;
+
 void BM_GetTargetsFromCleanCache(benchmark::State& state) {
   ConfigCache::SubscribeBrix();
   ConfigCache::GetTargetsInfos();
@@ -194,6 +299,33 @@ void BM_PublishToDirtyLatency(benchmark::State& state) {
 }
 BENCHMARK(BM_PublishToDirtyLatency)->Iterations(40)->UseManualTime()->Unit(benchmark::kMillisecond);
 
+// Publications refused (NOK_EXISTS: a newer generation was stored first)
+// against those that had a newer one truly concurrent: one that started
+// before it ended. A refusal without such a rival would be a publication
+// lost by the directory (a retried write reported as refused, say).
+void BM_ConcurrentPublications(benchmark::State& state) {
+  int refused = 0, concurrent = 0, unexplained = 0, failed = 0, total = 0;
+  for (auto _ : state) {
+    const std::vector<PublisherTeam::Record> records = gTeam->Round();
+    for (const PublisherTeam::Record& record : records) {
+      const bool rivalled = std::any_of(records.begin(), records.end(), [&](const auto& other) {
+        return other.generation > record.generation && other.startNs < record.endNs;
+      });
+      concurrent += rivalled;
+      refused += record.status == NOK_EXISTS;
+      unexplained += record.status == NOK_EXISTS && !rivalled;
+      failed += record.status != NOK_OK && record.status != NOK_EXISTS;
+    }
+    total += static_cast<int>(records.size());
+  }
+  state.counters["publications"] = total;
+  state.counters["refused"] = refused;
+  state.counters["concurrent"] = concurrent;
+  state.counters["refused_unexplained"] = unexplained;
+  state.counters["failed"] = failed;
+}
+BENCHMARK(BM_ConcurrentPublications)->Iterations(5)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -203,9 +335,11 @@ int main(int argc, char** argv) {
   zel::test::ServiceHome home;
   home.WriteConf(zel::bench::BenchConfText());
   Publisher publisher(home);
+  PublisherTeam team(home);
   home.InstallLocalServiceHost(zel::platform::LogLevel::Error);
   log_init(0);  // the benchmark measures work, not the reader's logging
   gPublisher = &publisher;
+  gTeam = &team;
 
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
