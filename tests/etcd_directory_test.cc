@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -28,12 +27,12 @@ constexpr uint32_t kType = 37;
 const std::string kHost = "11111111-2222-4333-8444-555555555555";
 const std::string kPrefix = "zel-test/";
 
-#define REQUIRE_ETCD()                                                           \
-  do {                                                                           \
-    if (!EtcdServer::Installed()) {                                              \
-      GTEST_SKIP() << EtcdServer::kProgram << " is not installed";               \
-    }                                                                            \
-  } while (false)
+class EtcdDirectoryFaults : public ::testing::Test {
+  void SetUp() override {
+    if (!EtcdServer::Installed()) GTEST_SKIP() << EtcdServer::kProgram << " is not installed";
+  }
+};
+using EtcdDirectoryLeases = EtcdDirectoryFaults;
 
 DirectoryEntry Named(const std::string& key, const std::string& payload) {
   return {kType, key, kHost, key, payload, 0};
@@ -55,19 +54,14 @@ std::unique_ptr<EtcdDirectory> Open(const EtcdServer& server) {
 // Several clients increment a counter by compare-and-set and publish rising generations while
 // the member they all talk to is killed: every increment counts once, and every subscriber ends
 // at the generation stored last.
-TEST(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
-  REQUIRE_ETCD();
+TEST_F(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
   EtcdServer cluster(3);
   ASSERT_TRUE(cluster.Ready());
   constexpr int kClients = 4, kIncrements = 60;
-  std::vector<std::unique_ptr<Notifications>> notes;
-  std::vector<std::unique_ptr<EtcdDirectory>> clients, watchers;
-  for (int i = 0; i < kClients; ++i) clients.push_back(Open(cluster));
-  for (int i = 0; i < 2; ++i) {
-    notes.push_back(std::make_unique<Notifications>());
-    watchers.push_back(Open(cluster));
-    watchers.back()->Subscribe(kType, "generation", notes.back()->Sink());
-  }
+  Notifications notes[2];
+  std::unique_ptr<EtcdDirectory> watchers[2] = {Open(cluster), Open(cluster)}, clients[kClients];
+  for (int i = 0; i < kClients; ++i) clients[i] = Open(cluster);
+  for (int i = 0; i < 2; ++i) watchers[i]->Subscribe(kType, "generation", notes[i].Sink());
   std::atomic<int> progress{0}, failures{0};
   std::atomic<uint64_t> generations{0};
   std::vector<std::thread> threads;
@@ -87,11 +81,10 @@ TEST(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
             UpdateAndWait(dir, Named("generation", std::to_string(generation)), [generation](const DirectoryEntry* s) {
               return !s || std::stoull(s->payload) < generation;
             });
-        if ((read != NOK_OK && read != NOK_NOT_FOUND) || (wrote != NOK_OK && wrote != NOK_EXISTS) ||
-            (published != NOK_OK && published != NOK_EXISTS)) {
-          ++failures;
-          return;
+        for (NOK_ReturnStatus status : {read, wrote, published}) {
+          failures += status != NOK_OK && status != NOK_EXISTS && status != NOK_NOT_FOUND;
         }
+        if (failures) return;
         done += wrote == NOK_OK;
         ++progress;
       }
@@ -106,50 +99,42 @@ TEST(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
   EXPECT_EQ(counter[0].payload, std::to_string(kClients * kIncrements));
   ASSERT_EQ(clients[0]->Query(kType, "generation", &generation), NOK_OK);
   EXPECT_EQ(generation[0].payload, std::to_string(generations.load()));
-  for (auto& subscriber : notes) {
-    EXPECT_TRUE(subscriber->WaitFor(NOK_OK, generation[0].payload));
-    EXPECT_EQ(subscriber->Notes().back().entry.payload, generation[0].payload);
+  for (Notifications& subscriber : notes) {
+    EXPECT_TRUE(subscriber.WaitFor(NOK_OK, generation[0].payload));
+    EXPECT_EQ(subscriber.Notes().back().entry.payload, generation[0].payload);
   }
 }
 
 // A subscriber that blocks while more than the backlog of changes is written, and the history
 // is compacted, hears that the directory lost track, then the current state, then what follows.
-TEST(EtcdDirectoryFaults, CompactionPastAStalledSubscriberGivesLostTrackThenTheChangesAfter) {
-  REQUIRE_ETCD();
+TEST_F(EtcdDirectoryFaults, CompactionPastAStalledSubscriberGivesLostTrackThenTheChangesAfter) {
   EtcdServer server(1);
   ASSERT_TRUE(server.Ready());
-  std::promise<void> held, open;
+  std::promise<void> open;
   std::shared_future<void> opened = open.get_future().share();
-  std::atomic<bool> holding{false}, released{false};
-  const auto release = [&] {
-    if (!released.exchange(true)) open.set_value();
-  };
-  Notifications kept;
+  Notifications stalled, kept;
   std::unique_ptr<EtcdDirectory> dir = Open(server), writer = Open(server);
-  // The stalled callback must end before the directory can: also when an assertion fails.
-  struct Releaser {
-    std::function<void()> release;
-    ~Releaser() { release(); }
-  } releaseOnExit{release};
-  dir->Subscribe(kType, "stall", [&](NOK_ReturnStatus, const DirectoryEntry*) {
-    if (!holding.exchange(true)) held.set_value();
+  // The stalled callback must end before the directory can, also when an assertion fails.
+  std::shared_ptr<void> stall(nullptr, [&](void*) { open.set_value(); });
+  dir->Subscribe(kType, "stall", [&](NOK_ReturnStatus status, const DirectoryEntry* entry) {
+    stalled.Sink()(status, entry);
     opened.wait();
   });
   dir->Subscribe(kType, "kept", kept.Sink());
   ASSERT_EQ(UpdateAndWait(*writer, Named("stall", "1")), NOK_OK);
-  ASSERT_EQ(held.get_future().wait_for(test::kDirectoryPatience), std::future_status::ready);
+  ASSERT_TRUE(stalled.WaitFor(NOK_OK, "1"));
   ASSERT_EQ(UpdateAndWait(*writer, Named("kept", "2")), NOK_OK);
   for (size_t i = 0; i < kEtcdDirectoryBacklog + 100; ++i) {
     writer->AsyncUpdate({kType, "noise", kHost, "", std::to_string(i), 0}, {}, {});
   }
-  ASSERT_EQ(UpdateAndWait(*writer, Named("noise", "last")), NOK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, Named("last", "last")), NOK_OK);
   std::vector<DirectoryEntry> last;
-  ASSERT_EQ(writer->Query(kType, "noise", &last), NOK_OK);
+  ASSERT_EQ(writer->Query(kType, "last", &last), NOK_OK);
   nlohmann::json reply;
-  ASSERT_TRUE(EtcdClient({server.Endpoint(0)})
+  ASSERT_TRUE(EtcdClient(server.Endpoints())
                   .Call("/v3/kv/compaction", {{"revision", std::to_string(last[0].version)}}, &reply)
                   .Ok());
-  release();
+  stall.reset();
   const auto lost = [](const Note& note) { return note.status != NOK_OK && note.status != NOK_NOT_FOUND; };
   ASSERT_TRUE(kept.WaitFor(lost));
   ASSERT_EQ(UpdateAndWait(*writer, Named("kept", "3")), NOK_OK);
@@ -162,8 +147,7 @@ TEST(EtcdDirectoryFaults, CompactionPastAStalledSubscriberGivesLostTrackThenTheC
 
 // Without quorum a publication and a query fail, with a message naming the endpoints, instead
 // of hanging; once the members are back the same client works again by itself.
-TEST(EtcdDirectoryFaults, NoQuorumFailsClearlyAndTheClientRecoversAfterRestart) {
-  REQUIRE_ETCD();
+TEST_F(EtcdDirectoryFaults, NoQuorumFailsClearlyAndTheClientRecoversAfterRestart) {
   test::ScopedTestHost host;
   EtcdServer cluster(3);
   ASSERT_TRUE(cluster.Ready());
@@ -188,12 +172,12 @@ TEST(EtcdDirectoryFaults, NoQuorumFailsClearlyAndTheClientRecoversAfterRestart) 
 
 // An entry bound to a lease, and its owner index, go when the lease is revoked or runs out
 // unrenewed, and its subscriber hears it; an update with lease 0 keeps the binding.
-TEST(EtcdDirectoryLeases, EntriesGoWithTheirLeaseAndUpdatesKeepIt) {
-  REQUIRE_ETCD();
+TEST_F(EtcdDirectoryLeases, EntriesGoWithTheirLeaseAndUpdatesKeepIt) {
   EtcdServer server(1);
   ASSERT_TRUE(server.Ready());
   Notifications revoked, expired;
   std::unique_ptr<EtcdDirectory> dir = Open(server);
+  std::vector<DirectoryEntry> found;
   for (const bool revoke : {true, false}) {
     SCOPED_TRACE(revoke ? "revoked" : "expired");
     const std::string key = revoke ? "revoked" : "expired";
@@ -204,18 +188,14 @@ TEST(EtcdDirectoryLeases, EntriesGoWithTheirLeaseAndUpdatesKeepIt) {
     dir->Subscribe(kType, key, notes.Sink());
     ASSERT_EQ(UpdateAndWait(*dir, Named(key, "1"), {}, lease), NOK_OK);
     ASSERT_EQ(UpdateAndWait(*dir, Named(key, "2")), NOK_OK);
-    if (revoke) {
-      EXPECT_EQ(dir->RevokeLease(lease), NOK_OK);
-    }
+    EXPECT_EQ(revoke ? dir->RevokeLease(lease) : NOK_OK, NOK_OK);
     ASSERT_TRUE(notes.WaitFor([](const Note& note) { return note.status == NOK_NOT_FOUND; }));
     EXPECT_EQ(notes.Notes().back().entry.entryId, key);
-    std::vector<DirectoryEntry> found;
     EXPECT_EQ(dir->Query(kType, key, &found), NOK_NOT_FOUND);
     EXPECT_EQ(dir->RenewLease(lease), NOK_NOT_FOUND);
     EXPECT_EQ(dir->RevokeLease(lease), NOK_NOT_FOUND);
   }
-  std::vector<DirectoryEntry> owned;
-  EXPECT_EQ(dir->QueryByHost(kType, kHost, &owned), NOK_NOT_FOUND);
+  EXPECT_EQ(dir->QueryByHost(kType, kHost, &found), NOK_NOT_FOUND);
 }
 
 }  // namespace

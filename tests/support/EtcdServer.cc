@@ -36,20 +36,11 @@ std::string FreeLoopbackUrl() {
   return "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
 }
 
-bool Reap(pid_t pid, std::chrono::steady_clock::duration patience) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  do {
-    if (::waitpid(pid, nullptr, WNOHANG) == pid) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  } while (std::chrono::steady_clock::now() < deadline);
-  return false;
-}
-
 }  // namespace
 
 bool EtcdServer::Installed() { return ::access(kProgram, X_OK) == 0; }
 
-EtcdServer::EtcdServer(int members, std::vector<std::string> extraArgs) {
+EtcdServer::EtcdServer(int members) {
   std::string cluster;
   for (int i = 0; i < members; ++i) {
     Member member{"m" + std::to_string(i), FreeLoopbackUrl(), FreeLoopbackUrl(),
@@ -59,7 +50,6 @@ EtcdServer::EtcdServer(int members, std::vector<std::string> extraArgs) {
   }
   args_ = {"--initial-cluster", cluster, "--initial-cluster-state", "new",
            "--election-timeout", "100", "--heartbeat-interval", "10"};
-  args_.insert(args_.end(), extraArgs.begin(), extraArgs.end());
   for (Member& member : members_) Start(member);
   ready_ = true;
   for (Member& member : members_) ready_ = ready_ && Answers(member.client);
@@ -69,8 +59,13 @@ EtcdServer::~EtcdServer() {
   for (Member& member : members_) {
     if (member.pid > 0) ::kill(member.pid, SIGTERM);
   }
+  // SIGKILL for a member that has not stopped in time.
+  const auto deadline = std::chrono::steady_clock::now() + kStopPatience;
   for (size_t i = 0; i < members_.size(); ++i) {
-    if (members_[i].pid > 0 && Reap(members_[i].pid, kStopPatience)) members_[i].pid = -1;
+    while (members_[i].pid > 0 && std::chrono::steady_clock::now() < deadline) {
+      if (::waitpid(members_[i].pid, nullptr, WNOHANG) == members_[i].pid) members_[i].pid = -1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     Kill(int(i));
   }
 }
