@@ -20,7 +20,6 @@ namespace zel::platform {
 namespace {
 
 using zel::test::EtcdServer;
-using zel::test::Note;
 using zel::test::Notifications;
 
 constexpr uint32_t kType = 37;
@@ -62,8 +61,7 @@ TEST_F(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
   std::unique_ptr<EtcdDirectory> watchers[2] = {Open(cluster), Open(cluster)}, clients[kClients];
   for (int i = 0; i < kClients; ++i) clients[i] = Open(cluster);
   for (int i = 0; i < 2; ++i) watchers[i]->Subscribe(kType, "generation", notes[i].Sink());
-  std::atomic<int> progress{0}, failures{0};
-  std::atomic<uint64_t> generations{0};
+  std::atomic<uint64_t> progress{0}, failures{0}, generations{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {
@@ -90,10 +88,10 @@ TEST_F(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
       }
     });
   }
-  while (progress < kClients * kIncrements / 3 && failures == 0) std::this_thread::yield();
+  while (progress < uint64_t(kClients * kIncrements / 3) && failures == 0) std::this_thread::yield();
   cluster.Kill(0);
   for (std::thread& thread : threads) thread.join();
-  ASSERT_EQ(failures.load(), 0);
+  ASSERT_EQ(failures.load(), 0u);
   std::vector<DirectoryEntry> counter, generation;
   ASSERT_EQ(clients[0]->Query(kType, "counter", &counter), NOK_OK);
   EXPECT_EQ(counter[0].payload, std::to_string(kClients * kIncrements));
@@ -135,12 +133,12 @@ TEST_F(EtcdDirectoryFaults, CompactionPastAStalledSubscriberGivesLostTrackThenTh
                   .Call("/v3/kv/compaction", {{"revision", std::to_string(last[0].version)}}, &reply)
                   .Ok());
   stall.reset();
-  const auto lost = [](const Note& note) { return note.status != NOK_OK && note.status != NOK_NOT_FOUND; };
+  const auto lost = [](const test::Note& note) { return note.status != NOK_OK && note.status != NOK_NOT_FOUND; };
   ASSERT_TRUE(kept.WaitFor(lost));
   ASSERT_EQ(UpdateAndWait(*writer, Named("kept", "3")), NOK_OK);
   ASSERT_TRUE(kept.WaitFor(NOK_OK, "3"));
   std::vector<std::string> after;
-  const std::vector<Note> all = kept.Notes();
+  const std::vector<test::Note> all = kept.Notes();
   for (auto it = std::find_if(all.begin(), all.end(), lost); it != all.end(); ++it) after.push_back(it->entry.payload);
   EXPECT_EQ(after, (std::vector<std::string>{"", "2", "3"}));
 }
@@ -189,7 +187,7 @@ TEST_F(EtcdDirectoryLeases, EntriesGoWithTheirLeaseAndUpdatesKeepIt) {
     ASSERT_EQ(UpdateAndWait(*dir, Named(key, "1"), {}, lease), NOK_OK);
     ASSERT_EQ(UpdateAndWait(*dir, Named(key, "2")), NOK_OK);
     EXPECT_EQ(revoke ? dir->RevokeLease(lease) : NOK_OK, NOK_OK);
-    ASSERT_TRUE(notes.WaitFor([](const Note& note) { return note.status == NOK_NOT_FOUND; }));
+    ASSERT_TRUE(notes.WaitFor(NOK_NOT_FOUND, ""));
     EXPECT_EQ(notes.Notes().back().entry.entryId, key);
     EXPECT_EQ(dir->Query(kType, key, &found), NOK_NOT_FOUND);
     EXPECT_EQ(dir->RenewLease(lease), NOK_NOT_FOUND);

@@ -83,19 +83,21 @@ void EtcdServer::Start(Member& member) {
                                    "--listen-peer-urls", member.peer,
                                    "--initial-advertise-peer-urls", member.peer};
   argv.insert(argv.end(), args_.begin(), args_.end());
-  const std::string log = home_.Path() + "/" + member.name + ".log";
+  // Everything the child needs is made before the fork: other threads may hold locks then.
+  const int log = ::open((home_.Path() + "/" + member.name + ".log").c_str(),
+                         O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  std::vector<char*> args;
+  for (std::string& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
   const pid_t pid = ::fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
-    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::dup2(fd, 1);
-    ::dup2(fd, 2);
-    std::vector<char*> args;
-    for (std::string& arg : argv) args.push_back(arg.data());
-    args.push_back(nullptr);
+    ::dup2(log, 1);
+    ::dup2(log, 2);
     ::execv(kProgram, args.data());
     ::_exit(127);
   }
+  ::close(log);
+  if (pid < 0) throw std::runtime_error("fork failed");
   member.pid = pid;
 }
 

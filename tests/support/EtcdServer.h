@@ -4,8 +4,6 @@
 // object goes.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
@@ -38,7 +36,7 @@ class EtcdServer {
  private:
   struct Member {
     std::string name, client, peer, dataDir;
-    pid_t pid = -1;
+    int pid = -1;  // a pid_t
   };
   void Start(Member& member);
   bool Answers(const std::string& endpoint);

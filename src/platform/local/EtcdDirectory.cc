@@ -128,15 +128,15 @@ struct Notice {
   bool everyone = false;  // the lost-track signal, for every subscription
 };
 
-class EtcdStore final : public EtcdDirectory {
+class EtcdClusterDirectory final : public EtcdDirectory {
  public:
-  EtcdStore(std::vector<std::string> endpoints, std::string prefix)
+  EtcdClusterDirectory(std::vector<std::string> endpoints, std::string prefix)
       : client_(std::move(endpoints)), prefix_(std::move(prefix)),
         entries_(prefix_ + "entries/"), byHost_(prefix_ + "by-host/") {
     worker_ = std::thread([this] { WorkLoop(); });
   }
 
-  ~EtcdStore() override {
+  ~EtcdClusterDirectory() override {
     // Watching and delivery end first: callbacks may still issue updates,
     // which the worker then completes before it stops.
     {
@@ -189,8 +189,8 @@ class EtcdStore final : public EtcdDirectory {
       // Gone after an attempt of ours whose answer was lost: that attempt, or
       // another deleter, removed it; either way it is deleted.
       if (!stored) return uncertain ? NOK_OK : NOK_NOT_FOUND;
-      json txn = {{"compare", {ModIs(name, stored->mod)}},
-                  {"success", {DeleteOp(name), DeleteOp(IndexKey(stored->entry))}}};
+      json txn = {{"compare", json::array({ModIs(name, stored->mod)})},
+                  {"success", json::array({DeleteOp(name), DeleteOp(IndexKey(stored->entry))})}};
       json reply;
       EtcdResult result = client_.Call("/v3/kv/txn", txn, &reply);
       if (result.Ok() && reply.value("succeeded", false)) return NOK_OK;
@@ -425,13 +425,14 @@ class EtcdStore final : public EtcdDirectory {
       const int64_t compared = *stored ? (*stored)->mod : 0;
       const LeaseId lease = update->lease ? update->lease : *stored ? (*stored)->lease : 0;
       const std::string value = Encode(entry, nonce);
-      json success = {PutOp(name, value, lease), PutOp(IndexKey(entry), value, lease)};
+      json success = json::array({PutOp(name, value, lease), PutOp(IndexKey(entry), value, lease)});
       if (*stored && (*stored)->entry.ownerHost != entry.ownerHost) {
         success.push_back(DeleteOp(IndexKey((*stored)->entry)));
       }
-      json txn = {{"compare", {ModIs(name, compared)}},
+      const json readBack = {{"request_range", {{"key", EtcdClient::ToBase64(name)}}}};
+      json txn = {{"compare", json::array({ModIs(name, compared)})},
                   {"success", success},
-                  {"failure", {{{"request_range", {{"key", EtcdClient::ToBase64(name)}}}}}}};
+                  {"failure", json::array({readBack})}};
       json reply;
       EtcdResult result = client_.Call("/v3/kv/txn", txn, &reply);
       // The stored entry's lease ran out since it was read: read it again.
@@ -688,7 +689,7 @@ std::unique_ptr<EtcdDirectory> NewEtcdDirectory(std::vector<std::string> endpoin
     return nullptr;
   }
   if (!prefix.empty() && prefix.back() != '/') prefix += '/';
-  return std::make_unique<EtcdStore>(std::move(endpoints), std::move(prefix));
+  return std::make_unique<EtcdClusterDirectory>(std::move(endpoints), std::move(prefix));
 }
 
 }  // namespace platform

@@ -31,8 +31,9 @@
 //
 // Construction does not contact the cluster, and never fails for its sake:
 // while the cluster cannot be reached (or has no quorum) every call fails
-// within a few seconds, with a warning naming the endpoints logged, and works
-// again, by itself, once the cluster is back.
+// within a few seconds, NOK_TIMEOUT with a warning naming the endpoints
+// logged, and works again, by itself, once the cluster is back. A request
+// the cluster refused fails with NOK_FAILURE and the cluster's message.
 #pragma once
 
 #include <cstddef>
