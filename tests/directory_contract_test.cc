@@ -15,9 +15,14 @@
 #include <thread>
 #include <vector>
 
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
 #include "platform/Directory.h"
+#include "platform/local/EtcdDirectory.h"
 #include "platform/local/SqliteDirectory.h"
 #include "support/DirectoryNotes.h"
+#include "support/EtcdServer.h"
 #include "support/Process.h"
 #include "support/TestHost.h"
 
@@ -128,9 +133,21 @@ class SqliteStore final : public DirectoryStore {
   std::unique_ptr<Directory> Open() override { return NewSqliteDirectory(dir_.Path() + "/directory.db"); }
 };
 
+// One member; every client works under the same random prefix, as the hosts of one cluster do.
+class EtcdStore final : public DirectoryStore {
+  test::EtcdServer server_;
+  const std::string prefix_ = "zel-test/" + boost::uuids::to_string(boost::uuids::random_generator()());
+
+ public:
+  std::unique_ptr<Directory> Open() override {
+    return server_.Ready() ? NewEtcdDirectory(server_.Endpoints(), prefix_) : nullptr;
+  }
+};
+
 struct Backend {
   std::string name;
   std::function<std::unique_ptr<DirectoryStore>()> newStore;
+  std::function<bool()> installed = [] { return true; };
 };
 
 void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; }
@@ -138,6 +155,7 @@ void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; 
 class DirectoryContract : public ::testing::TestWithParam<Backend> {
  protected:
   void SetUp() override {
+    if (!GetParam().installed()) GTEST_SKIP() << GetParam().name << " is not installed on this machine";
     store_ = GetParam().newStore();
     directory_ = store_->Open();
     ASSERT_NE(directory_, nullptr);
@@ -408,7 +426,9 @@ TEST_P(DirectoryContract, LeasedEntriesGoWithTheirLeaseAndOtherWritersKeepThemBo
 }
 
 INSTANTIATE_TEST_SUITE_P(, DirectoryContract,
-                         ::testing::Values(Backend{"Sqlite", [] { return std::make_unique<SqliteStore>(); }}),
+                         ::testing::Values(Backend{"Sqlite", [] { return std::make_unique<SqliteStore>(); }},
+                                           Backend{"Etcd", [] { return std::make_unique<EtcdStore>(); },
+                                                   test::EtcdServer::Installed}),
                          [](const ::testing::TestParamInfo<Backend>& info) { return info.param.name; });
 
 // Other processes' changes reach this one's subscribers and compare-and-set holds between

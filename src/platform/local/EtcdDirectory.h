@@ -1,0 +1,78 @@
+// The cluster directory of several machines: the Directory interface over an
+// etcd cluster, reached through its JSON gateway (EtcdClient.h).
+//
+// Layout under the directory's prefix P (components escaped: '%' as %25,
+// '/' as %2F; the type in decimal):
+//   P entries/<type>/<key>/<entryId>            the entry
+//   P by-host/<type>/<owner>/<key>/<entryId>    the owner index: a copy of the
+//                                               entry, so that QueryByHost is
+//                                               one range, read at one revision
+// Every write puts both keys in one transaction (deleting the old owner's
+// index key when the owner changes) and binds both to the same lease. Their
+// value is JSON: {"owner": text, "payload": Base64, "nonce": a random UUID of
+// the write}. An entry's version is its key's mod_revision, which increases
+// across the whole cluster.
+//
+// Updates run one at a time, in the order they were issued, on the
+// directory's worker thread, which also runs their completions: read, decide,
+// then a transaction on the read mod_revision (create_revision 0 when
+// absent), again from the read when another writer came first. A write whose
+// answer was lost (a member died, the leader changed) may have been applied:
+// the nonce of every attempt is remembered and looked for before deciding
+// again, so an update is applied once and reported as such.
+//
+// Subscriptions share one watch stream over P entries/, opened by the first
+// Subscribe; callbacks run on the directory's delivery thread. A broken stream
+// is opened again on the next endpoint from the revision after the last one
+// seen. When that revision was compacted away, or the subscribers fell more
+// than kEtcdDirectoryBacklog changes behind (the stream is then closed until
+// they caught up), every subscription gets NOK_NO_CONNECTION with no entry
+// (lost track) followed by the current state of its key, as Directory.h says.
+//
+// Construction does not contact the cluster, and never fails for its sake:
+// while the cluster cannot be reached (or has no quorum) every call fails
+// within a few seconds, NOK_TIMEOUT with a warning naming the endpoints
+// logged, and works again, by itself, once the cluster is back. A request
+// the cluster refused fails with NOK_FAILURE and the cluster's message.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Directory.h"
+
+namespace zel {
+namespace platform {
+
+constexpr size_t kEtcdDirectoryBacklog = 1024;
+
+class EtcdDirectory : public Directory {
+ public:
+  using LeaseId = int64_t;
+
+  // Grants a lease that lives `ttlSeconds` (>= 1) unless renewed. Entries bound to it are
+  // deleted when it expires or is revoked, and subscribers see the deletions.
+  virtual NOK_ReturnStatus GrantLease(int ttlSeconds, LeaseId* lease) = 0;
+  // NOK_OK when renewed; NOK_NOT_FOUND when it expired or was revoked; another status when
+  // the directory could not be asked.
+  virtual NOK_ReturnStatus RenewLease(LeaseId lease) = 0;
+  virtual NOK_ReturnStatus RevokeLease(LeaseId lease) = 0;
+
+  // AsyncUpdate that binds the entry (and its index key) to `lease`; 0 keeps
+  // the stored entry's lease, none for a new one. AsyncUpdate is this with 0.
+  virtual void AsyncUpdateLeased(const DirectoryEntry& entry, LeaseId lease,
+                                 UpdatePredicate accept, Completion done) = 0;
+};
+
+// `endpoints` are the members' client URLs ("http://127.0.0.1:2379"), tried
+// in turn; `prefix` keeps this directory apart from other users of the
+// cluster ("zel/"; a missing final '/' is added). Null, with a warning logged,
+// only when no endpoint is given.
+std::unique_ptr<EtcdDirectory> NewEtcdDirectory(std::vector<std::string> endpoints,
+                                                std::string prefix);
+
+}  // namespace platform
+}  // namespace zel
