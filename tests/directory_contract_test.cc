@@ -423,6 +423,7 @@ TEST_P(DirectoryContract, LeasedEntriesGoWithTheirLeaseAndOtherWritersKeepThemBo
   ASSERT_TRUE(notes.WaitFor([](const Note& n) { return n.status == NOK_NOT_FOUND && n.entry.entryId == "vmk2"; }));
   EXPECT_EQ(directory_->RenewLease(expiring), NOK_NOT_FOUND);
   EXPECT_EQ(other->Query(kInterfaceType, kHostA, &found), NOK_NOT_FOUND);
+  EXPECT_EQ(other->QueryByHost(kInterfaceType, kHostB, &found), NOK_NOT_FOUND);
 }
 
 INSTANTIATE_TEST_SUITE_P(, DirectoryContract,

@@ -31,22 +31,21 @@ class EtcdDirectoryFaults : public ::testing::Test {
     if (!EtcdServer::Installed()) GTEST_SKIP() << EtcdServer::kProgram << " is not installed";
   }
 };
-using EtcdDirectoryLeases = EtcdDirectoryFaults;
 
 DirectoryEntry Named(const std::string& key, const std::string& payload) {
   return {kType, key, kHost, key, payload, 0};
 }
 
-NOK_ReturnStatus UpdateAndWait(EtcdDirectory& dir, const DirectoryEntry& entry,
-                               Directory::UpdatePredicate accept = {}, EtcdDirectory::LeaseId lease = 0) {
+NOK_ReturnStatus UpdateAndWait(Directory& dir, const DirectoryEntry& entry,
+                               Directory::UpdatePredicate accept = {}) {
   auto done = std::make_shared<std::promise<NOK_ReturnStatus>>();
   std::future<NOK_ReturnStatus> status = done->get_future();
-  dir.AsyncUpdateLeased(entry, lease, std::move(accept),
-                        [done](NOK_ReturnStatus result, const DirectoryEntry*) { done->set_value(result); });
+  dir.AsyncUpdate(entry, std::move(accept),
+                  [done](NOK_ReturnStatus result, const DirectoryEntry*) { done->set_value(result); });
   return status.wait_for(test::kDirectoryPatience) == std::future_status::ready ? status.get() : NOK_PENDING;
 }
 
-std::unique_ptr<EtcdDirectory> Open(const EtcdServer& server) {
+std::unique_ptr<Directory> Open(const EtcdServer& server) {
   return NewEtcdDirectory(server.Endpoints(), kPrefix);
 }
 
@@ -58,14 +57,14 @@ TEST_F(EtcdDirectoryFaults, KilledMemberLosesNoPublicationAndAppliesNoneTwice) {
   ASSERT_TRUE(cluster.Ready());
   constexpr int kClients = 4, kIncrements = 60;
   Notifications notes[2];
-  std::unique_ptr<EtcdDirectory> watchers[2] = {Open(cluster), Open(cluster)}, clients[kClients];
+  std::unique_ptr<Directory> watchers[2] = {Open(cluster), Open(cluster)}, clients[kClients];
   for (int i = 0; i < kClients; ++i) clients[i] = Open(cluster);
   for (int i = 0; i < 2; ++i) watchers[i]->Subscribe(kType, "generation", notes[i].Sink());
   std::atomic<uint64_t> progress{0}, failures{0}, generations{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {
-      EtcdDirectory& dir = *clients[i];
+      Directory& dir = *clients[i];
       for (int done = 0; done < kIncrements;) {
         std::vector<DirectoryEntry> current;
         const NOK_ReturnStatus read = dir.Query(kType, "counter", &current);
@@ -111,7 +110,7 @@ TEST_F(EtcdDirectoryFaults, CompactionPastAStalledSubscriberGivesLostTrackThenTh
   std::promise<void> open;
   std::shared_future<void> opened = open.get_future().share();
   Notifications stalled, kept;
-  std::unique_ptr<EtcdDirectory> dir = Open(server), writer = Open(server);
+  std::unique_ptr<Directory> dir = Open(server), writer = Open(server);
   // The stalled callback must end before the directory can, also when an assertion fails.
   std::shared_ptr<void> stall(nullptr, [&](void*) { open.set_value(); });
   dir->Subscribe(kType, "stall", [&](NOK_ReturnStatus status, const DirectoryEntry* entry) {
@@ -149,7 +148,7 @@ TEST_F(EtcdDirectoryFaults, NoQuorumFailsClearlyAndTheClientRecoversAfterRestart
   test::ScopedTestHost host;
   EtcdServer cluster(3);
   ASSERT_TRUE(cluster.Ready());
-  std::unique_ptr<EtcdDirectory> dir = Open(cluster);
+  std::unique_ptr<Directory> dir = Open(cluster);
   ASSERT_EQ(UpdateAndWait(*dir, Named("generation", "1")), NOK_OK);
   cluster.Kill(1);
   cluster.Kill(2);
@@ -166,34 +165,6 @@ TEST_F(EtcdDirectoryFaults, NoQuorumFailsClearlyAndTheClientRecoversAfterRestart
   EXPECT_EQ(UpdateAndWait(*dir, Named("generation", "3")), NOK_OK);
   ASSERT_EQ(dir->Query(kType, "generation", &found), NOK_OK);
   EXPECT_EQ(found[0].payload, "3");
-}
-
-// An entry bound to a lease, and its owner index, go when the lease is revoked or runs out
-// unrenewed, and its subscriber hears it; an update with lease 0 keeps the binding.
-TEST_F(EtcdDirectoryLeases, EntriesGoWithTheirLeaseAndUpdatesKeepIt) {
-  EtcdServer server(1);
-  ASSERT_TRUE(server.Ready());
-  Notifications revoked, expired;
-  std::unique_ptr<EtcdDirectory> dir = Open(server);
-  std::vector<DirectoryEntry> found;
-  for (const bool revoke : {true, false}) {
-    SCOPED_TRACE(revoke ? "revoked" : "expired");
-    const std::string key = revoke ? "revoked" : "expired";
-    Notifications& notes = revoke ? revoked : expired;
-    EtcdDirectory::LeaseId lease = 0;
-    ASSERT_EQ(dir->GrantLease(revoke ? 600 : 1, &lease), NOK_OK);
-    EXPECT_EQ(dir->RenewLease(lease), NOK_OK);
-    dir->Subscribe(kType, key, notes.Sink());
-    ASSERT_EQ(UpdateAndWait(*dir, Named(key, "1"), {}, lease), NOK_OK);
-    ASSERT_EQ(UpdateAndWait(*dir, Named(key, "2")), NOK_OK);
-    EXPECT_EQ(revoke ? dir->RevokeLease(lease) : NOK_OK, NOK_OK);
-    ASSERT_TRUE(notes.WaitFor(NOK_NOT_FOUND, ""));
-    EXPECT_EQ(notes.Notes().back().entry.entryId, key);
-    EXPECT_EQ(dir->Query(kType, key, &found), NOK_NOT_FOUND);
-    EXPECT_EQ(dir->RenewLease(lease), NOK_NOT_FOUND);
-    EXPECT_EQ(dir->RevokeLease(lease), NOK_NOT_FOUND);
-  }
-  EXPECT_EQ(dir->QueryByHost(kType, kHost, &found), NOK_NOT_FOUND);
 }
 
 }  // namespace

@@ -103,13 +103,11 @@ std::string Bytes(const json& object, const char* name) {
 struct Stored {
   DirectoryEntry entry;
   std::string nonce;
-  int64_t lease = 0;
   int64_t mod = 0;
 };
 
 struct Update {
   DirectoryEntry entry;
-  EtcdDirectory::LeaseId lease;
   Directory::UpdatePredicate accept;
   Directory::Completion done;
 };
@@ -128,15 +126,15 @@ struct Notice {
   bool everyone = false;  // the lost-track signal, for every subscription
 };
 
-class EtcdClusterDirectory final : public EtcdDirectory {
+class EtcdDirectory final : public Directory {
  public:
-  EtcdClusterDirectory(std::vector<std::string> endpoints, std::string prefix)
+  EtcdDirectory(std::vector<std::string> endpoints, std::string prefix)
       : client_(std::move(endpoints)), prefix_(std::move(prefix)),
         entries_(prefix_ + "entries/"), byHost_(prefix_ + "by-host/") {
     worker_ = std::thread([this] { WorkLoop(); });
   }
 
-  ~EtcdClusterDirectory() override {
+  ~EtcdDirectory() override {
     // Watching and delivery end first: callbacks may still issue updates,
     // which the worker then completes before it stops.
     {
@@ -166,14 +164,9 @@ class EtcdClusterDirectory final : public EtcdDirectory {
   }
 
   void AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate accept, Completion done) override {
-    AsyncUpdateLeased(entry, 0, std::move(accept), std::move(done));
-  }
-
-  void AsyncUpdateLeased(const DirectoryEntry& entry, LeaseId lease, UpdatePredicate accept,
-                         Completion done) override {
     {
       std::lock_guard<std::mutex> lock(workMu_);
-      queue_.push_back(Update{entry, lease, std::move(accept), std::move(done)});
+      queue_.push_back(Update{entry, std::move(accept), std::move(done)});
     }
     workCv_.notify_one();
   }
@@ -304,7 +297,7 @@ class EtcdClusterDirectory final : public EtcdDirectory {
     entry.key = Unescape(parts[parts.size() - 2]);
     entry.entryId = Unescape(parts.back());
     out->mod = Number(kv, "mod_revision");
-    out->lease = Number(kv, "lease");
+    entry.lease = Number(kv, "lease");
     entry.version = uint64_t(out->mod);
     json value = json::parse(Bytes(kv, "value"), nullptr, false);
     if (!value.is_object()) return true;  // a deletion's key-value carries no value
@@ -423,7 +416,8 @@ class EtcdClusterDirectory final : public EtcdDirectory {
       const std::string nonce = boost::uuids::to_string(uuids_());
       nonces.insert(nonce);
       const int64_t compared = *stored ? (*stored)->mod : 0;
-      const LeaseId lease = update->lease ? update->lease : *stored ? (*stored)->lease : 0;
+      const LeaseId bound = update->entry.lease;
+      const LeaseId lease = bound ? bound : *stored ? (*stored)->entry.lease : 0;
       const std::string value = Encode(entry, nonce);
       json success = json::array({PutOp(name, value, lease), PutOp(IndexKey(entry), value, lease)});
       if (*stored && (*stored)->entry.ownerHost != entry.ownerHost) {
@@ -436,7 +430,10 @@ class EtcdClusterDirectory final : public EtcdDirectory {
       json reply;
       EtcdResult result = client_.Call("/v3/kv/txn", txn, &reply);
       // The stored entry's lease ran out since it was read: read it again.
-      if (result.outcome == EtcdResult::kRefused && result.code == 5 && !update->lease) continue;
+      if (result.outcome == EtcdResult::kRefused && result.code == 5) {
+        if (bound) return NOK_NOT_FOUND;  // the lease it names is gone
+        continue;
+      }
       if (result.outcome == EtcdResult::kRefused) return Failed("write an entry", result);
       if (!result.Ok() || result.retried) {
         lowestCompared = lowestCompared < 0 ? compared : std::min(lowestCompared, compared);
@@ -447,6 +444,7 @@ class EtcdClusterDirectory final : public EtcdDirectory {
       }
       if (reply.value("succeeded", false)) {
         entry.version = uint64_t(Number(reply.value("header", json::object()), "revision"));
+        entry.lease = lease;
         return NOK_OK;
       }
       // Another writer came first: decide again on what it stored.
@@ -682,14 +680,14 @@ class EtcdClusterDirectory final : public EtcdDirectory {
 
 }  // namespace
 
-std::unique_ptr<EtcdDirectory> NewEtcdDirectory(std::vector<std::string> endpoints,
+std::unique_ptr<Directory> NewEtcdDirectory(std::vector<std::string> endpoints,
                                                 std::string prefix) {
   if (endpoints.empty()) {
     ZEL_LOG_WARNING("%s: No endpoint of the cluster directory was given", kTag);
     return nullptr;
   }
   if (!prefix.empty() && prefix.back() != '/') prefix += '/';
-  return std::make_unique<EtcdClusterDirectory>(std::move(endpoints), std::move(prefix));
+  return std::make_unique<EtcdDirectory>(std::move(endpoints), std::move(prefix));
 }
 
 }  // namespace platform

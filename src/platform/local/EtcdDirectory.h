@@ -8,7 +8,9 @@
 //                                               entry, so that QueryByHost is
 //                                               one range, read at one revision
 // Every write puts both keys in one transaction (deleting the old owner's
-// index key when the owner changes) and binds both to the same lease. Their
+// index key when the owner changes) and binds both to the same lease: the
+// entry's own, else the one that held it (a put without a lease would free
+// it). A write naming a lease that is gone fails with NOK_NOT_FOUND. Their
 // value is JSON: {"owner": text, "payload": Base64, "nonce": a random UUID of
 // the write}. An entry's version is its key's mod_revision, which increases
 // across the whole cluster.
@@ -49,29 +51,11 @@ namespace platform {
 
 constexpr size_t kEtcdDirectoryBacklog = 1024;
 
-class EtcdDirectory : public Directory {
- public:
-  using LeaseId = int64_t;
-
-  // Grants a lease that lives `ttlSeconds` (>= 1) unless renewed. Entries bound to it are
-  // deleted when it expires or is revoked, and subscribers see the deletions.
-  virtual NOK_ReturnStatus GrantLease(int ttlSeconds, LeaseId* lease) = 0;
-  // NOK_OK when renewed; NOK_NOT_FOUND when it expired or was revoked; another status when
-  // the directory could not be asked.
-  virtual NOK_ReturnStatus RenewLease(LeaseId lease) = 0;
-  virtual NOK_ReturnStatus RevokeLease(LeaseId lease) = 0;
-
-  // AsyncUpdate that binds the entry (and its index key) to `lease`; 0 keeps
-  // the stored entry's lease, none for a new one. AsyncUpdate is this with 0.
-  virtual void AsyncUpdateLeased(const DirectoryEntry& entry, LeaseId lease,
-                                 UpdatePredicate accept, Completion done) = 0;
-};
-
 // `endpoints` are the members' client URLs ("http://127.0.0.1:2379"), tried
 // in turn; `prefix` keeps this directory apart from other users of the
 // cluster ("zel/"; a missing final '/' is added). Null, with a warning logged,
 // only when no endpoint is given.
-std::unique_ptr<EtcdDirectory> NewEtcdDirectory(std::vector<std::string> endpoints,
+std::unique_ptr<Directory> NewEtcdDirectory(std::vector<std::string> endpoints,
                                                 std::string prefix);
 
 }  // namespace platform

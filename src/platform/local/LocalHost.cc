@@ -14,6 +14,7 @@
 #include "platform/local/LocalNetworkInterfaces.h"
 #include "platform/local/LocalObjectManager.h"
 #include "platform/local/LocalPolicyService.h"
+#include "platform/local/EtcdDirectory.h"
 #include "platform/local/SqliteDirectory.h"
 #include "zel/OrvaCtlException.h"
 
@@ -26,25 +27,38 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
   return NewLocalServiceHost(std::move(config), NewStderrLogSink(maxLevel));
 }
 
+namespace {
+
+// The backend host.json names ("sqlite" unless it says "etcd"; the reader
+// admits no other).
+std::unique_ptr<Directory> OpenDirectory(const HostConfig& config) {
+  if (config.directoryBackend == "etcd") {
+    std::unique_ptr<Directory> directory =
+        NewEtcdDirectory(config.directoryEndpoints, config.directoryPrefix);
+    if (!directory) throw OrvaCtlException("The etcd cluster directory names no endpoint");
+    return directory;
+  }
+  std::unique_ptr<Directory> directory = NewSqliteDirectory(config.directoryPath);
+  if (!directory) {
+    throw OrvaCtlException("Failed to open the cluster directory " + config.directoryPath);
+  }
+  return directory;
+}
+
+}  // namespace
+
 std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<LogSink> log) {
   // The identity keys this host's directory entries; an empty one would
   // make the directory invent a different one on every start.
   if (config.hostUuid.empty()) {
     throw OrvaCtlException("The host configuration under " + config.home + " has no host identity");
   }
-  if (config.directoryBackend != "sqlite") {
-    throw OrvaCtlException("Unsupported directory backend '" + config.directoryBackend +
-                           "' in the host configuration under " + config.home);
-  }
   // The embedded profile keeps the datastore inside the home; a real host
   // mounts it, and a missing mount must stay visible as such.
   if (config.profile == Profile::Embedded) {
     FileIO_CreateOwnerOnlyDirectories(config.datastoreRoot);
   }
-  std::unique_ptr<Directory> directory = NewSqliteDirectory(config.directoryPath);
-  if (!directory) {
-    throw OrvaCtlException("Failed to open the cluster directory " + config.directoryPath);
-  }
+  std::unique_ptr<Directory> directory = OpenDirectory(config);
 
   std::unique_ptr<Host> host = NewLocalHost(std::move(config), std::move(log));
   const HostConfig& settled = host->Config();
