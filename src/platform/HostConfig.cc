@@ -158,8 +158,7 @@ void ApplyDirectory(const Reader& reader, const json& directory, HostConfig* con
       }
     } else if (item.key() == "prefix") {
       config->directoryPrefix = reader.Text(value, key);
-      if (config->directoryPrefix.size() < 2 || config->directoryPrefix.front() != '/' ||
-          config->directoryPrefix.back() == '/') {
+      if (config->directoryPrefix.size() < 2 || config->directoryPrefix.front() != '/') {
         reader.Fail("'" + key + "' must start with '/' and name something after it, not '" +
                     config->directoryPrefix + "'");
       }

@@ -29,8 +29,7 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, LogLevel maxLevel) 
 
 namespace {
 
-// The backend host.json names ("sqlite" unless it says "etcd"; the reader
-// admits no other).
+// The backend host.json names: "etcd", else "sqlite".
 std::unique_ptr<Directory> OpenDirectory(const HostConfig& config) {
   if (config.directoryBackend == "etcd") {
     std::unique_ptr<Directory> directory =
@@ -52,6 +51,10 @@ std::unique_ptr<Host> NewLocalServiceHost(HostConfig config, std::unique_ptr<Log
   // make the directory invent a different one on every start.
   if (config.hostUuid.empty()) {
     throw OrvaCtlException("The host configuration under " + config.home + " has no host identity");
+  }
+  if (config.directoryBackend != "sqlite" && config.directoryBackend != "etcd") {
+    throw OrvaCtlException("Unsupported directory backend '" + config.directoryBackend +
+                           "' in the host configuration under " + config.home);
   }
   // The embedded profile keeps the datastore inside the home; a real host
   // mounts it, and a missing mount must stay visible as such.
