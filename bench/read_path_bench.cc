@@ -17,11 +17,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,6 +32,8 @@
 #include "cache/ConfigCache.h"
 #include "conf/reader.h"
 #include "directory/DirectoryEntries.h"
+#include "platform/local/EtcdClient.h"
+#include "support/EtcdServer.h"
 #include "support/ServiceHome.h"
 
 namespace {
@@ -326,13 +331,87 @@ void BM_ConcurrentPublications(benchmark::State& state) {
 }
 BENCHMARK(BM_ConcurrentPublications)->Iterations(5)->Unit(benchmark::kMillisecond);
 
+// etcd's own latency from a put until a watch of the key sees it, through
+// the same gateway and client the directory uses, with no directory code on
+// either side: the floor under BM_PublishToDirtyLatency on etcd.
+std::vector<std::string> gEtcdEndpoints;
+
+void BM_EtcdPutToWatch(benchmark::State& state) {
+  using nlohmann::json;
+  using zel::platform::EtcdClient;
+  if (gEtcdEndpoints.empty()) {
+    state.SkipWithError("the directory is not on etcd (ZEL_BENCH_DIRECTORY=etcd)");
+    return;
+  }
+  const std::string key = EtcdClient::ToBase64("/bench/put-to-watch");
+  EtcdClient writer(gEtcdEndpoints), watcher(gEtcdEndpoints);
+  zel::platform::EtcdStreamStop stop;
+  std::mutex mutex;
+  std::condition_variable arrived;
+  bool created = false;
+  std::string seen;
+  std::thread watch([&] {
+    watcher.Stream("/v3/watch", {{"create_request", {{"key", key}}}},
+                   [&](const json& message) {
+                     const json result = message.value("result", json::object());
+                     std::lock_guard<std::mutex> lock(mutex);
+                     created = created || result.value("created", false);
+                     for (const json& event : result.value("events", json::array())) {
+                       EtcdClient::FromBase64(event["kv"].value("value", ""), &seen);
+                     }
+                     arrived.notify_all();
+                     return true;
+                   },
+                   &stop);
+  });
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    arrived.wait_for(lock, std::chrono::seconds(10), [&] { return created; });
+  }
+  std::vector<double> latencies;
+  int round = 0;
+  for (auto _ : state) {
+    const std::string value = std::to_string(++round);
+    const Clock::time_point start = Clock::now();
+    json reply;
+    if (!writer.Call("/v3/kv/put", {{"key", key}, {"value", EtcdClient::ToBase64(value)}}, &reply).Ok()) {
+      state.SkipWithError("the put failed");
+      break;
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!arrived.wait_for(lock, std::chrono::seconds(10), [&] { return seen == value; })) {
+      state.SkipWithError("no watch event within 10 s");
+      break;
+    }
+    const double millis = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    state.SetIterationTime(millis / 1000);
+    latencies.push_back(millis);
+  }
+  stop.Stop();
+  watch.join();
+  state.counters["median_ms"] = Median(latencies);
+}
+BENCHMARK(BM_EtcdPutToWatch)->Iterations(40)->UseManualTime()->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
+  // ZEL_BENCH_DIRECTORY=etcd: the processes meet in an etcd member of this
+  // run's own instead of the database file.
+  const char* backend = std::getenv("ZEL_BENCH_DIRECTORY");
+  std::unique_ptr<zel::test::EtcdServer> etcd;
   zel::test::ServiceHome home;
+  if (backend != nullptr && std::string(backend) == "etcd") {
+    etcd = std::make_unique<zel::test::EtcdServer>(1);
+    if (!etcd->Ready()) throw std::runtime_error("the etcd member did not start");
+    gEtcdEndpoints = etcd->Endpoints();
+    home.SetHostSetting("directory", {{"backend", "etcd"},
+                                      {"endpoints", gEtcdEndpoints},
+                                      {"prefix", "/zel/bench"}});
+  }
   home.WriteConf(zel::bench::BenchConfText());
   Publisher publisher(home);
   PublisherTeam team(home);

@@ -26,6 +26,8 @@ namespace {
 using nlohmann::json;
 
 const char kTag[] = "EtcdDirectory";
+// How many identities the writer remembers the stored state of.
+constexpr size_t kRemembered = 4096;
 
 // A write whose answer was lost this many times in a row is reported as a
 // failure (the cluster keeps losing its leader or answers nothing).
@@ -385,6 +387,13 @@ class EtcdDirectory final : public Directory {
 
   // Read, decide, then write on the revision read. `update->entry` becomes
   // the entry as stored; on a refusal `*stored` is what refused it.
+  //
+  // The read is skipped when this directory remembers what it last wrote or
+  // saw under the identity: the write's compare holds only if that is still
+  // what is stored, and when it is not, the transaction's failure branch
+  // reads the truth in the same round trip. A publisher that writes its
+  // entry again (every generation) thus needs one round trip, not two. A
+  // refusal is never decided on a remembered entry alone.
   NOK_ReturnStatus Write(Update* update, std::optional<Stored>* stored) {
     DirectoryEntry& entry = update->entry;
     const bool fresh = entry.entryId.empty();
@@ -393,10 +402,17 @@ class EtcdDirectory final : public Directory {
     std::set<std::string> nonces;  // of every attempt so far
     int64_t lowestCompared = -1;   // the oldest revision an unsure attempt was made on
     bool known = fresh;            // `*stored` is up to date (a fresh identity is absent)
+    bool read = fresh;             // ... and was read for this update, not remembered
+    const auto remembered = lastSeen_.find(name);
+    if (!fresh && remembered != lastSeen_.end()) {
+      *stored = remembered->second;
+      known = true;
+    }
     for (int unanswered = 0;;) {
       if (!known) {
         NOK_ReturnStatus status = ReadOne(name, 0, stored, "read an entry");
         if (status != NOK_OK) return status;
+        read = true;
       }
       known = false;
       if (*stored && nonces.count((*stored)->nonce)) {
@@ -412,7 +428,11 @@ class EtcdDirectory final : public Directory {
           return NOK_OK;
         }
       }
-      if (update->accept && !update->accept(*stored ? &(*stored)->entry : nullptr)) return NOK_EXISTS;
+      if (update->accept && !update->accept(*stored ? &(*stored)->entry : nullptr)) {
+        if (!read) continue;
+        Remember(name, *stored);
+        return NOK_EXISTS;
+      }
       const std::string nonce = boost::uuids::to_string(uuids_());
       nonces.insert(nonce);
       const int64_t compared = *stored ? (*stored)->mod : 0;
@@ -445,14 +465,22 @@ class EtcdDirectory final : public Directory {
       if (reply.value("succeeded", false)) {
         entry.version = uint64_t(Number(reply.value("header", json::object()), "revision"));
         entry.lease = lease;
+        Remember(name, Stored{entry, nonce, int64_t(entry.version)});
         return NOK_OK;
       }
       // Another writer came first: decide again on what it stored.
       const json& responses = reply.value("responses", json::array());
       if (responses.empty() || !responses[0].contains("response_range")) continue;
       FirstOf(responses[0]["response_range"], stored);
-      known = true;
+      known = read = true;
     }
+  }
+
+  void Remember(const std::string& name, const std::optional<Stored>& stored) {
+    // Identities come and go (a fresh one per interface publication): past
+    // the bound, what was remembered is forgotten and read again when needed.
+    if (lastSeen_.size() >= kRemembered) lastSeen_.clear();
+    lastSeen_[name] = stored;
   }
 
   // Walks back from revision `from` through the versions of `name` newer
@@ -653,6 +681,8 @@ class EtcdDirectory final : public Directory {
 
   // Worker thread only, but for the queue.
   boost::uuids::random_generator uuids_;
+  // What this directory last wrote or read under each identity it wrote.
+  std::map<std::string, std::optional<Stored>> lastSeen_;
   std::mutex workMu_;
   std::condition_variable workCv_;
   std::deque<Update> queue_;
