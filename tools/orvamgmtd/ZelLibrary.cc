@@ -31,6 +31,13 @@ ZelLibrary::ZelLibrary(const std::string& path)
     watchLocalMembership = As<decltype(watchLocalMembership)>(Resolve("ZelWatchLocalMembership"));
     unwatchLocalMembership =
         As<decltype(unwatchLocalMembership)>(Resolve("ZelUnwatchLocalMembership"));
+    fireHostEnterMaintenanceMode =
+        As<decltype(fireHostEnterMaintenanceMode)>(Resolve("ZelFireHostEnterMaintenanceMode"));
+    watchLocalMaintenance =
+        As<decltype(watchLocalMaintenance)>(Resolve("ZelWatchLocalMaintenance"));
+    unwatchLocalMaintenance =
+        As<decltype(unwatchLocalMaintenance)>(Resolve("ZelUnwatchLocalMaintenance"));
+    reloadDeclaredNics = As<decltype(reloadDeclaredNics)>(Resolve("ZelReloadDeclaredNics"));
     zelInit = As<decltype(zelInit)>(Resolve("ZelInit"));
     zelDeinit = As<decltype(zelDeinit)>(Resolve("ZelDeinit"));
   } catch (...) {

@@ -28,6 +28,10 @@ class ZelLibrary {
   decltype(&ZelFireOrvaSystemRefresh) fireOrvaSystemRefresh;
   decltype(&ZelWatchLocalMembership) watchLocalMembership;
   decltype(&ZelUnwatchLocalMembership) unwatchLocalMembership;
+  decltype(&ZelFireHostEnterMaintenanceMode) fireHostEnterMaintenanceMode;
+  decltype(&ZelWatchLocalMaintenance) watchLocalMaintenance;
+  decltype(&ZelUnwatchLocalMaintenance) unwatchLocalMaintenance;
+  decltype(&ZelReloadDeclaredNics) reloadDeclaredNics;
   decltype(&ZelInit) zelInit;
   decltype(&ZelDeinit) zelDeinit;
 
