@@ -2,7 +2,7 @@
 // test clock (a pass's pause is recorded, not slept): starting once, a
 // failing pass repeated without advancing, targets moved off a broken
 // interface and off a host entering maintenance, the stop interrupting the
-// pause.
+// pause; the cluster leave stopping this host's service.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -107,6 +107,31 @@ TEST_F(ControlThreadTest, ARefreshReachesTheNextPassAndANicChangeWhileDisabledDo
   EXPECT_EQ(Count("Calling ZelOnOrvaSystemRefresh()"), 1);
   OrvaIscsiTargetImpl::ZelStartControlThread();
   EXPECT_TRUE(Eventually([&] { return Count("reload orva configs") == 1; }));
+}
+
+// Leaving the cluster stops this host's service (zeld stopped, the store saying disabled) and
+// hands no target over: the owner of what this host served is the cluster's placement's to
+// change. A store that refuses the change leaves the service enabled, and says why in the log.
+TEST(ClusterLeaveTest, StopsTheServiceButKeepsTheTargetsAndLogsARefusedStore) {
+  for (const bool storeRefuses : {false, true}) {
+    SCOPED_TRACE(storeRefuses);
+    ServiceHome home;
+    const TestServices services = home.InstallTestHost();
+    const FakeHostControl fakes = InstallFakeHostControl();
+    InstallFakeNetworkInterfaces()->Set("nok0", platform::NOKNIC_UP, "127.0.0.1");
+    if (storeRefuses) services.store->FailNext("SetOrvaIscsiServiceEnabled", "store is read-only");
+    platform::Events().FireClusterLeave();
+    EXPECT_EQ(Util::GetTargetOwnerHostUuid(kFinanceUuid), home.HostUuid());
+    EXPECT_THAT(fakes.commands->CommandLines(),
+                ::testing::Contains("/etc/init.d/zeld ++group=host/kap/tmp io_stop"));
+    bool enabled = !storeRefuses;
+    services.store->Target().GetOrvaIscsiServiceEnabled(&enabled);
+    EXPECT_EQ(enabled, storeRefuses);
+    EXPECT_EQ(services.log->Contains("OrvaIscsiTargetImpl: Failed to disable iSCSI target service "
+                                     "(store is read-only)"),
+              storeRefuses);
+    OrvaIscsiTargetImpl::DropSingleton();
+  }
 }
 
 }  // namespace

@@ -156,13 +156,32 @@ TEST_F(PolicyCompliance, FailuresToTolerateNeedTwoPerFailurePlusOneMembers) {
   }
 }
 
-TEST_F(PolicyCompliance, LocalityNeedsAStretchedCluster) {
-  cluster_.SetMembers(3);
-  EXPECT_EQ(Compliance::NonCompliant, Judged("\"locality\" \"Preferred\""));
-  cluster_.SetMembers(3, 1);
-  EXPECT_EQ(Compliance::Compliant, Judged("\"locality\" \"Preferred\""));
+// A locality is judged by placement's rule of a stretched cluster, not by any member naming a site.
+TEST_F(PolicyCompliance, LocalityNeedsTheClusterStretchedAsPlacementSeesIt) {
+  struct Case {
+    std::vector<std::string> sites;
+    std::string preferred;
+    Compliance expected;
+  };
+  const Case cases[] = {
+      {{"", "", ""}, "", Compliance::NonCompliant},
+      {{"west", "", ""}, "west", Compliance::NonCompliant},
+      {{"west", "east", "east"}, "", Compliance::NonCompliant},
+      {{"west", "east", "east"}, "north", Compliance::NonCompliant},
+      {{"west", "east", "north"}, "west", Compliance::NonCompliant},
+      {{"west", "east", ""}, "east", Compliance::Compliant},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.sites) + " preferred " + c.preferred);
+    cluster_.info.members.clear();
+    for (const std::string& site : c.sites) cluster_.info.members.push_back({site + "-host", "", site});
+    cluster_.preferredFaultDomain = c.preferred;
+    EXPECT_EQ(c.expected, Judged("\"locality\" \"Preferred\""));
+  }
   EXPECT_EQ(Compliance::NonCompliant,
             Judged("\"locality\" \"Preferred\" \"failuresToTolerate\" \"2\""));
+  double_.FailNext("GetPreferredFaultDomain", NOK_TIMEOUT);
+  EXPECT_EQ(Compliance::Unknown, Judged("\"locality\" \"Preferred\""));
   cluster_.SetMembers(5, 5);  // a stored policy that does not parse is not complied with
   EXPECT_EQ(Compliance::NonCompliant, Judged("mirrored"));
   EXPECT_TRUE(host_.Log().Contains("PolicyService: Storage object " + kObject +

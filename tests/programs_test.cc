@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -424,6 +425,51 @@ TEST_F(OrvamgmtdTest, KilledAgentsHostLeavesTheMembershipWhenItsLeaseRunsOut) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   EXPECT_FALSE(member());
+}
+
+// host.json's declared interfaces reach the running agent: an edit that changes them is one
+// network change, after which the library publishes the new ones; an edit that leaves them, or a
+// file that does not parse, is none. `host maintenance enter` sets the flag; the agent sees it and
+// hands this host's target to the peer, and zelctl reports where it went.
+TEST_F(OrvamgmtdTest, DeclaredInterfaceEditsAndMaintenanceReachTheRunningAgent) {
+  const std::string path = home_.Path() + "/host.json";
+  const auto edit = [&path](const std::function<void(nlohmann::json&)>& change) {
+    nlohmann::json config;
+    platform::ReadJsonFile(path, "Host configuration", &config);
+    change(config);
+    platform::WriteJsonFileAtomically(path, config, 0644);
+  };
+  edit([](nlohmann::json& config) { config["nics"] = {{"zel0", {{"ipv4", "127.0.0.2"}}}}; });
+  std::vector<std::string> argv = Foreground();  // no link change of the machine reaches it
+  if (RunProgram({"/usr/bin/unshare", "-Urn", "/bin/true"}).exitCode == 0) {
+    argv.insert(argv.begin(), {"/usr/bin/unshare", "-Urn", "--"});
+  }
+  AgentProcess agent(argv);
+  agent.AwaitLine(kReady);
+  edit([](nlohmann::json& config) { config["controlTickSeconds"] = 5; });
+  agent.AwaitLine("orvamgmtd: host.json changed, its declared interfaces did not");
+  edit([](nlohmann::json& config) {
+    config["nics"]["zel0"]["state"] = "down";
+    config["nics"]["zel1"] = {{"ipv4", "127.0.0.3"}};
+  });
+  agent.AwaitLine("orvamgmtd: host.json declares other interfaces");
+  agent.AwaitLine("orvamgmtd: Network change (");
+  agent.AwaitLine("Util: Successfully updated BRIX interface entry for nok nic zel1");
+  const std::string good = ReadFile(path);
+  WriteFile(path, "{");
+  agent.AwaitLine("orvamgmtd: host.json could not be read: the declared interfaces stay");
+  WriteFile(path, good);
+  agent.AwaitLine("orvamgmtd: host.json changed, its declared interfaces did not");
+
+  const ProcessResult entered =
+      RunProgram({ZELCTL_PATH, "--home", home_.Path(), "host", "maintenance", "enter"});
+  EXPECT_EQ(std::make_pair(entered.exitCode, entered.out),
+            std::make_pair(0, std::string("This host is in maintenance\nMoved target finance to peer-host\n")))
+      << entered.err;
+  agent.AwaitLine("orvamgmtd: This host entered maintenance (2 members): firing the maintenance");
+  agent.Signal(SIGTERM);
+  EXPECT_EQ(agent.Wait(), 0);
+  EXPECT_THAT(agent.Lines(), Contains(HasSubstr("orvamgmtd: Network change (")).Times(1));
 }
 
 }  // namespace

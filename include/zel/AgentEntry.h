@@ -57,6 +57,26 @@ uint64_t ZelHoldLocalMembership(ZelMembershipLeftCallback onLost, void* context)
 // again. Unknown holds are ignored.
 void ZelReleaseLocalMembership(uint64_t hold);
 
+// Reads the interfaces the selected host's host.json declares ("nics") now,
+// so that the library sees an edit without a restart. 1 when they changed
+// (the caller raises the network change), 0 when they are as they were, -1
+// after logging why host.json cannot be read (nothing changes then).
+int ZelReloadDeclaredNics(void);
+
+// Runs on the directory's own thread, under the same rules as
+// ZelMembershipLeftCallback; `nodeCount` is the cluster's members.
+typedef void (*ZelMaintenanceEnteredCallback)(void* context, unsigned nodeCount);
+
+// Calls `onEntered` each time this host's member entry turns its
+// maintenance flag on, and once at the first look when it is on already: a
+// host in maintenance must hand over whatever it still owns, also after an
+// agent's restart. Returns a non-zero watch, or 0 after logging a failure.
+// REQUIRES: as for ZelWatchLocalMembership.
+uint64_t ZelWatchLocalMaintenance(ZelMaintenanceEnteredCallback onEntered, void* context);
+// Ends a watch; once it returns `onEntered` will not run again. Unknown
+// watches are ignored.
+void ZelUnwatchLocalMaintenance(uint64_t watch);
+
 // Start and stop the background control thread when the kernel option
 // "zelNokNicCtlEnable" of group "ORVA-iSCSI" is non-zero; nothing otherwise.
 void ZelInit(void);

@@ -1,7 +1,5 @@
 #include "placement/Sites.h"
 
-#include <set>
-
 #include "platform/HostServices.h"
 #include "platform/Log.h"
 
@@ -24,13 +22,8 @@ std::string PreferredFaultDomain() {
 }  // namespace
 
 bool IsInStretchedCluster() {
-  std::set<std::string> faultDomains;
-  for (const zel::platform::ClusterMember& member : OrvaInfoImpl::GetClusterInfo().members) {
-    if (!member.faultDomain.empty()) faultDomains.insert(member.faultDomain);
-  }
-  // A preferred site that no member names (or a third site) leaves the
-  // other site undefined: placing targets by site would then guess.
-  return faultDomains.size() == 2 && faultDomains.count(PreferredFaultDomain()) != 0;
+  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
+  return zel::platform::IsStretchedCluster(cluster, PreferredFaultDomain());
 }
 
 std::string GetFaultDomainId(const std::string& host) {

@@ -62,5 +62,13 @@ class ClusterFacts {
   virtual NOK_ReturnStatus SetPreferredFaultDomain(const std::string& name) = 0;
 };
 
+// Whether `cluster` is stretched: its members name exactly two fault
+// domains and `preferredFaultDomain` is one of them. A preferred site that
+// no member names (or a third site) leaves the other site undefined, so
+// anything decided by site would be a guess. Placement and the compliance
+// judge both ask this, so that a policy is never judged against sites that
+// placement does not use.
+bool IsStretchedCluster(const ClusterInfo& cluster, const std::string& preferredFaultDomain);
+
 }  // namespace platform
 }  // namespace zel

@@ -76,6 +76,8 @@ void Host::SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig) {
 }
 void Host::SetObjects(std::unique_ptr<ObjectManager> objects) { objects_ = std::move(objects); }
 
+bool Host::ReloadDeclaredNics() { return Nics().SetDeclaredNics(ReadDeclaredNics(config_.home)); }
+
 std::unique_ptr<Host> NewLocalHost(HostConfig config, LogLevel maxLevel) {
   return NewLocalHost(std::move(config), NewStderrLogSink(maxLevel));
 }

@@ -64,6 +64,12 @@ class Host {
   void SetLegacyConfig(std::unique_ptr<LegacyConfigFile> legacyConfig);
   void SetObjects(std::unique_ptr<ObjectManager> objects);
 
+  // Reads the interfaces host.json declares now into the network
+  // interfaces (Config() keeps what the process started with). True when
+  // they changed; throws OrvaCtlException, changing nothing, when host.json
+  // cannot be read.
+  bool ReloadDeclaredNics();
+
  private:
   HostConfig config_;
   std::unique_ptr<Clock> clock_;

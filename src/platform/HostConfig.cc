@@ -350,5 +350,16 @@ HostConfig LoadHostConfig(const std::string& home) {
   return config;
 }
 
+std::map<std::string, DeclaredNic> ReadDeclaredNics(const std::string& home) {
+  const std::string path = home + "/host.json";
+  json document;
+  if (!ReadJsonFile(path, kWhat, &document)) {
+    throw OrvaCtlException(std::string(kWhat) + " " + path + " does not exist");
+  }
+  HostConfig config = EmbeddedHostConfig(home);
+  Apply(Reader(path, home), document, &config);
+  return config.nics;
+}
+
 }  // namespace platform
 }  // namespace zel

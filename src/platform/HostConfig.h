@@ -31,6 +31,11 @@ struct DeclaredNic {
   std::string state = "up";  // "up", "down" or "no-uplinks", as the host declares it
 };
 
+inline bool operator==(const DeclaredNic& a, const DeclaredNic& b) {
+  return a.ipv4 == b.ipv4 && a.ipv6 == b.ipv6 && a.state == b.state;
+}
+inline bool operator!=(const DeclaredNic& a, const DeclaredNic& b) { return !(a == b); }
+
 struct HostConfig {
   Profile profile = Profile::Embedded;
   std::string home;             // state root of this host
@@ -84,6 +89,13 @@ bool IsValidIqnDomain(const std::string& domain);
 // processes doing the same). Throws OrvaCtlException with a readable message
 // when the file cannot be read, parsed or created.
 HostConfig LoadHostConfig(const std::string& home);
+
+// The interfaces `home`/host.json declares now ("nics"; empty: none), for a
+// running process to follow an edit. The whole file is checked as
+// LoadHostConfig checks it, so that a file the next start would refuse is
+// refused now too; nothing is created. Throws OrvaCtlException as
+// LoadHostConfig does, and when the file is missing.
+std::map<std::string, DeclaredNic> ReadDeclaredNics(const std::string& home);
 
 }  // namespace platform
 }  // namespace zel

@@ -2,8 +2,11 @@
 // call sites).
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
+
+#include "platform/HostConfig.h"
 
 namespace zel {
 namespace platform {
@@ -27,6 +30,14 @@ class NetworkInterfaces {
   // first IPv6 address as text, each empty when it has none.
   virtual void GetPreferredZelNetworkAddressForNokNic(const std::string& name, std::string* ipv4,
                                                       std::string* ipv6) = 0;
+
+  // Follows an edit of the interfaces the host declares (HostConfig::nics;
+  // empty: the machine's own). True when what the host offers changed.
+  // Backends that take no declarations ignore it and answer false.
+  virtual bool SetDeclaredNics(const std::map<std::string, DeclaredNic>& nics) {
+    static_cast<void>(nics);
+    return false;
+  }
 };
 
 }  // namespace platform

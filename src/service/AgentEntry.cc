@@ -102,6 +102,56 @@ std::mutex holdMutex;
 std::unique_ptr<NokCtl::Orva::IscsiTarget::MembershipLease> hold;
 uint64_t lastHold = 0;
 
+// This host's maintenance flag, read from the same membership key: every
+// notice reads the members again, for the reasons MembershipWatch gives.
+class MaintenanceWatch {
+ public:
+  MaintenanceWatch(zel::platform::Host& host, ZelMaintenanceEnteredCallback onEntered,
+                   void* context)
+      : host_(host), onEntered_(onEntered), context_(context) {}
+
+  void Start() {
+    handle_ = host_.GetDirectory().Subscribe(
+        zel::platform::kClusterMemberEntryType, zel::platform::kClusterMembersKey,
+        [this](NOK_ReturnStatus, const DirectoryEntry*) { Check(); });
+    Check();
+  }
+
+  void Stop() { host_.GetDirectory().Unsubscribe(handle_); }
+
+ private:
+  void Check() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    zel::platform::ClusterInfo cluster;
+    const NOK_ReturnStatus status = host_.Cluster().GetClusterInfo(&cluster);
+    if (status != NOK_OK) {
+      ZEL_LOG_WARNING("%s: Failed to read the cluster membership: %s\n", kTag,
+                      NOK_ReturnStatusToString(status));
+      return;
+    }
+    const std::string local = host_.Config().hostUuid;
+    const bool maintenance =
+        std::any_of(cluster.members.begin(), cluster.members.end(),
+                    [&local](const zel::platform::ClusterMember& member) {
+                      return member.hostUuid == local && member.maintenance;
+                    });
+    if (maintenance && !maintenance_) {
+      ZEL_LOG_INFO("%s: Host %s is in maintenance\n", kTag, local.c_str());
+      onEntered_(context_, static_cast<unsigned>(cluster.members.size()));
+    }
+    maintenance_ = maintenance;
+  }
+
+  zel::platform::Host& host_;
+  const ZelMaintenanceEnteredCallback onEntered_;
+  void* const context_;
+  std::mutex mutex_;  // serialises the first look and the notices
+  bool maintenance_ = false;
+  Directory::SubscriptionHandle handle_ = 0;
+};
+
+std::map<uint64_t, std::unique_ptr<MaintenanceWatch>> maintenanceWatches;  // watchesMutex
+
 }  // namespace
 
 namespace NokCtl {
@@ -181,6 +231,26 @@ uint64_t ZelHoldLocalMembership(ZelMembershipLeftCallback onLost, void* context)
   return id;
 }
 
+int ZelReloadDeclaredNics(void) {
+  bool changed = false;
+  const bool read =
+      Guarded(__func__, [&changed] { changed = zel::platform::CurrentHost().ReloadDeclaredNics(); });
+  return read ? (changed ? 1 : 0) : -1;
+}
+
+uint64_t ZelWatchLocalMaintenance(ZelMaintenanceEnteredCallback onEntered, void* context) {
+  uint64_t id = 0;
+  Guarded(__func__, [&] {
+    auto watch =
+        std::make_unique<MaintenanceWatch>(zel::platform::CurrentHost(), onEntered, context);
+    watch->Start();
+    std::lock_guard<std::mutex> guard(watchesMutex);
+    id = ++lastWatch;
+    maintenanceWatches.emplace(id, std::move(watch));
+  });
+  return id;
+}
+
 void ZelReleaseLocalMembership(uint64_t id) {
   std::unique_ptr<NokCtl::Orva::IscsiTarget::MembershipLease> stopping;
   {
@@ -189,6 +259,18 @@ void ZelReleaseLocalMembership(uint64_t id) {
     stopping = std::move(hold);
   }
   if (stopping) stopping->Stop();
+}
+
+void ZelUnwatchLocalMaintenance(uint64_t watch) {
+  std::unique_ptr<MaintenanceWatch> stopping;
+  {
+    std::lock_guard<std::mutex> guard(watchesMutex);
+    const auto found = maintenanceWatches.find(watch);
+    if (found == maintenanceWatches.end()) return;
+    stopping = std::move(found->second);
+    maintenanceWatches.erase(found);
+  }
+  stopping->Stop();
 }
 
 void ZelInit(void) {

@@ -9,12 +9,16 @@
 //                                     first are one change
 //   this host's member entry gone  -> cluster leave
 //   or its membership lease lost
+//   this host's maintenance flag on -> host enter maintenance mode
+//   host.json declares other "nics" -> network change, coalesced with the
+//                                     link and address changes
 //   SIGTERM, SIGINT                -> stop
 #pragma once
 
 #include <signal.h>
 
 #include <memory>
+#include <string>
 
 #include "ZelLibrary.h"
 #include "common/Daemon.h"
@@ -34,6 +38,11 @@ class Agent {
   // code after the stop: 0 after SIGTERM or SIGINT.
   int Run(zeltools::StartReport& report);
 
+  // Follows edits of `home`/host.json. Editors replace the file by rename,
+  // so the home directory is watched, not the file. Logs and goes on
+  // without when the watch cannot be set up.
+  void WatchHostConfig(const std::string& home);
+
  private:
   void Start();
   void Stop();
@@ -43,6 +52,11 @@ class Agent {
   bool HandleSignal();
   void HandleMemberLeft();
   static void OnMemberLeft(void* context);
+  // Reads the queued host.json events; the count of those that changed the
+  // declared interfaces (0 or 1).
+  int HandleHostConfigEvents();
+  void HandleMaintenanceEntered();
+  static void OnMaintenanceEntered(void* context, unsigned nodeCount);
 
   ZelLibrary& library_;
   const sigset_t signals_;
@@ -55,6 +69,10 @@ class Agent {
   // The membership watch runs on the directory's thread; it only wakes the
   // main thread through this pipe.
   int memberLeftFds_[2] = {-1, -1};
+  uint64_t maintenanceWatch_ = 0;
+  // Carries the member count from the directory's thread, as memberLeftFds_.
+  int maintenanceFds_[2] = {-1, -1};
+  int homeWatchFd_ = -1;  // inotify on the home
 };
 
 }  // namespace orvamgmtd

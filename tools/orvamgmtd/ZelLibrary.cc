@@ -34,6 +34,13 @@ ZelLibrary::ZelLibrary(const std::string& path)
     holdLocalMembership = As<decltype(holdLocalMembership)>(Resolve("ZelHoldLocalMembership"));
     releaseLocalMembership =
         As<decltype(releaseLocalMembership)>(Resolve("ZelReleaseLocalMembership"));
+    fireHostEnterMaintenanceMode =
+        As<decltype(fireHostEnterMaintenanceMode)>(Resolve("ZelFireHostEnterMaintenanceMode"));
+    watchLocalMaintenance =
+        As<decltype(watchLocalMaintenance)>(Resolve("ZelWatchLocalMaintenance"));
+    unwatchLocalMaintenance =
+        As<decltype(unwatchLocalMaintenance)>(Resolve("ZelUnwatchLocalMaintenance"));
+    reloadDeclaredNics = As<decltype(reloadDeclaredNics)>(Resolve("ZelReloadDeclaredNics"));
     zelInit = As<decltype(zelInit)>(Resolve("ZelInit"));
     zelDeinit = As<decltype(zelDeinit)>(Resolve("ZelDeinit"));
   } catch (...) {

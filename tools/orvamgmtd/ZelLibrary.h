@@ -30,6 +30,10 @@ class ZelLibrary {
   decltype(&ZelUnwatchLocalMembership) unwatchLocalMembership;
   decltype(&ZelHoldLocalMembership) holdLocalMembership;
   decltype(&ZelReleaseLocalMembership) releaseLocalMembership;
+  decltype(&ZelFireHostEnterMaintenanceMode) fireHostEnterMaintenanceMode;
+  decltype(&ZelWatchLocalMaintenance) watchLocalMaintenance;
+  decltype(&ZelUnwatchLocalMaintenance) unwatchLocalMaintenance;
+  decltype(&ZelReloadDeclaredNics) reloadDeclaredNics;
   decltype(&ZelInit) zelInit;
   decltype(&ZelDeinit) zelDeinit;
 

@@ -1,7 +1,8 @@
 // orvamgmtd: the host management agent of the iSCSI target service. It
 // loads libzel through the plug-in entry, restores the service at start,
 // runs the control thread, and turns the platform's events (network
-// changes, SIGHUP, this host leaving the cluster) into the library's
+// changes, host.json's declared interfaces, SIGHUP, this host leaving the
+// cluster or entering maintenance) into the library's
 // cluster events; SIGTERM stops it cleanly. The library recognises the
 // agent by its process name, so the program must be called orvamgmtd.
 //
@@ -85,6 +86,7 @@ int Run(const Options& options) {
       return 1;
     }
     orvamgmtd::Agent agent(library, signals);
+    agent.WatchHostConfig(home);
     code = agent.Run(report);
   } catch (const std::exception& e) {
     orvamgmtd::Log("%s", e.what());

@@ -1,11 +1,14 @@
 // zelctl commands about the cluster's hosts: who they are and what they own,
 // handing targets to another host, and the events an operator raises on
-// this host (maintenance, leaving the
-// cluster, a system refresh). An event is raised in this process, where the
-// library handles it as the host agent would; a refresh goes to the host
-// agent when one runs, since what it refreshes is the agent's.
+// this host (maintenance, leaving the cluster, a system refresh). An event
+// goes to the host agent when one runs, since what it acts on is the
+// agent's (entering maintenance reaches it through the member entry's flag,
+// a refresh through SIGHUP); without an agent the library handles it in
+// this process, as the agent would.
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -15,6 +18,7 @@
 #include "Output.h"
 #include "directory/HostLookup.h"
 #include "edit/ParserQueries.h"
+#include "platform/Clock.h"
 #include "platform/Events.h"
 #include "platform/Host.h"
 #include "platform/HostServices.h"
@@ -63,6 +67,100 @@ std::string MemberNamed(const std::string& name) {
     if (member.hostUuid == name || member.hostName == name) return member.hostUuid;
   }
   throw OrvaCtlException("Host " + name + " is not a member of the cluster");
+}
+
+// This host's targets: alias -> target identity.
+std::map<std::string, std::string> LocalTargets(const std::string& local) {
+  std::map<std::string, std::string> targets;
+  for (const auto& target : NokCtl::Orva::IscsiTarget::Parser::GetTargets()) {
+    try {
+      if (NokCtl::Orva::IscsiTarget::Util::GetTargetOwnerHostUuid(target.ownerId) == local) {
+        targets[target.alias] = target.ownerId;
+      }
+    } catch (const OrvaCtlException&) {
+      // A target without a known owner is not this host's.
+    }
+  }
+  return targets;
+}
+
+std::string Joined(const std::map<std::string, std::string>& targets) {
+  std::string list;
+  for (const auto& target : targets) list += (list.empty() ? "" : ", ") + target.first;
+  return list;
+}
+
+// The agent hands over one target a second, each tried three times at
+// most, after it has seen the flag.
+constexpr int kMaintenanceWaitBaseSeconds = 30;
+constexpr int kMaintenanceWaitPerTargetSeconds = 3;
+
+// Waits, a second between looks, until this host owns none of `targets`
+// or the bound passes; on a terminal one progress line rewritten in place.
+void AwaitHandOver(const std::string& local, const std::map<std::string, std::string>& targets) {
+  const bool shown = ::isatty(STDERR_FILENO) == 1;
+  const int bound = kMaintenanceWaitBaseSeconds +
+                    kMaintenanceWaitPerTargetSeconds * static_cast<int>(targets.size());
+  int waited = 0;
+  for (size_t left; (left = LocalTargets(local).size()) > 0 && waited < bound; ++waited) {
+    if (shown) {
+      std::cerr << "\rWaiting for the host agent to hand over the targets: "
+                << targets.size() - std::min(left, targets.size()) << " of " << targets.size()
+                << " moved, " << waited << " s of " << bound << std::flush;
+    }
+    Util_Sleep(1);
+  }
+  if (shown && waited > 0) std::cerr << '\n';
+}
+
+// Marks this host in maintenance and sees its targets handed over: by the
+// host agent, which watches the flag, or here when no agent runs (what the
+// operator asked for must happen either way). The report names the new
+// owner of each target that moved; targets that stay make it a failure.
+void EnterMaintenance(bool json) {
+  const std::string local = zel::platform::CurrentHost().Config().hostUuid;
+  const std::map<std::string, std::string> before = LocalTargets(local);
+  const bool agent = AgentPid() != 0;
+  SetMaintenance(true);
+  const zel::platform::ClusterInfo cluster = OrvaInfoImpl::GetClusterInfo();
+  const bool takers = std::any_of(
+      cluster.members.begin(), cluster.members.end(),
+      [&local](const auto& member) { return member.hostUuid != local && !member.maintenance; });
+  std::string why;  // why nothing was tried
+  if (!takers) {
+    why = "no other host in service can take them";
+  } else if (!before.empty() && !Service()->GetIscsiTargetStatus(true)) {
+    why = "the service is disabled on this host";
+  } else if (!before.empty() && agent) {
+    AwaitHandOver(local, before);
+  } else if (!before.empty()) {
+    zel::platform::Events().FireHostEnterMaintenanceMode(
+        static_cast<unsigned>(cluster.members.size()));
+  }
+  const std::map<std::string, std::string> stayed = LocalTargets(local);
+  ordered_json moved = ordered_json::object();
+  for (const auto& target : before) {
+    if (stayed.count(target.first) != 0) continue;
+    const std::string owner =
+        NokCtl::Orva::IscsiTarget::Util::GetTargetOwnerHostUuid(target.second);
+    try {
+      moved[target.first] = NokCtl::Orva::IscsiTarget::Util::GetHostNameFromUuid(owner);
+    } catch (const OrvaCtlException&) {
+      moved[target.first] = owner;  // its owner left the cluster since
+    }
+  }
+  Emit(json, {{"maintenance", true}, {"agent", agent}, {"moved", moved}}, [&] {
+    std::cout << "This host is in maintenance"
+              << (agent ? "" : " (no host agent runs here: zelctl moved its targets)") << '\n';
+    for (const auto& target : moved.items()) {
+      std::cout << "Moved target " << Printable(target.key()) << " to "
+                << Printable(target.value().get<std::string>()) << '\n';
+    }
+  });
+  if (!stayed.empty()) {
+    throw OrvaCtlException("Targets stay on this host: " + Joined(stayed) +
+                           (why.empty() ? "" : " (" + why + ")"));
+  }
 }
 
 struct Transfer {
@@ -131,15 +229,7 @@ void AddClusterCommands(CLI::App& app, const GlobalOptions& options, int& exitCo
   maintenance->require_subcommand(1);
   AddServiceCommand(*maintenance, "enter",
                     "Decommission this host: every target it owns moves to other hosts", options,
-                    exitCode, [&options] {
-                      SetMaintenance(true);
-                      const unsigned members =
-                          static_cast<unsigned>(OrvaInfoImpl::GetClusterInfo().members.size());
-                      zel::platform::Events().FireHostEnterMaintenanceMode(members);
-                      ReportDone(options.json, "This host is in maintenance", [] {
-                        return ordered_json{{"maintenance", true}};
-                      });
-                    });
+                    exitCode, [&options] { EnterMaintenance(options.json); });
   AddServiceCommand(*maintenance, "exit", "Put this host back in service", options, exitCode,
                     [&options] {
                       SetMaintenance(false);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <system_error>
 
 #include "zel/OrvaCtlException.h"
@@ -77,21 +78,31 @@ bool NamedAs(const struct ifaddrs* entry, const std::string& name) {
   return entry->ifa_name != nullptr && name == entry->ifa_name;
 }
 
-
 // Interfaces a host declares, in the state and with the addresses it
-// declares (a demonstration takes one down by editing host.json); the
-// machine's own are not offered.
+// declares (a demonstration takes one down by editing host.json), else the
+// machine's own. The declaration may change while other threads read it.
 class DeclaredNetworkInterfaces final : public NetworkInterfaces {
  public:
-  explicit DeclaredNetworkInterfaces(std::map<std::string, DeclaredNic> nics)
-      : nics_(std::move(nics)) {}
+  DeclaredNetworkInterfaces(std::map<std::string, DeclaredNic> nics,
+                            std::unique_ptr<NetworkInterfaces> machine)
+      : nics_(std::move(nics)), machine_(std::move(machine)) {}
 
   std::vector<std::string> GetNokKernelNicNames() override {
+    std::unique_lock<std::mutex> guard(mutex_);
+    if (nics_.empty()) {
+      guard.unlock();
+      return machine_->GetNokKernelNicNames();
+    }
     std::vector<std::string> names;
     for (const auto& nic : nics_) names.push_back(nic.first);
     return names;
   }
   NokNicState GetNokKernelNicState(const std::string& name) override {
+    std::unique_lock<std::mutex> guard(mutex_);
+    if (nics_.empty()) {
+      guard.unlock();
+      return machine_->GetNokKernelNicState(name);
+    }
     const auto nic = nics_.find(name);
     if (nic == nics_.end()) return NOKNIC_NONE;
     if (nic->second.state == "down") return NOKNIC_DOWN;
@@ -99,13 +110,27 @@ class DeclaredNetworkInterfaces final : public NetworkInterfaces {
   }
   void GetPreferredZelNetworkAddressForNokNic(const std::string& name, std::string* ipv4,
                                               std::string* ipv6) override {
+    std::unique_lock<std::mutex> guard(mutex_);
+    if (nics_.empty()) {
+      guard.unlock();
+      machine_->GetPreferredZelNetworkAddressForNokNic(name, ipv4, ipv6);
+      return;
+    }
     const auto nic = nics_.find(name);
     *ipv4 = nic == nics_.end() ? "" : nic->second.ipv4;
     *ipv6 = nic == nics_.end() ? "" : nic->second.ipv6;
   }
+  bool SetDeclaredNics(const std::map<std::string, DeclaredNic>& nics) override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (nics == nics_) return false;
+    nics_ = nics;
+    return true;
+  }
 
  private:
-  const std::map<std::string, DeclaredNic> nics_;
+  std::mutex mutex_;
+  std::map<std::string, DeclaredNic> nics_;  // guarded by mutex_
+  const std::unique_ptr<NetworkInterfaces> machine_;
 };
 
 }  // namespace
@@ -140,9 +165,9 @@ void LocalNetworkInterfaces::GetPreferredZelNetworkAddressForNokNic(const std::s
 }
 
 std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces(const HostConfig& config) {
-  if (!config.nics.empty()) return std::make_unique<DeclaredNetworkInterfaces>(config.nics);
-  return std::make_unique<LocalNetworkInterfaces>(kSysClassNet,
-                                                  config.profile == Profile::Embedded);
+  return std::make_unique<DeclaredNetworkInterfaces>(
+      config.nics,
+      std::make_unique<LocalNetworkInterfaces>(kSysClassNet, config.profile == Profile::Embedded));
 }
 
 std::vector<std::string> ListNokNicNames(const struct ifaddrs* list, bool offerLoopback) {

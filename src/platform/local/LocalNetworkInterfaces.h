@@ -53,8 +53,9 @@ class LocalNetworkInterfaces final : public NetworkInterfaces {
 };
 
 // The interfaces `config` gives the host: those it declares ("nics"), in
-// their declared states and with their declared addresses; else the machine's, loopback first in
-// the embedded profile.
+// their declared states and with their declared addresses; else the
+// machine's, loopback first in the embedded profile. SetDeclaredNics
+// follows a later edit of the declaration, either way round. Thread-safe.
 std::unique_ptr<NetworkInterfaces> NewLocalNetworkInterfaces(const HostConfig& config);
 
 // The two choices made on a getifaddrs list, apart from the system call.

@@ -1,6 +1,5 @@
 #include "platform/local/LocalPolicyService.h"
 
-#include <algorithm>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -108,11 +107,21 @@ Compliance LocalPolicyService::Judge(const std::string& objectUuid, const std::s
               " cluster members; the cluster has " + std::to_string(cluster.members.size());
     return Compliance::NonCompliant;
   }
-  if (rules.locality &&
-      std::none_of(cluster.members.begin(), cluster.members.end(),
-                   [](const ClusterMember& member) { return !member.faultDomain.empty(); })) {
-    *reason = "locality " + *rules.locality + " needs sites, and no cluster member names one";
-    return Compliance::NonCompliant;
+  if (rules.locality) {
+    std::string preferred;
+    const NOK_ReturnStatus site = cluster_->GetPreferredFaultDomain(&preferred);
+    if (site != NOK_OK) {
+      *reason = std::string("the cluster's preferred site is unknown: ") +
+                NOK_ReturnStatusToString(site);
+      return Compliance::Unknown;
+    }
+    // Placement's own rule: a locality is kept only where placement places by site.
+    if (!IsStretchedCluster(cluster, preferred)) {
+      *reason = "locality " + *rules.locality +
+                " needs a stretched cluster: members in exactly two fault domains, one of them "
+                "the preferred site";
+      return Compliance::NonCompliant;
+    }
   }
   return Compliance::Compliant;
 }
