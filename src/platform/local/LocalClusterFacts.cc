@@ -35,17 +35,22 @@ NOK_ReturnStatus LocalClusterFacts::Announce() {
         directory_.Delete(kClusterMemberEntryType, kClusterMembersKey, hostUuid_);
     return status == NOK_NOT_FOUND ? NOK_OK : status;
   }
-  // A process starting on a host in maintenance keeps it in maintenance.
-  return Publish(InMaintenance());
+  // A process starting on a host in maintenance keeps it in maintenance. A
+  // directory that cannot say fails the announcement at once: a write would
+  // only wait for it as long again.
+  bool maintenance = false;
+  const NOK_ReturnStatus status = InMaintenance(&maintenance);
+  return status == NOK_OK ? Publish(maintenance) : status;
 }
 
-bool LocalClusterFacts::InMaintenance() {
+NOK_ReturnStatus LocalClusterFacts::InMaintenance(bool* maintenance) {
   ClusterInfo current;
-  if (GetClusterInfo(&current) != NOK_OK) return false;
+  const NOK_ReturnStatus status = GetClusterInfo(&current);
+  *maintenance = false;
   for (const ClusterMember& member : current.members) {
-    if (member.hostUuid == hostUuid_) return member.maintenance;
+    if (member.hostUuid == hostUuid_) *maintenance = member.maintenance;
   }
-  return false;
+  return status;
 }
 
 NOK_ReturnStatus LocalClusterFacts::SetMaintenance(bool maintenance) {
@@ -63,7 +68,9 @@ NOK_ReturnStatus LocalClusterFacts::RenewMembership(int ttlSeconds) {
   Directory::LeaseId lease = 0;
   NOK_ReturnStatus status = directory_.GrantLease(ttlSeconds, &lease);
   if (status != NOK_OK) return status;
-  status = Publish(InMaintenance(), lease);
+  bool maintenance = false;
+  status = InMaintenance(&maintenance);
+  if (status == NOK_OK) status = Publish(maintenance, lease);
   if (status != NOK_OK) {
     // The entry stays as it was; the unused lease must not linger.
     directory_.RevokeLease(lease);

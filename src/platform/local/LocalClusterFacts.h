@@ -57,9 +57,9 @@ class LocalClusterFacts final : public ClusterFacts {
 
  private:
   std::string MemberPayload(bool maintenance) const;
-  // Whether this host's member entry says it is in maintenance; false when
-  // it cannot be read.
-  bool InMaintenance();
+  // Whether this host's member entry says it is in maintenance (false
+  // when there is none); NOK_OK or the status of the failure to read it.
+  NOK_ReturnStatus InMaintenance(bool* maintenance);
   // Writes this host's member entry unless it is exactly that already,
   // under `lease` (0: whatever lease holds it now).
   NOK_ReturnStatus Publish(bool maintenance, Directory::LeaseId lease = 0);
