@@ -9,6 +9,7 @@
 //     reported as the median of its rounds next to the median time the
 //     publication itself took in the other process.
 #include <benchmark/benchmark.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -165,8 +166,12 @@ class PublisherTeam {
     }
   }
   ~PublisherTeam() {
+    // Said, not implied by closing the pipe: the later members hold copies
+    // of the earlier ones' pipe ends.
+    const char stop = 'q';
     for (Member& member : members_) {
-      ::close(member.go);  // the member's read ends: it exits
+      if (::write(member.go, &stop, 1) != 1) ::kill(member.pid, SIGTERM);
+      ::close(member.go);
       ::close(member.done);
       ::waitpid(member.pid, nullptr, 0);
     }
@@ -203,7 +208,7 @@ class PublisherTeam {
   static int Serve(zel::test::ServiceHome& home, Board& board, int go, int done) {
     bool installed = false;
     char signal;
-    while (::read(go, &signal, 1) == 1) {
+    while (::read(go, &signal, 1) == 1 && signal != 'q') {
       if (!installed) {
         home.InstallLocalServiceHost(zel::platform::LogLevel::Error);
         installed = true;

@@ -5,7 +5,8 @@
 # read at most twice as slowly per byte as one of 1 MiB; the target list
 # from the clean cache at least 100x faster than from the file in the same
 # run, and a generation published by another process marking this process's
-# cache dirty within 5 ms (median), next to the publication itself; adding a target to a configuration of
+# cache dirty within 5 ms (median), next to the publication itself, and the
+# same on etcd next to etcd's own put-to-watch; adding a target to a configuration of
 # 127 within twice the raw save floor plus the namespace's creation (and the
 # same for removing one, with its deletion), all measured in the same run,
 # and the targets per second of four processes adding at once at least 0.8x
@@ -53,6 +54,31 @@ print(f"target list from the clean cache: {cached:.1f} us, from the file: {fresh
       f"ratio {fresh / floor:.0f}x; of each, freeing the answer: {free:.1f} us")
 print(f"publish-to-dirty between two processes: median {latency['median_ms']:.1f} ms "
       f"(the publication itself {latency['publish_median_ms']:.2f} ms; goal <= 5 ms)")
+PY
+# The same on an etcd member of the run's own: publish-to-dirty next to etcd's
+# own put-to-watch latency (goal at most 2x), and three processes publishing
+# at once on each directory: refusals (NOK_EXISTS) against the publications
+# that had a newer one truly concurrent, and refusals without one (goal 0).
+ZEL_BENCH_DIRECTORY=etcd ZEL_BENCH_CONF="$work/max.conf" ./build/bench/zel_read_path_bench \
+  --benchmark_filter='BM_(PublishToDirtyLatency|EtcdPutToWatch|ConcurrentPublications)' \
+  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$work/etcd.json" --benchmark_out_format=json
+python3 - "$work/read_path.json" "$work/etcd.json" <<'PY'
+import json, sys
+def medians(path):
+    return {b["run_name"].split("/")[0]: b for b in json.load(open(path))["benchmarks"]
+            if b.get("aggregate_name") == "median"}
+sqlite, etcd = medians(sys.argv[1]), medians(sys.argv[2])
+dirty, put = etcd["BM_PublishToDirtyLatency"], etcd["BM_EtcdPutToWatch"]["median_ms"]
+print(f"publish-to-dirty on etcd: median {dirty['median_ms']:.2f} ms (the publication itself "
+      f"{dirty['publish_median_ms']:.2f} ms), etcd's own put-to-watch {put:.2f} ms, "
+      f"ratio {dirty['median_ms'] / put:.1f}x (goal <= 2x)")
+for name, runs in (("SQLite", sqlite), ("etcd", etcd)):
+    c = runs["BM_ConcurrentPublications"]
+    print(f"three processes publishing at once on {name}: {c['publications']:.0f} publications, "
+          f"{c['refused']:.0f} refused, {c['concurrent']:.0f} truly concurrent, "
+          f"{c['refused_unexplained']:.0f} refused without a concurrent rival (goal 0), "
+          f"{c['failed']:.0f} failed")
 PY
 python3 bench/gen_max_conf.py "$work/edit.conf" 127
 ZEL_BENCH_CONF="$work/edit.conf" ./build/bench/zel_edit_bench \

@@ -18,6 +18,7 @@
 
 #include "platform/Log.h"
 #include "platform/local/EtcdClient.h"
+#include "platform/local/Subscriptions.h"
 
 namespace zel {
 namespace platform {
@@ -114,14 +115,6 @@ struct Update {
   Directory::Completion done;
 };
 
-struct Subscription {
-  Directory::SubscriptionHandle handle;
-  uint32_t type;
-  std::string key;
-  Directory::Callback callback;
-  bool active = true;
-};
-
 struct Notice {
   NOK_ReturnStatus status;
   DirectoryEntry entry;
@@ -196,13 +189,7 @@ class EtcdDirectory final : public Directory {
   }
 
   SubscriptionHandle Subscribe(uint32_t type, const std::string& key, Callback callback) override {
-    SubscriptionHandle handle;
-    {
-      std::lock_guard<std::mutex> lock(subsMu_);
-      handle = ++lastHandle_;
-      subs_[handle] = std::make_shared<Subscription>(
-          Subscription{handle, type, key, std::move(callback)});
-    }
+    const SubscriptionHandle handle = subscriptions_.Add(type, key, std::move(callback));
     std::unique_lock<std::mutex> lock(watchMu_);
     if (!watcher_.joinable() && !stopping_) {
       watcher_ = std::thread([this] { WatchLoop(); });
@@ -218,15 +205,7 @@ class EtcdDirectory final : public Directory {
     return handle;
   }
 
-  void Unsubscribe(SubscriptionHandle handle) override {
-    std::unique_lock<std::mutex> lock(subsMu_);
-    auto it = subs_.find(handle);
-    if (it == subs_.end()) return;
-    it->second->active = false;
-    subs_.erase(it);
-    if (std::this_thread::get_id() == deliveryThread_.load()) return;
-    callbackDone_.wait(lock, [&] { return running_ != handle; });
-  }
+  void Unsubscribe(SubscriptionHandle handle) override { subscriptions_.Remove(handle); }
 
   NOK_ReturnStatus GrantLease(int ttlSeconds, LeaseId* lease) override {
     json reply;
@@ -603,11 +582,7 @@ class EtcdDirectory final : public Directory {
   // current state of its key, read at one revision, and the watch goes on
   // after that revision.
   bool Resync(int64_t* next) {
-    std::set<std::pair<uint32_t, std::string>> keys;
-    {
-      std::lock_guard<std::mutex> lock(subsMu_);
-      for (const auto& sub : subs_) keys.emplace(sub.second->type, sub.second->key);
-    }
+    const std::set<std::pair<uint32_t, std::string>> keys = subscriptions_.Keys();
     std::vector<Notice> notices;
     notices.push_back({kLostTrack, DirectoryEntry(), true});
     // The revision of the state given: taken by a range that finds nothing
@@ -633,7 +608,6 @@ class EtcdDirectory final : public Directory {
   }
 
   void DeliveryLoop() {
-    deliveryThread_ = std::this_thread::get_id();
     for (;;) {
       Notice notice;
       {
@@ -649,28 +623,10 @@ class EtcdDirectory final : public Directory {
   }
 
   void Deliver(const Notice& notice) {
-    std::vector<std::shared_ptr<Subscription>> targets;
-    {
-      std::lock_guard<std::mutex> lock(subsMu_);
-      for (const auto& sub : subs_) {
-        if (notice.everyone ||
-            (sub.second->type == notice.entry.type && sub.second->key == notice.entry.key)) {
-          targets.push_back(sub.second);
-        }
-      }
-    }
-    for (const auto& sub : targets) {
-      {
-        std::lock_guard<std::mutex> lock(subsMu_);
-        if (!sub->active) continue;
-        running_ = sub->handle;
-      }
-      sub->callback(notice.status, notice.everyone ? nullptr : &notice.entry);
-      {
-        std::lock_guard<std::mutex> lock(subsMu_);
-        running_ = 0;
-      }
-      callbackDone_.notify_all();
+    if (notice.everyone) {
+      subscriptions_.DeliverLostTrack(notice.status);
+    } else {
+      subscriptions_.Deliver(notice.status, notice.entry);
     }
   }
 
@@ -699,13 +655,8 @@ class EtcdDirectory final : public Directory {
   EtcdStreamStop stop_;
   std::thread watcher_;
   std::thread delivery_;
-  std::atomic<std::thread::id> deliveryThread_{};
 
-  std::mutex subsMu_;
-  std::condition_variable callbackDone_;
-  std::map<SubscriptionHandle, std::shared_ptr<Subscription>> subs_;
-  SubscriptionHandle lastHandle_ = 0;
-  SubscriptionHandle running_ = 0;  // whose callback the delivery thread is in
+  Subscriptions subscriptions_;  // delivered to by the delivery thread
 };
 
 }  // namespace

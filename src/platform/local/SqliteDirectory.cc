@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "platform/Log.h"
+#include "platform/local/Subscriptions.h"
 
 namespace zel {
 namespace platform {
@@ -201,14 +202,6 @@ class Connection {
 
  private:
   sqlite3* db_ = nullptr;
-};
-
-struct Subscription {
-  Directory::SubscriptionHandle handle;
-  uint32_t type;
-  std::string key;
-  Directory::Callback callback;
-  bool active = true;
 };
 
 struct Notice {
@@ -421,22 +414,10 @@ class SqliteDirectory final : public Directory {
 
   SubscriptionHandle Subscribe(uint32_t type, const std::string& key,
                                Callback callback) override {
-    std::lock_guard<std::mutex> lock(subsMu_);
-    SubscriptionHandle handle = ++lastHandle_;
-    subs_[handle] = std::make_shared<Subscription>(
-        Subscription{handle, type, key, std::move(callback)});
-    return handle;
+    return subscriptions_.Add(type, key, std::move(callback));
   }
 
-  void Unsubscribe(SubscriptionHandle handle) override {
-    std::unique_lock<std::mutex> lock(subsMu_);
-    auto it = subs_.find(handle);
-    if (it == subs_.end()) return;
-    it->second->active = false;
-    subs_.erase(it);
-    if (std::this_thread::get_id() == watcher_.get_id()) return;
-    callbackDone_.wait(lock, [&] { return running_ != handle; });
-  }
+  void Unsubscribe(SubscriptionHandle handle) override { subscriptions_.Remove(handle); }
 
  private:
   struct Update {
@@ -635,7 +616,7 @@ class SqliteDirectory final : public Directory {
     }
     pollFailing_ = false;
     dataVersion_ = version;
-    for (const Notice& notice : notices) Deliver(notice);
+    for (const Notice& notice : notices) subscriptions_.Deliver(notice.status, notice.entry);
     return true;
   }
 
@@ -681,11 +662,7 @@ class SqliteDirectory final : public Directory {
   // The changes since the last poll were pruned: the subscribers get their
   // keys' current state, the best that is left to tell.
   int CollectCurrentState(sqlite3* db, std::vector<Notice>* notices) {
-    std::set<std::pair<uint32_t, std::string>> keys;
-    {
-      std::lock_guard<std::mutex> lock(subsMu_);
-      for (const auto& sub : subs_) keys.emplace(sub.second->type, sub.second->key);
-    }
+    const std::set<std::pair<uint32_t, std::string>> keys = subscriptions_.Keys();
     for (const auto& key : keys) {
       Statement current(db, std::string("SELECT ") + kEntryColumns +
                                 " FROM entries WHERE type = ? AND key = ? ORDER BY entry_id");
@@ -702,31 +679,6 @@ class SqliteDirectory final : public Directory {
       }
     }
     return SQLITE_OK;
-  }
-
-  void Deliver(const Notice& notice) {
-    std::vector<std::shared_ptr<Subscription>> targets;
-    {
-      std::lock_guard<std::mutex> lock(subsMu_);
-      for (const auto& sub : subs_) {
-        if (sub.second->type == notice.entry.type && sub.second->key == notice.entry.key) {
-          targets.push_back(sub.second);
-        }
-      }
-    }
-    for (const auto& sub : targets) {
-      {
-        std::lock_guard<std::mutex> lock(subsMu_);
-        if (!sub->active) continue;
-        running_ = sub->handle;
-      }
-      sub->callback(notice.status, &notice.entry);
-      {
-        std::lock_guard<std::mutex> lock(subsMu_);
-        running_ = 0;
-      }
-      callbackDone_.notify_all();
-    }
   }
 
   const std::string path_;
@@ -753,11 +705,7 @@ class SqliteDirectory final : public Directory {
   std::atomic<bool> watcherStopping_{false};
   std::thread watcher_;
 
-  std::mutex subsMu_;
-  std::condition_variable callbackDone_;
-  std::map<SubscriptionHandle, std::shared_ptr<Subscription>> subs_;
-  SubscriptionHandle lastHandle_ = 0;
-  SubscriptionHandle running_ = 0;  // whose callback the watcher is in
+  Subscriptions subscriptions_;  // delivered to by the watcher
 };
 
 }  // namespace
