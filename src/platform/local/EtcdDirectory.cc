@@ -18,6 +18,7 @@
 
 #include "platform/Log.h"
 #include "platform/local/EtcdClient.h"
+#include "platform/local/SerialWorker.h"
 #include "platform/local/Subscriptions.h"
 
 namespace zel {
@@ -126,7 +127,7 @@ class EtcdDirectory final : public Directory {
   EtcdDirectory(std::vector<std::string> endpoints, std::string prefix)
       : client_(std::move(endpoints)), prefix_(std::move(prefix)),
         entries_(prefix_ + "entries/"), byHost_(prefix_ + "by-host/") {
-    worker_ = std::thread([this] { WorkLoop(); });
+    worker_.Start();
   }
 
   ~EtcdDirectory() override {
@@ -140,12 +141,7 @@ class EtcdDirectory final : public Directory {
     watchCv_.notify_all();
     if (watcher_.joinable()) watcher_.join();
     if (delivery_.joinable()) delivery_.join();
-    {
-      std::lock_guard<std::mutex> lock(workMu_);
-      workerStopping_ = true;
-    }
-    workCv_.notify_all();
-    worker_.join();
+    worker_.Stop();
   }
 
   NOK_ReturnStatus Query(uint32_t type, const std::string& key,
@@ -159,11 +155,9 @@ class EtcdDirectory final : public Directory {
   }
 
   void AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate accept, Completion done) override {
-    {
-      std::lock_guard<std::mutex> lock(workMu_);
-      queue_.push_back(Update{entry, std::move(accept), std::move(done)});
-    }
-    workCv_.notify_one();
+    worker_.Post([this, update = Update{entry, std::move(accept), std::move(done)}]() mutable {
+      Run(&update);
+    });
   }
 
   NOK_ReturnStatus Delete(uint32_t type, const std::string& key,
@@ -346,22 +340,13 @@ class EtcdDirectory final : public Directory {
     return entries->empty() ? NOK_NOT_FOUND : NOK_OK;
   }
 
-  void WorkLoop() {
-    std::unique_lock<std::mutex> lock(workMu_);
-    for (;;) {
-      workCv_.wait(lock, [&] { return workerStopping_ || !queue_.empty(); });
-      if (queue_.empty()) return;
-      Update update = std::move(queue_.front());
-      queue_.pop_front();
-      lock.unlock();
-      std::optional<Stored> refusedBy;
-      NOK_ReturnStatus status = Write(&update, &refusedBy);
-      const DirectoryEntry* given = nullptr;
-      if (status == NOK_OK) given = &update.entry;
-      if (status == NOK_EXISTS && refusedBy) given = &refusedBy->entry;
-      if (update.done) update.done(status, given);
-      lock.lock();
-    }
+  void Run(Update* update) {
+    std::optional<Stored> refusedBy;
+    NOK_ReturnStatus status = Write(update, &refusedBy);
+    const DirectoryEntry* given = nullptr;
+    if (status == NOK_OK) given = &update->entry;
+    if (status == NOK_EXISTS && refusedBy) given = &refusedBy->entry;
+    if (update->done) update->done(status, given);
   }
 
   // Read, decide, then write on the revision read. `update->entry` becomes
@@ -635,15 +620,11 @@ class EtcdDirectory final : public Directory {
   const std::string entries_;  // prefix_ entries/
   const std::string byHost_;   // prefix_ by-host/
 
-  // Worker thread only, but for the queue.
+  // The update worker, and what only it touches.
   boost::uuids::random_generator uuids_;
   // What this directory last wrote or read under each identity it wrote.
   std::map<std::string, std::optional<Stored>> lastSeen_;
-  std::mutex workMu_;
-  std::condition_variable workCv_;
-  std::deque<Update> queue_;
-  bool workerStopping_ = false;
-  std::thread worker_;
+  SerialWorker worker_;
 
   // The watch and the delivery of its changes.
   std::mutex watchMu_;

@@ -14,9 +14,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -24,6 +21,7 @@
 #include <utility>
 
 #include "platform/Log.h"
+#include "platform/local/SerialWorker.h"
 #include "platform/local/Subscriptions.h"
 
 namespace zel {
@@ -295,12 +293,7 @@ class SqliteDirectory final : public Directory {
     watcherStopping_ = true;
     wake_.Nudge();
     watcher_.join();
-    {
-      std::lock_guard<std::mutex> lock(workMu_);
-      workerStopping_ = true;
-    }
-    workCv_.notify_all();
-    worker_.join();
+    worker_.Stop();
   }
 
   bool Start() {
@@ -338,7 +331,7 @@ class SqliteDirectory final : public Directory {
       ZEL_LOG_WARNING("%s: Cannot watch the files of %s for writes; polling them instead", kTag,
                       path_.c_str());
     }
-    worker_ = std::thread([this] { WorkLoop(); });
+    worker_.Start();
     watcher_ = std::thread([this] { WatchLoop(); });
     return true;
   }
@@ -359,11 +352,9 @@ class SqliteDirectory final : public Directory {
 
   void AsyncUpdate(const DirectoryEntry& entry, UpdatePredicate accept,
                    Completion done) override {
-    {
-      std::lock_guard<std::mutex> lock(workMu_);
-      queue_.push_back(Update{entry, std::move(accept), std::move(done)});
-    }
-    workCv_.notify_one();
+    worker_.Post([this, update = Update{entry, std::move(accept), std::move(done)}]() mutable {
+      Run(&update);
+    });
   }
 
   NOK_ReturnStatus Delete(uint32_t type, const std::string& key,
@@ -495,19 +486,6 @@ class SqliteDirectory final : public Directory {
     Statement prune(db, "DELETE FROM changes WHERE seq <= ?");
     rc = prune.Bind(*seq - kSqliteDirectoryChangeHistory).Step();
     return rc == SQLITE_DONE ? SQLITE_OK : rc;
-  }
-
-  void WorkLoop() {
-    std::unique_lock<std::mutex> lock(workMu_);
-    for (;;) {
-      workCv_.wait(lock, [&] { return workerStopping_ || !queue_.empty(); });
-      if (queue_.empty()) return;
-      Update update = std::move(queue_.front());
-      queue_.pop_front();
-      lock.unlock();
-      Run(&update);
-      lock.lock();
-    }
   }
 
   void Run(Update* update) {
@@ -687,14 +665,10 @@ class SqliteDirectory final : public Directory {
   std::mutex opsMu_;
   Connection ops_;
 
-  // Worker thread only.
+  // The update worker, and what only it touches.
   Connection updates_;
   boost::uuids::random_generator uuids_;
-  std::mutex workMu_;
-  std::condition_variable workCv_;
-  std::deque<Update> queue_;
-  bool workerStopping_ = false;
-  std::thread worker_;
+  SerialWorker worker_;
 
   // Watcher thread only, after Start.
   Connection watch_;
