@@ -16,9 +16,10 @@
 // across the whole cluster.
 //
 // Updates run one at a time, in the order they were issued, on the
-// directory's worker thread, which also runs their completions: read, decide,
-// then a transaction on the read mod_revision (create_revision 0 when
-// absent), again from the read when another writer came first. A write whose
+// directory's worker thread, which also runs their completions: read (or
+// take what this directory last wrote there), decide, then a transaction on
+// the read mod_revision (create_revision 0 when absent), whose failure
+// branch reads again when another writer came first. A write whose
 // answer was lost (a member died, the leader changed) may have been applied:
 // the nonce of every attempt is remembered and looked for before deciding
 // again, so an update is applied once and reported as such.
@@ -56,7 +57,7 @@ constexpr size_t kEtcdDirectoryBacklog = 1024;
 // cluster ("zel/"; a missing final '/' is added). Null, with a warning logged,
 // only when no endpoint is given.
 std::unique_ptr<Directory> NewEtcdDirectory(std::vector<std::string> endpoints,
-                                                std::string prefix);
+                                            std::string prefix);
 
 }  // namespace platform
 }  // namespace zel
