@@ -9,6 +9,11 @@
 // process: it looks at the database when the database or its write-ahead log
 // is written (inotify on their directory), at once after a write through this
 // object, and every half second in case a change went unreported.
+//
+// Leases are rows of the database timed by the machine's boot clock, which
+// every process reads alike. Whichever process's watcher first looks after
+// a lease ran out (its holder may be dead) deletes it with its entries, so
+// an expired entry goes within about half a second of its time.
 #pragma once
 
 #include <memory>
