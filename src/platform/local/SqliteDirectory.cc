@@ -71,6 +71,10 @@ const char kLeaseIndex[] = "CREATE INDEX IF NOT EXISTS entries_by_lease ON entri
 
 const char kEntryColumns[] = "type, key, entry_id, owner_host, payload, version, lease";
 
+// How often a watcher looks for leases that ran out: an expired entry goes
+// within about this much of its time.
+constexpr int64_t kLeaseLookMillis = 250;
+
 int64_t BootClockMillis() {
   timespec now;
   ::clock_gettime(CLOCK_BOOTTIME, &now);
@@ -446,10 +450,13 @@ class SqliteDirectory final : public Directory {
   // Any process of the machine may be the one that notices a lease ran out
   // (its holder may be dead): each watcher ends the expired ones it sees,
   // through the shared connection, so that its own poll then sees the
-  // deletions as another connection's commit.
+  // deletions as another connection's commit. It looks at most every
+  // kLeaseLookMillis, not at every poll: a poll follows every commit.
   void EndExpiredLeases() {
-    std::lock_guard<std::mutex> lock(opsMu_);
     const int64_t now = BootClockMillis();
+    if (now < nextLeaseLook_) return;
+    nextLeaseLook_ = now + kLeaseLookMillis;
+    std::lock_guard<std::mutex> lock(opsMu_);
     Statement due(ops_.db(), "SELECT 1 FROM leases WHERE expires_ms <= ? LIMIT 1");
     if (due.Bind(now).Step() != SQLITE_ROW) return;
     EndLeases("WHERE expires_ms <= " + std::to_string(now));
@@ -674,6 +681,7 @@ class SqliteDirectory final : public Directory {
   Connection watch_;
   int64_t dataVersion_ = 0;
   int64_t lastSeq_ = 0;
+  int64_t nextLeaseLook_ = 0;  // boot-clock milliseconds
   bool pollFailing_ = false;
   WatchWake wake_;
   std::atomic<bool> watcherStopping_{false};
