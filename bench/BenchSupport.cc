@@ -20,8 +20,9 @@ std::string BenchConfText() {
   return text.str();
 }
 
-void MeasureRawSaveFloor(benchmark::State& state, const std::string& dir,
+void MeasureRawSaveFloor(benchmark::State& state, const std::string& saved,
                          const std::string& text) {
+  const std::string dir = saved.substr(0, saved.rfind('/') + 1);
   const std::string temp = dir + "floor.tmp";
   const std::string target = dir + "floor.conf";
   for (auto _ : state) {

@@ -13,10 +13,11 @@ namespace bench {
 // gen_max_conf.py); throws when the variable is not set.
 std::string BenchConfText();
 
-// Times, per iteration of `state`, the least a durable save of `text` in
-// directory `dir` costs: a temporary file written and synced, renamed over
-// the target, and the directory synced. Leaves no file behind.
-void MeasureRawSaveFloor(benchmark::State& state, const std::string& dir,
+// Times, per iteration of `state`, the least a durable save of `text` as
+// the file `saved` costs, in its directory: a temporary file written and
+// synced, renamed over the target, and the directory synced. Leaves no file
+// behind and `saved` untouched.
+void MeasureRawSaveFloor(benchmark::State& state, const std::string& saved,
                          const std::string& text);
 
 }  // namespace bench

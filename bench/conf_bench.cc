@@ -67,7 +67,7 @@ BENCHMARK(BM_SaveMaxConf)->Unit(benchmark::kMillisecond);
 // The least a durable atomic save of these bytes can cost: write a temporary
 // file, fsync it, rename it into place, fsync the directory.
 void BM_RawSaveFloor(benchmark::State& state) {
-  zel::bench::MeasureRawSaveFloor(state, Home().Dir(), Home().Text());
+  zel::bench::MeasureRawSaveFloor(state, Home().Dir() + "/zel.conf", Home().Text());
 }
 BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
 

@@ -342,9 +342,7 @@ BENCHMARK(BM_DeleteTargetNamespace)->Unit(benchmark::kMillisecond);
 // the same file system: write a temporary file beside it, fsync it, rename
 // it into place, fsync the directory.
 void BM_RawSaveFloor(benchmark::State& state) {
-  const std::string confPath = gBench.editHome->ConfPath();
-  zel::bench::MeasureRawSaveFloor(state, confPath.substr(0, confPath.rfind('/') + 1),
-                                  gBench.editText);
+  zel::bench::MeasureRawSaveFloor(state, gBench.editHome->ConfPath(), gBench.editText);
 }
 BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
 

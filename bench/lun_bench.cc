@@ -193,9 +193,7 @@ BENCHMARK(BM_CreateVirtualDisk)->Unit(benchmark::kMillisecond);
 // cost, on the same file system: write a temporary file beside it, fsync it,
 // rename it into place, fsync the directory.
 void BM_RawSaveFloor(benchmark::State& state) {
-  const std::string confPath = gBench.home->ConfPath();
-  zel::bench::MeasureRawSaveFloor(state, confPath.substr(0, confPath.rfind('/') + 1),
-                                  gBench.confText);
+  zel::bench::MeasureRawSaveFloor(state, gBench.home->ConfPath(), gBench.confText);
 }
 BENCHMARK(BM_RawSaveFloor)->Unit(benchmark::kMillisecond);
 
