@@ -105,9 +105,9 @@ std::string Bytes(const json& object, const char* name) {
 
 // An entry as read from one of its keys, with what the writers need.
 struct Stored {
-  DirectoryEntry entry;
+  DirectoryEntry entry;  // its version is the key's mod_revision
   std::string nonce;
-  int64_t mod = 0;
+  int64_t Mod() const { return int64_t(entry.version); }
 };
 
 struct Update {
@@ -171,7 +171,7 @@ class EtcdDirectory final : public Directory {
       // Gone after an attempt of ours whose answer was lost: that attempt, or
       // another deleter, removed it; either way it is deleted.
       if (!stored) return uncertain ? NOK_OK : NOK_NOT_FOUND;
-      json txn = {{"compare", json::array({ModIs(name, stored->mod)})},
+      json txn = {{"compare", json::array({ModIs(name, stored->Mod())})},
                   {"success", json::array({DeleteOp(name), DeleteOp(IndexKey(stored->entry))})}};
       json reply;
       EtcdResult result = client_.Call("/v3/kv/txn", txn, &reply);
@@ -271,9 +271,8 @@ class EtcdDirectory final : public Directory {
     entry.type = uint32_t(std::strtoul(parts[0].c_str(), nullptr, 10));
     entry.key = Unescape(parts[parts.size() - 2]);
     entry.entryId = Unescape(parts.back());
-    out->mod = Number(kv, "mod_revision");
+    entry.version = uint64_t(Number(kv, "mod_revision"));
     entry.lease = Number(kv, "lease");
-    entry.version = uint64_t(out->mod);
     json value = json::parse(Bytes(kv, "value"), nullptr, false);
     if (!value.is_object()) return true;  // a deletion's key-value carries no value
     entry.ownerHost = value.value("owner", "");
@@ -383,11 +382,11 @@ class EtcdDirectory final : public Directory {
         entry = (*stored)->entry;
         return NOK_OK;
       }
-      if (*stored && lowestCompared >= 0 && (*stored)->mod > lowestCompared) {
+      if (*stored && lowestCompared >= 0 && (*stored)->Mod() > lowestCompared) {
         // Another writer came after the attempt whose answer was lost: look
         // back through the key's history for that attempt.
         std::optional<Stored> own;
-        if (FindOwn(name, (*stored)->mod, lowestCompared, nonces, &own) && own) {
+        if (FindOwn(name, (*stored)->Mod(), lowestCompared, nonces, &own) && own) {
           entry = own->entry;
           return NOK_OK;
         }
@@ -399,7 +398,7 @@ class EtcdDirectory final : public Directory {
       }
       const std::string nonce = boost::uuids::to_string(uuids_());
       nonces.insert(nonce);
-      const int64_t compared = *stored ? (*stored)->mod : 0;
+      const int64_t compared = *stored ? (*stored)->Mod() : 0;
       const LeaseId bound = update->entry.lease;
       const LeaseId lease = bound ? bound : *stored ? (*stored)->entry.lease : 0;
       const std::string value = Encode(entry, nonce);
@@ -429,7 +428,7 @@ class EtcdDirectory final : public Directory {
       if (reply.value("succeeded", false)) {
         entry.version = uint64_t(Number(reply.value("header", json::object()), "revision"));
         entry.lease = lease;
-        Remember(name, Stored{entry, nonce, int64_t(entry.version)});
+        Remember(name, Stored{entry, nonce});
         return NOK_OK;
       }
       // Another writer came first: decide again on what it stored.
@@ -455,12 +454,12 @@ class EtcdDirectory final : public Directory {
     for (int64_t revision = from - 1; revision > downTo;) {
       std::optional<Stored> older;
       if (ReadOne(name, revision, &older, "read an entry's history") != NOK_OK) return false;
-      if (!older || older->mod <= downTo) return true;
+      if (!older || older->Mod() <= downTo) return true;
       if (nonces.count(older->nonce)) {
         *own = std::move(older);
         return true;
       }
-      revision = older->mod - 1;
+      revision = older->Mod() - 1;
     }
     return true;
   }
@@ -532,7 +531,7 @@ class EtcdDirectory final : public Directory {
                 stored.entry.payload.clear();
               }
               notices.push_back({deleted ? NOK_NOT_FOUND : NOK_OK, std::move(stored.entry)});
-              next = std::max(next, stored.mod + 1);
+              next = std::max(next, stored.Mod() + 1);
             }
             Queue(std::move(notices));
             if (resync) return false;
